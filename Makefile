@@ -1,0 +1,44 @@
+# make run  - install what is missing, build, and record (a demo on a virtual display when there
+#             is no desktop session; the tray application when there is one)
+# make test - install, build, and run every test, also under AddressSanitizer/UBSan and
+#             ThreadSanitizer
+.PHONY: all deps build build-asan build-tsan run test install format clean
+
+BUILD_DIR ?= build
+PREFIX ?= /usr/local
+JOBS ?= $(shell nproc)
+
+all: build
+
+deps:
+	@./scripts/install-deps
+
+build: deps
+	@cmake -S . -B $(BUILD_DIR)/release -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_INSTALL_PREFIX=$(PREFIX) >/dev/null
+	@cmake --build $(BUILD_DIR)/release -j $(JOBS)
+
+build-asan: deps
+	@cmake -S . -B $(BUILD_DIR)/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DGB_PLATFORM=OFF \
+	  -DGB_SANITIZE=address >/dev/null
+	@cmake --build $(BUILD_DIR)/asan -j $(JOBS)
+
+build-tsan: deps
+	@cmake -S . -B $(BUILD_DIR)/tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DGB_PLATFORM=OFF \
+	  -DGB_SANITIZE=thread >/dev/null
+	@cmake --build $(BUILD_DIR)/tsan -j $(JOBS)
+
+run: build
+	@./scripts/run
+
+test: build build-asan build-tsan
+	@./scripts/test-all $(BUILD_DIR)
+
+install: build
+	@cmake --install $(BUILD_DIR)/release --prefix $(PREFIX)
+
+format:
+	@find src tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format -i
+
+clean:
+	@rm -rf $(BUILD_DIR)
