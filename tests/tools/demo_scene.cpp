@@ -1,0 +1,92 @@
+// A busy, moving scene for demos, end-to-end tests and benchmarks: a full-screen window with
+// scrolling colour bars, a bouncing box and a frame counter, redrawn 30 times a second.
+// Usage: demo_scene [--flat RRGGBB]   (--flat paints one flat colour once and then idles)
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+namespace {
+volatile std::sig_atomic_t gStop = 0;
+void onSignal(int) { gStop = 1; }
+
+unsigned long rgb(int r, int g, int b) {
+    return (static_cast<unsigned long>(r & 255) << 16) | (static_cast<unsigned long>(g & 255) << 8) |
+           static_cast<unsigned long>(b & 255);
+}
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::signal(SIGTERM, onSignal);
+    std::signal(SIGINT, onSignal);
+    long flat = -1;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--flat") == 0 && i + 1 < argc) {
+            flat = std::strtol(argv[++i], nullptr, 16);
+        }
+    }
+    Display* dpy = XOpenDisplay(nullptr);
+    if (!dpy) {
+        std::fprintf(stderr, "demo_scene: cannot open display\n");
+        return 1;
+    }
+    const int screen = DefaultScreen(dpy);
+    const int w = DisplayWidth(dpy, screen);
+    const int h = DisplayHeight(dpy, screen);
+    XSetWindowAttributes attrs{};
+    attrs.override_redirect = True;
+    attrs.background_pixel = flat >= 0 ? static_cast<unsigned long>(flat) : 0;
+    Window win = XCreateWindow(dpy, RootWindow(dpy, screen), 0, 0, w, h, 0, CopyFromParent,
+                               InputOutput, CopyFromParent, CWOverrideRedirect | CWBackPixel,
+                               &attrs);
+    XMapRaised(dpy, win);
+    GC gc = XCreateGC(dpy, win, 0, nullptr);
+    XSync(dpy, False);
+
+    if (flat >= 0) {
+        XClearWindow(dpy, win);
+        XSync(dpy, False);
+        while (!gStop) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        XCloseDisplay(dpy);
+        return 0;
+    }
+
+    Pixmap back = XCreatePixmap(dpy, win, w, h, DefaultDepth(dpy, screen));
+    auto next = std::chrono::steady_clock::now();
+    long frame = 0;
+    int bx = 100, by = 100, dx = 9, dy = 7;
+    const int bars = 16;
+    while (!gStop) {
+        const int barW = w / bars + 1;
+        for (int i = 0; i < bars; ++i) {
+            const int hue = static_cast<int>((i * 16 + frame * 3) % 256);
+            XSetForeground(dpy, gc, rgb(hue, 255 - hue, (hue * 7) % 256));
+            XFillRectangle(dpy, back, gc, static_cast<int>((i * barW + frame * 4) % (w + barW)) - barW,
+                           0, barW, h);
+        }
+        bx += dx;
+        by += dy;
+        if (bx < 0 || bx > w - 200) dx = -dx;
+        if (by < 0 || by > h - 200) dy = -dy;
+        XSetForeground(dpy, gc, rgb(255, 255, 255));
+        XFillRectangle(dpy, back, gc, bx, by, 200, 200);
+        XSetForeground(dpy, gc, rgb(0, 0, 0));
+        const std::string label = "Glimmerbox demo frame " + std::to_string(frame);
+        XDrawString(dpy, back, gc, bx + 10, by + 100, label.c_str(), static_cast<int>(label.size()));
+        XCopyArea(dpy, back, win, gc, 0, 0, w, h, 0, 0);
+        XSync(dpy, False);
+        ++frame;
+        next += std::chrono::milliseconds(33);
+        std::this_thread::sleep_until(next);
+    }
+    XFreePixmap(dpy, back);
+    XFreeGC(dpy, gc);
+    XCloseDisplay(dpy);
+    return 0;
+}
