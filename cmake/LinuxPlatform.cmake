@@ -3,7 +3,7 @@ find_package(PkgConfig REQUIRED)
 pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET
   libavcodec libavformat libavutil libswscale libswresample)
 pkg_check_modules(X11LIBS REQUIRED IMPORTED_TARGET x11 xext xfixes xrandr xtst)
-pkg_check_modules(PULSE REQUIRED IMPORTED_TARGET libpulse)
+pkg_check_modules(PULSE REQUIRED IMPORTED_TARGET libpulse libpulse-simple)
 find_package(Qt6 REQUIRED COMPONENTS Core Gui Widgets DBus)
 find_package(benchmark REQUIRED)
 
@@ -67,12 +67,12 @@ foreach(src IN LISTS GB_BENCH_SOURCES)
   target_link_libraries(${name} PRIVATE glimmerbox_linux glimmerbox_fakes benchmark::benchmark)
 endforeach()
 
-# Small helper programs that the end-to-end tests drive (tests/tools/NAME.cpp -> NAME).
+# Small helper programs that the demo and the end-to-end tests drive (tests/tools/NAME.cpp -> NAME).
 file(GLOB GB_TOOL_SOURCES CONFIGURE_DEPENDS tests/tools/*.cpp)
 foreach(src IN LISTS GB_TOOL_SOURCES)
   get_filename_component(name ${src} NAME_WE)
   add_executable(${name} ${src})
-  target_link_libraries(${name} PRIVATE PkgConfig::X11LIBS Threads::Threads)
+  target_link_libraries(${name} PRIVATE PkgConfig::X11LIBS PkgConfig::PULSE Threads::Threads)
   if(TARGET glimmerbox_e2e_tests)
     add_dependencies(glimmerbox_e2e_tests ${name})
   endif()
