@@ -47,7 +47,13 @@ Process::Process(std::vector<std::string> argv, std::map<std::string, std::strin
     pid_ = fork();
     if (pid_ == 0) {
         setpgid(0, 0);
-        for (auto& [k, v] : env) setenv(k.c_str(), v.c_str(), 1);
+        for (auto& [k, v] : env) {
+            if (v.empty()) {
+                unsetenv(k.c_str());
+            } else {
+                setenv(k.c_str(), v.c_str(), 1);
+            }
+        }
         int o = open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         int e = open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         int n = open("/dev/null", O_RDONLY);

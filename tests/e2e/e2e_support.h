@@ -31,7 +31,8 @@ private:
 // A child process; killed (SIGKILL) at destruction if still running.
 class Process {
 public:
-    // Runs argv with the current environment plus `env` (NAME=VALUE entries override).
+    // Runs argv with the current environment plus `env` (NAME=VALUE entries override; an empty
+    // value removes the variable).
     // Standard output and error go to files (see stdoutText()).
     Process(std::vector<std::string> argv, std::map<std::string, std::string> env = {});
     ~Process();
