@@ -1,5 +1,6 @@
 #include "linux/v4l2_camera.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -332,6 +333,24 @@ TEST(V4l2CameraDiscovery, CameraThatIsGoneIsNotConnected) {
     EXPECT_EQ(info.localizedName, "HD Webcam");  // the last known description stays
     EXPECT_FALSE(camera->lockForConfiguration().ok());
     EXPECT_FALSE(camera->makeInput().ok());
+}
+
+TEST(V4l2SystemCalls, ListVideoNodesInNumberOrderAndRejectWhatIsNoCamera) {
+    V4l2Calls& calls = systemV4l2Calls();
+    long previous = -1;
+    for (const std::string& path : calls.videoNodePaths()) {
+        ASSERT_EQ(path.rfind("/dev/video", 0), 0U) << path;
+        const long number = std::stol(path.substr(10));
+        EXPECT_GT(number, previous);
+        previous = number;
+    }
+    for (const auto& link : calls.deviceLinks()) EXPECT_EQ(link.targetPath.rfind("/dev/", 0), 0U);
+
+    const int fd = calls.open("/dev/null", O_RDWR);
+    ASSERT_GE(fd, 0);
+    V4l2Fd owner(calls, fd);
+    EXPECT_FALSE(describeV4l2Node(calls, fd, true).has_value());  // VIDIOC_QUERYCAP: ENOTTY
+    EXPECT_EQ(errnoText(ENOTTY), "Inappropriate ioctl for device");
 }
 
 // ---- busy devices and configuration -----------------------------------------------------------
