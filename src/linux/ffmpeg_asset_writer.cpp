@@ -154,6 +154,7 @@ bool WriterCore::startWriting() {
         if (audio_.settings)
             config.audio = std::get<AudioOutputSettingsForWriter>(*audio_.settings);
         config.commitInterval = options_.commitInterval;
+        config.x264Preset = options_.x264Preset;
     }
     // Opening the encoders and creating the file take a moment; no lock is held meanwhile.
     auto created = MovieEncoder::create(config);

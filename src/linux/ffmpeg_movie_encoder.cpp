@@ -40,13 +40,15 @@ int64_t millisecondsOf(int64_t frames, int rate) {
 
 }  // namespace
 
-MovieEncoder::MovieEncoder(std::string path, std::chrono::milliseconds commitInterval)
-    : path_(std::move(path)), commitInterval_(commitInterval) {}
+MovieEncoder::MovieEncoder(std::string path, std::chrono::milliseconds commitInterval,
+                           std::string preset)
+    : path_(std::move(path)), commitInterval_(commitInterval), x264Preset_(std::move(preset)) {}
 
 MovieEncoder::~MovieEncoder() = default;
 
 Result<std::unique_ptr<MovieEncoder>> MovieEncoder::create(const Config& config) {
-    std::unique_ptr<MovieEncoder> encoder(new MovieEncoder(config.path, config.commitInterval));
+    std::unique_ptr<MovieEncoder> encoder(
+        new MovieEncoder(config.path, config.commitInterval, config.x264Preset));
     encoder->packet_.reset(av_packet_alloc());
     AVFormatContext* muxer = nullptr;
     if (avformat_alloc_output_context2(&muxer, nullptr, "mov", nullptr) < 0 || !muxer ||
@@ -103,7 +105,7 @@ Result<void> MovieEncoder::openVideo(const VideoOutputSettingsForWriter& setting
     const bool cabac = settings.compression.entropyMode == "CABAC";
     const char* profile = x264Profile(settings.compression.profileLevel);
     AVDictionary* options = nullptr;
-    av_dict_set(&options, "preset", kX264Preset, 0);
+    av_dict_set(&options, "preset", x264Preset_.c_str(), 0);
     av_dict_set(&options, "tune", "zerolatency", 0);
     av_dict_set(&options, "profile", profile, 0);
     av_dict_set(&options, "coder",

@@ -32,9 +32,6 @@
 
 namespace gb::linuxp {
 
-// Speed/quality trade-off of libx264, chosen for real-time 1080p30 on two cores.
-inline constexpr const char* kX264Preset = "superfast";
-
 class MovieEncoder {
 public:
     struct Config {
@@ -43,6 +40,7 @@ public:
         std::optional<AudioOutputSettingsForWriter> audio;
         // How often the growing file is sealed and made durable.
         std::chrono::milliseconds commitInterval{1000};
+        std::string x264Preset = "superfast";
     };
 
     struct Stats {
@@ -88,7 +86,7 @@ public:
     [[nodiscard]] const std::string& path() const { return path_; }
 
 private:
-    explicit MovieEncoder(std::string path, std::chrono::milliseconds commitInterval);
+    MovieEncoder(std::string path, std::chrono::milliseconds commitInterval, std::string preset);
 
     Result<void> openVideo(const VideoOutputSettingsForWriter& settings);
     Result<void> openAudio(const AudioOutputSettingsForWriter& settings);
@@ -108,6 +106,7 @@ private:
 
     std::string path_;
     std::chrono::milliseconds commitInterval_;
+    std::string x264Preset_;
     std::unique_ptr<FileOutput> file_;
     OutputFormatPtr muxer_;
     PacketPtr packet_;
