@@ -236,6 +236,8 @@ bool WriterCore::append(MediaType type, const SampleBufferRef& sample) {
 
 void WriterCore::run(std::stop_token stop) {
     std::unique_ptr<MovieEncoder> encoder;  // owned by this thread once handed over
+    std::deque<SampleBufferRef> abandonedVideo;
+    std::deque<SampleBufferRef> abandonedAudio;
     for (;;) {
         Job job;
         MediaTime sessionStart;
@@ -248,7 +250,13 @@ void WriterCore::run(std::stop_token stop) {
                 wake_.wait(lock, stop, [&] { return hasWork(); });
             }
             const bool finishing = finishRequested_ && !finished_;
-            if (stop.stop_requested() && !finishing) break;
+            if (stop.stop_requested() && !finishing) {
+                // Queued pictures go back to the capture pool now (outside the lock), not when
+                // the inputs go.
+                abandonedVideo.swap(video_.queue);
+                abandonedAudio.swap(audio_.queue);
+                break;
+            }
             if (handover_) encoder = std::move(handover_);
             if (!audio_.queue.empty()) {
                 job.audio = std::move(audio_.queue.front());
@@ -295,6 +303,8 @@ void WriterCore::run(std::stop_token stop) {
         }
     }
 
+    abandonedVideo.clear();
+    abandonedAudio.clear();
     if (encoder) {
         // Released while recording: keep what was written, as a fragmented movie.
         if (auto committed = encoder->commitIfDue(std::chrono::steady_clock::time_point::max());
