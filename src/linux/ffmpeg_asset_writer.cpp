@@ -356,7 +356,12 @@ AssetWriterStatus WriterCore::finish(std::unique_ptr<MovieEncoder>& encoder) {
     logTotals(encoder.get());
     const int64_t shift = encoder->timelineShiftMicroseconds();
     encoder.reset();
-    if (auto rewritten = rewriteAsIndexedMovie(path_, shift); !rewritten) {
+    const auto rewriteBegan = std::chrono::steady_clock::now();
+    auto rewritten = rewriteAsIndexedMovie(path_, shift);
+    const auto rewriteTook = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - rewriteBegan);
+    logLine("Writer: index written in " + std::to_string(rewriteTook.count()) + " ms");
+    if (!rewritten) {
         // The fragmented movie is complete and plays as it is; nothing is lost.
         logLine("Writer: " + rewritten.error().localizedDescription +
                 " The recording is kept as a fragmented movie.");

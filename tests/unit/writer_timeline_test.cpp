@@ -65,6 +65,14 @@ TEST(AudioSyncCorrector, GapIsFilledWithSilenceAndTrackAheadIsTrimmed) {
     EXPECT_EQ(sync.inputFramesDropped(), 2880);
 }
 
+TEST(AudioSyncCorrector, ImplausibleGapIsFilledOnlyUpToTheLimit) {
+    AudioSyncCorrector sync(44100, milliseconds(40), std::chrono::seconds(60));
+    (void)sync.place(milliseconds(0), 0, 441, 44100);
+    // Stamped ten hours later: one minute of silence, not ten hours of it.
+    const auto p = sync.place(std::chrono::hours(10), 441, 441, 44100);
+    EXPECT_EQ(p.silenceFrames, 60 * 44100);
+}
+
 TEST(AudioSyncCorrector, DropNeverExceedsTheBuffer) {
     AudioSyncCorrector sync(44100);
     (void)sync.place(milliseconds(0), 0, 441, 44100);

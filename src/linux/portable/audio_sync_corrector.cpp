@@ -19,8 +19,11 @@ int64_t nanosecondsOf(int64_t frames, int rate) {
 
 }  // namespace
 
-AudioSyncCorrector::AudioSyncCorrector(int outputRate, std::chrono::nanoseconds tolerance)
-    : outputRate_(outputRate), toleranceFrames_(framesIn(tolerance.count(), outputRate)) {}
+AudioSyncCorrector::AudioSyncCorrector(int outputRate, std::chrono::nanoseconds tolerance,
+                                       std::chrono::nanoseconds maxSilence)
+    : outputRate_(outputRate),
+      toleranceFrames_(framesIn(tolerance.count(), outputRate)),
+      maxSilenceFrames_(framesIn(maxSilence.count(), outputRate)) {}
 
 AudioSyncCorrector::Placement AudioSyncCorrector::place(std::chrono::nanoseconds offset,
                                                         int64_t placedFrames, int inputFrames,
@@ -33,7 +36,7 @@ AudioSyncCorrector::Placement AudioSyncCorrector::place(std::chrono::nanoseconds
     const bool correct =
         !started_ || p.driftFrames > toleranceFrames_ || p.driftFrames < -toleranceFrames_;
     if (correct && p.driftFrames > 0) {
-        p.silenceFrames = p.driftFrames;
+        p.silenceFrames = std::min(p.driftFrames, maxSilenceFrames_);
     } else if (correct && p.driftFrames < 0) {
         // Measured in time rather than output frames, so no rounding creeps in twice.
         const int64_t aheadNs = nanosecondsOf(placedFrames, outputRate_) - offset.count();

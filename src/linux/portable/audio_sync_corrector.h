@@ -26,8 +26,11 @@ public:
         int64_t driftFrames = 0;
     };
 
+    // Gaps longer than `maxSilence` are filled only that far: a timestamp that far off is more
+    // likely wrong than a microphone that was silent for so long.
     explicit AudioSyncCorrector(int outputRate,
-                                std::chrono::nanoseconds tolerance = std::chrono::milliseconds(40));
+                                std::chrono::nanoseconds tolerance = std::chrono::milliseconds(40),
+                                std::chrono::nanoseconds maxSilence = std::chrono::seconds(60));
 
     // Places a buffer of `inputFrames` frames at `inputRate` whose first frame was captured
     // `offset` after the session start, when `placedFrames` output frames have been laid down
@@ -44,6 +47,7 @@ public:
 private:
     int outputRate_;
     int64_t toleranceFrames_;
+    int64_t maxSilenceFrames_;
     bool started_ = false;
     int64_t corrections_ = 0;
     int64_t silenceFramesInserted_ = 0;
