@@ -1,7 +1,8 @@
 // The movie writer's cost: encoder CPU per recorded second at 1080p30 for each libx264 preset,
 // and the time from finishWriting() to its completion (flush, index rewrite, rename) after
 // recordings of 5 s and 60 s. Peak RSS is reported with each run (the process's high-water
-// mark, so run one benchmark per process for a clean figure: --benchmark_filter=...).
+// mark, so run one benchmark per process for a clean figure: --benchmark_filter=...), and the
+// part of it that the writer adds (writer_rss_MB).
 //
 // Frames are screen-like (flat panels, text-like strokes) with a noisy region that changes every
 // frame, so the encoder spends its whole bit budget as on a busy desktop.
@@ -13,6 +14,7 @@
 #include <cmath>
 #include <condition_variable>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <random>
 #include <string>
@@ -48,6 +50,15 @@ double peakRssMegabytes() {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
     return static_cast<double>(usage.ru_maxrss) / 1024.0;
+}
+
+// Resident set size now.
+double rssMegabytes() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmRSS:", 0) == 0) return std::atof(line.c_str() + 6) / 1024.0;
+    }
+    return 0;
 }
 
 // A few distinct desktop-like pictures, reused round-robin (the capture pool does the same).
@@ -183,6 +194,7 @@ void BM_Encode1080p30(benchmark::State& state, const std::string& preset) {
     const int seconds = 10;
     for (auto _ : state) {
         const std::string path = benchPath("encode_" + preset + ".mov");
+        const double rssBefore = rssMegabytes();
         Writer w = openWriter(path, 1920, 1080, preset);
         const double cpuBefore = processCpuSeconds();
         const auto wallBefore = std::chrono::steady_clock::now();
@@ -196,6 +208,8 @@ void BM_Encode1080p30(benchmark::State& state, const std::string& preset) {
         state.counters["encode_fps"] = seconds * kFramesPerSecond / wall;
         state.counters["file_MB"] = static_cast<double>(fs::file_size(path)) / 1e6;
         state.counters["peak_rss_MB"] = peakRssMegabytes();
+        // What the writer adds at its peak (valid when this is the process's first run).
+        state.counters["writer_rss_MB"] = peakRssMegabytes() - rssBefore;
         fs::remove(path);
     }
 }
