@@ -11,6 +11,10 @@
 // up to then. finishWriting() rewrites it, without re-encoding, into an ordinary movie with its
 // index, and renames that over the original in one step.
 //
+// At finish the writer logs what it refused, one line each: "(encoder busy)" counts "not ready"
+// answers while writing (the recorder drops the frame it asked about), "(queue full)" counts
+// appends refused because the queue was full.
+//
 // Threads: every method of the writer and its inputs may be called from any thread. The
 // finishWriting completion runs on the writer's thread, exactly once per call.
 // Ownership: the writer and its inputs share one internal state; the writer's thread keeps it
