@@ -12,33 +12,30 @@ namespace gb::linuxp {
 class DataOutputCore::InFlightTicket {
 public:
     // Takes a place among the samples in flight, if one is left (check held()).
-    InFlightTicket(std::atomic<int>& counter, int max, std::shared_ptr<CaptureOutput> output)
-        : counter_(&counter), output_(std::move(output)) {
+    InFlightTicket(std::shared_ptr<std::atomic<int>> counter, int max)
+        : counter_(std::move(counter)) {
         if (counter_->fetch_add(1) >= max) release();
     }
-    InFlightTicket(const InFlightTicket& other) : counter_(other.counter_), output_(other.output_) {
-        if (counter_ != nullptr) counter_->fetch_add(1);
+    InFlightTicket(const InFlightTicket& other) : counter_(other.counter_) {
+        if (counter_) counter_->fetch_add(1);
     }
-    InFlightTicket(InFlightTicket&& other) noexcept
-        : counter_(std::exchange(other.counter_, nullptr)), output_(std::move(other.output_)) {}
+    InFlightTicket(InFlightTicket&& other) noexcept : counter_(std::move(other.counter_)) {}
     InFlightTicket& operator=(const InFlightTicket&) = delete;
     InFlightTicket& operator=(InFlightTicket&&) = delete;
-    // The count drops before output_ (which keeps the counter alive) is released.
     ~InFlightTicket() { release(); }
 
     [[nodiscard]] bool held() const { return counter_ != nullptr; }
-    [[nodiscard]] CaptureOutput& output() const { return *output_; }
 
 private:
     void release() {
-        if (counter_ != nullptr) std::exchange(counter_, nullptr)->fetch_sub(1);
+        if (counter_) std::exchange(counter_, nullptr)->fetch_sub(1);
     }
 
-    std::atomic<int>* counter_;
-    std::shared_ptr<CaptureOutput> output_;
+    std::shared_ptr<std::atomic<int>> counter_;
 };
 
-DataOutputCore::DataOutputCore(int maxInFlight) : maxInFlight_(std::max(1, maxInFlight)) {}
+DataOutputCore::DataOutputCore(int maxInFlight)
+    : maxInFlight_(std::max(1, maxInFlight)), inFlight_(std::make_shared<std::atomic<int>>(0)) {}
 
 void DataOutputCore::setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
                                              std::shared_ptr<SerialQueue> queue) {
@@ -47,7 +44,7 @@ void DataOutputCore::setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate
     queue_ = std::move(queue);
 }
 
-void DataOutputCore::deliver(const SampleBufferRef& sample, std::shared_ptr<CaptureOutput> output) {
+void DataOutputCore::deliver(const SampleBufferRef& sample, std::weak_ptr<CaptureOutput> output) {
     std::weak_ptr<CaptureOutputDelegate> delegate;
     std::shared_ptr<SerialQueue> queue;
     {
@@ -56,13 +53,18 @@ void DataOutputCore::deliver(const SampleBufferRef& sample, std::shared_ptr<Capt
         queue = queue_;
     }
     if (!queue) return;
-    InFlightTicket ticket(inFlight_, maxInFlight_, std::move(output));
+    InFlightTicket ticket(inFlight_, maxInFlight_);
     if (!ticket.held()) {
         dropped_.fetch_add(1);
         return;
     }
-    queue->async([ticket = std::move(ticket), delegate = std::move(delegate), sample] {
-        if (auto receiver = delegate.lock()) receiver->captureOutput(ticket.output(), sample);
+    // The closure holds the output weakly: an output owns its queue, and a queue must not end
+    // up releasing itself from its own thread.
+    queue->async([ticket = std::move(ticket), output = std::move(output),
+                  delegate = std::move(delegate), sample] {
+        auto from = output.lock();
+        auto receiver = delegate.lock();
+        if (from && receiver) receiver->captureOutput(*from, sample);
     });
 }
 
@@ -80,7 +82,7 @@ void LinuxVideoDataOutput::setVideoSettings(const VideoOutputSettings& settings)
 }
 
 void LinuxVideoDataOutput::deliver(const SampleBufferRef& sample) {
-    core_.deliver(sample, shared_from_this());
+    core_.deliver(sample, weak_from_this());
 }
 
 LinuxAudioDataOutput::LinuxAudioDataOutput(int maxInFlight) : core_(maxInFlight) {}
@@ -91,7 +93,7 @@ void LinuxAudioDataOutput::setSampleBufferDelegate(std::weak_ptr<CaptureOutputDe
 }
 
 void LinuxAudioDataOutput::deliver(const SampleBufferRef& sample) {
-    core_.deliver(sample, shared_from_this());
+    core_.deliver(sample, weak_from_this());
 }
 
 namespace {

@@ -26,16 +26,15 @@ public:
 
     void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
                                  std::shared_ptr<SerialQueue> queue);
-    // Capture thread. Posts to the queue a closure that hands the sample to the delegate (if it
-    // still exists) together with `output`, which the closure keeps alive. Drops and counts the
-    // sample when `maxInFlight` samples are already queued or being handled there; drops it
-    // silently when no queue was given. Never waits: the only lock is a short one around reading
-    // the delegate and queue.
-    void deliver(const SampleBufferRef& sample, std::shared_ptr<CaptureOutput> output);
+    // Capture thread. Posts to the queue a closure that hands the sample, with `output`, to the
+    // delegate if both still exist. Drops and counts the sample when `maxInFlight` samples are
+    // already queued or being handled there; drops it silently when no queue was given. Never
+    // waits: the only lock is a short one around reading the delegate and queue.
+    void deliver(const SampleBufferRef& sample, std::weak_ptr<CaptureOutput> output);
 
     [[nodiscard]] int maxInFlight() const { return maxInFlight_; }
     // Samples queued or being handled right now.
-    [[nodiscard]] int inFlight() const { return inFlight_.load(); }
+    [[nodiscard]] int inFlight() const { return inFlight_->load(); }
     // Drops since the last call (and resets the count).
     [[nodiscard]] uint64_t takeDropCount() { return dropped_.exchange(0); }
     [[nodiscard]] uint64_t dropCount() const { return dropped_.load(); }
@@ -46,7 +45,8 @@ private:
     class InFlightTicket;
 
     const int maxInFlight_;
-    std::atomic<int> inFlight_{0};
+    // Shared with the tickets of queued samples, which may outlive the output.
+    const std::shared_ptr<std::atomic<int>> inFlight_;
     std::atomic<uint64_t> dropped_{0};
     mutable std::mutex mutex_;
     std::weak_ptr<CaptureOutputDelegate> delegate_;  // guarded by mutex_

@@ -339,9 +339,10 @@ bool isWaylandSessionFromEnvironment() {
     return isWaylandSession(std::getenv("WAYLAND_DISPLAY"), std::getenv("XDG_SESSION_TYPE"));
 }
 
-// Everything the grabbing thread works with. Made by start() on the caller's thread, then owned
-// and used by the grabbing thread alone. Members are destroyed in reverse order: the server's
-// attachments go before the connection closes.
+// The X connection, the frame buffers and the cursor: everything a grab needs. Made by prepare()
+// and kept between runs; used by the grabbing thread while it runs, otherwise only under the
+// source's mutex. Members are destroyed in reverse order: the server's attachments go before the
+// connection closes.
 class X11ScreenSource::Grabber {
 public:
     static Result<std::unique_ptr<Grabber>> open(const X11CaptureOptions& options,

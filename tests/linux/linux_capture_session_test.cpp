@@ -422,6 +422,22 @@ TEST_F(LinuxCaptureSessionTest, SampleForAReleasedDelegateIsDroppedSilently) {
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+TEST_F(LinuxCaptureSessionTest, SampleOfAReleasedOutputIsDroppedSilently) {
+    auto screen = input(MediaType::video, "screen");
+    auto output = std::make_shared<LinuxVideoDataOutput>();
+    auto delegate = std::make_shared<RecordingDelegate>();
+    output->setSampleBufferDelegate(delegate, queue);
+    session.addInput(screen);
+    session.addOutput(output);
+    session.startRunning();
+    ASSERT_TRUE(screen->source.emit(videoSample(0)));
+    session.stopRunning();
+    session.removeOutput(output);
+    output.reset();  // a waiting sample does not keep its output alive
+    EXPECT_EQ(queue->runPending(), 1);
+    EXPECT_THAT(delegate->deliveries(), IsEmpty());
+}
+
 TEST_F(LinuxCaptureSessionTest, SamplesOfADiscardedQueueGiveTheirPlacesBack) {
     auto screen = input(MediaType::video, "screen");
     auto output = std::make_shared<LinuxVideoDataOutput>();
