@@ -1,0 +1,44 @@
+// A private virtual X display for tests and benchmarks: starts Xvfb on a free display number
+// (-displayfd) and ends it when destroyed. Xvfb also dies with the thread that started it, so a
+// crashing test leaves no server behind.
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace gb::fakes {
+
+class XvfbServer {
+public:
+    struct Options {
+        int width = 1920;
+        int height = 1080;
+        int depth = 24;
+        std::vector<std::string> extraArguments;  // e.g. {"+extension", "RANDR"}
+    };
+
+    // The running server, or null (with a message on stderr) when Xvfb could not start.
+    [[nodiscard]] static std::unique_ptr<XvfbServer> start(const Options& options);
+    [[nodiscard]] static std::unique_ptr<XvfbServer> start() { return start(Options{}); }
+
+    ~XvfbServer();
+    XvfbServer(const XvfbServer&) = delete;
+    XvfbServer& operator=(const XvfbServer&) = delete;
+
+    // ":N"
+    [[nodiscard]] const std::string& displayName() const { return displayName_; }
+    [[nodiscard]] pid_t pid() const { return pid_; }
+    // Ends the server now (SIGTERM, then SIGKILL if it lingers) and waits for it.
+    void kill();
+
+private:
+    XvfbServer(pid_t pid, std::string displayName)
+        : pid_(pid), displayName_(std::move(displayName)) {}
+    pid_t pid_;
+    std::string displayName_;
+};
+
+}  // namespace gb::fakes

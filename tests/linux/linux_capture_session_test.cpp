@@ -1,0 +1,521 @@
+// The Linux capture session and data outputs, driven by fake capture sources.
+#include "linux/linux_capture_session.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fakes/fake_dispatch.h"
+#include "linux/portable/thread_dispatch.h"
+#include "recording/log.h"
+
+namespace gb::linuxp {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+// Lines written through logLine while alive.
+class LogCapture {
+public:
+    LogCapture() {
+        previous_ = setLogSink([this](std::string_view line) {
+            std::lock_guard lock(mutex_);
+            lines_.emplace_back(line);
+        });
+    }
+    ~LogCapture() { setLogSink(std::move(previous_)); }
+    [[nodiscard]] std::vector<std::string> lines() const {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
+
+private:
+    LogSink previous_;
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;  // guarded by mutex_
+};
+
+// Start and stop calls of every fake source, in order.
+class EventLog {
+public:
+    void add(std::string event) {
+        std::lock_guard lock(mutex_);
+        events_.push_back(std::move(event));
+    }
+    [[nodiscard]] std::vector<std::string> events() const {
+        std::lock_guard lock(mutex_);
+        return events_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> events_;  // guarded by mutex_
+};
+
+// A source that delivers whatever the test emits. Emitting holds the lock that stop() takes, so
+// once stop() returned, nothing is delivered any more (as the contract asks of real sources).
+class FakeSource final : public CaptureSource {
+public:
+    FakeSource(MediaType type, std::string name, EventLog& log)
+        : type_(type), name_(std::move(name)), log_(log) {}
+
+    [[nodiscard]] MediaType mediaType() const override { return type_; }
+    Result<void> start(Deliver deliver) override {
+        log_.add("start " + name_);
+        if (failStart) return PlatformError{"test", 7, "device is busy"};
+        std::lock_guard lock(mutex_);
+        deliver_ = std::move(deliver);
+        return {};
+    }
+    void stop() override {
+        log_.add("stop " + name_);
+        std::lock_guard lock(mutex_);
+        deliver_ = nullptr;
+    }
+    // Delivers one sample as the source's thread would; false when not started.
+    bool emit(const SampleBufferRef& sample) {
+        std::lock_guard lock(mutex_);
+        if (!deliver_) return false;
+        deliver_(sample);
+        return true;
+    }
+
+    bool failStart = false;
+
+private:
+    const MediaType type_;
+    const std::string name_;
+    EventLog& log_;
+    std::mutex mutex_;
+    Deliver deliver_;  // guarded by mutex_
+};
+
+class FakeInput final : public CaptureInput, public SourceBackedInput {
+public:
+    FakeInput(MediaType type, std::string name, EventLog& log)
+        : source(type, std::move(name), log) {}
+    [[nodiscard]] MediaType mediaType() const override { return source.mediaType(); }
+    [[nodiscard]] CaptureSource& captureSource() override { return source; }
+    FakeSource source;
+};
+
+// An input with no source behind it.
+class PlainInput final : public CaptureInput {
+public:
+    [[nodiscard]] MediaType mediaType() const override { return MediaType::video; }
+};
+
+// An output of another platform.
+class ForeignOutput final : public VideoDataOutput {
+public:
+    void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate>,
+                                 std::shared_ptr<SerialQueue>) override {}
+    void setVideoSettings(const VideoOutputSettings&) override {}
+};
+
+struct Delivery {
+    CaptureOutput* output;
+    SampleBufferRef sample;
+    bool onQueue;
+};
+
+// Records what it receives; with `blocking` set, holds the queue until released.
+class RecordingDelegate final : public CaptureOutputDelegate {
+public:
+    explicit RecordingDelegate(const SerialQueue* queue = nullptr) : queue_(queue) {}
+
+    void captureOutput(CaptureOutput& output, const SampleBufferRef& sample) override {
+        std::unique_lock lock(mutex_);
+        deliveries_.push_back({&output, sample, queue_ != nullptr && queue_->isCurrent()});
+        changed_.notify_all();
+        changed_.wait(lock, [&] { return !blocking_; });
+    }
+    void block() {
+        std::lock_guard lock(mutex_);
+        blocking_ = true;
+    }
+    void unblock() {
+        {
+            std::lock_guard lock(mutex_);
+            blocking_ = false;
+        }
+        changed_.notify_all();
+    }
+    // Waits (at most 10 s, against a hang) until `count` samples arrived.
+    bool waitFor(size_t count) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(10),
+                                 [&] { return deliveries_.size() >= count; });
+    }
+    [[nodiscard]] std::vector<Delivery> deliveries() const {
+        std::lock_guard lock(mutex_);
+        return deliveries_;
+    }
+
+private:
+    const SerialQueue* queue_;
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<Delivery> deliveries_;  // guarded by mutex_
+    bool blocking_ = false;             // guarded by mutex_
+};
+
+SampleBufferRef videoSample(int64_t ns) {
+    return SampleBuffer::video(
+        PixelBuffer::allocate(4, 4),
+        {MediaTime::invalid(), MediaTime::fromNanoseconds(ns), MediaTime::invalid()});
+}
+
+SampleBufferRef audioSample(int64_t ns) {
+    return SampleBuffer::audio(
+        std::make_shared<AudioBuffer>(),
+        {MediaTime::invalid(), MediaTime::fromNanoseconds(ns), MediaTime::invalid()});
+}
+
+class LinuxCaptureSessionTest : public ::testing::Test {
+protected:
+    std::shared_ptr<FakeInput> input(MediaType type, const std::string& name) {
+        return std::make_shared<FakeInput>(type, name, events);
+    }
+
+    EventLog events;
+    LogCapture log;
+    LinuxCaptureSession session;
+    std::shared_ptr<fakes::ManualQueue> queue = std::make_shared<fakes::ManualQueue>("rec");
+};
+
+TEST_F(LinuxCaptureSessionTest, KeepsInputsAndOutputsInAddingOrder) {
+    auto screen = input(MediaType::video, "screen");
+    auto mic = input(MediaType::audio, "mic");
+    auto audioOut = std::make_shared<LinuxAudioDataOutput>();
+    auto videoOut = std::make_shared<LinuxVideoDataOutput>();
+    session.addInput(screen);
+    session.addInput(mic);
+    session.addOutput(audioOut);
+    session.addOutput(videoOut);
+
+    EXPECT_THAT(session.inputs(), ElementsAre(screen, mic));
+    EXPECT_THAT(session.outputs(), ElementsAre(audioOut, videoOut));
+
+    session.removeInput(screen);
+    session.removeOutput(audioOut);
+    EXPECT_THAT(session.inputs(), ElementsAre(mic));
+    EXPECT_THAT(session.outputs(), ElementsAre(videoOut));
+}
+
+TEST_F(LinuxCaptureSessionTest, RefusesDuplicatesAndObjectsItCannotConnect) {
+    auto screen = input(MediaType::video, "screen");
+    auto output = std::make_shared<LinuxVideoDataOutput>();
+    EXPECT_TRUE(session.canAddInput(screen));
+    session.addInput(screen);
+    session.addOutput(output);
+
+    EXPECT_FALSE(session.canAddInput(screen));
+    EXPECT_FALSE(session.canAddInput(nullptr));
+    EXPECT_FALSE(session.canAddInput(std::make_shared<PlainInput>()));
+    EXPECT_FALSE(session.canAddOutput(output));
+    EXPECT_FALSE(session.canAddOutput(nullptr));
+    EXPECT_FALSE(session.canAddOutput(std::make_shared<ForeignOutput>()));
+    EXPECT_TRUE(session.canAddOutput(std::make_shared<LinuxAudioDataOutput>()));
+
+    session.addInput(std::make_shared<PlainInput>());
+    session.addOutput(output);
+    EXPECT_EQ(session.inputs().size(), 1u);
+    EXPECT_EQ(session.outputs().size(), 1u);
+    EXPECT_THAT(log.lines(),
+                ElementsAre("⚠️ Capture session refused an input it cannot take",
+                            "⚠️ Capture session refused an output it cannot take"));
+}
+
+TEST_F(LinuxCaptureSessionTest, StartsSourcesInAddingOrderAndStopsThemLastFirst) {
+    session.addInput(input(MediaType::video, "screen"));
+    session.addInput(input(MediaType::audio, "mic"));
+    session.addOutput(std::make_shared<LinuxVideoDataOutput>());
+    session.addOutput(std::make_shared<LinuxAudioDataOutput>());
+    EXPECT_THAT(events.events(), IsEmpty());
+
+    session.startRunning();
+    session.startRunning();  // already running: nothing more
+    EXPECT_TRUE(session.isRunning());
+    session.stopRunning();
+    session.stopRunning();  // already stopped: nothing more
+    EXPECT_FALSE(session.isRunning());
+
+    EXPECT_THAT(events.events(),
+                ElementsAre("start screen", "start mic", "stop mic", "stop screen"));
+}
+
+TEST_F(LinuxCaptureSessionTest, DeliversEachSampleOnTheQueueWithTheFirstOutputOfItsType) {
+    auto screen = input(MediaType::video, "screen");
+    auto mic = input(MediaType::audio, "mic");
+    auto firstVideo = std::make_shared<LinuxVideoDataOutput>();
+    auto secondVideo = std::make_shared<LinuxVideoDataOutput>();
+    auto audioOut = std::make_shared<LinuxAudioDataOutput>();
+    auto delegate = std::make_shared<RecordingDelegate>(queue.get());
+    for (auto& out :
+         std::vector<std::shared_ptr<CaptureOutput>>{firstVideo, secondVideo, audioOut}) {
+        out->setSampleBufferDelegate(delegate, queue);
+    }
+    session.addInput(screen);
+    session.addInput(mic);
+    session.addOutput(firstVideo);
+    session.addOutput(secondVideo);
+    session.addOutput(audioOut);
+    session.startRunning();
+
+    const auto frame = videoSample(1);
+    const auto audio = audioSample(2);
+    ASSERT_TRUE(screen->source.emit(frame));
+    ASSERT_TRUE(mic->source.emit(audio));
+    EXPECT_THAT(delegate->deliveries(), IsEmpty());  // nothing runs on the capture thread
+
+    EXPECT_EQ(queue->runPending(), 2);
+    const auto got = delegate->deliveries();
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0].output, firstVideo.get());
+    EXPECT_EQ(got[0].sample, frame);
+    EXPECT_TRUE(got[0].onQueue);
+    EXPECT_EQ(got[1].output, audioOut.get());
+    EXPECT_EQ(got[1].sample, audio);
+    EXPECT_TRUE(got[1].onQueue);
+
+    session.stopRunning();
+    EXPECT_FALSE(screen->source.emit(frame));
+    EXPECT_FALSE(mic->source.emit(audio));
+}
+
+TEST_F(LinuxCaptureSessionTest, LeavesAnInputWithoutOutputOfItsTypeIdle) {
+    auto camera = input(MediaType::video, "camera");
+    session.addInput(camera);
+    session.addOutput(std::make_shared<LinuxAudioDataOutput>());
+    session.startRunning();
+    session.stopRunning();
+    EXPECT_THAT(events.events(), IsEmpty());
+}
+
+TEST_F(LinuxCaptureSessionTest, LogsASourceThatFailsToStartAndRunsTheOthers) {
+    auto screen = input(MediaType::video, "screen");
+    auto mic = input(MediaType::audio, "mic");
+    screen->source.failStart = true;
+    auto audioOut = std::make_shared<LinuxAudioDataOutput>();
+    auto delegate = std::make_shared<RecordingDelegate>();
+    audioOut->setSampleBufferDelegate(delegate, queue);
+    session.addInput(screen);
+    session.addInput(mic);
+    session.addOutput(std::make_shared<LinuxVideoDataOutput>());
+    session.addOutput(audioOut);
+
+    session.startRunning();
+    EXPECT_THAT(log.lines(), ElementsAre("❌ Video capture source failed to start: device is busy"));
+    EXPECT_TRUE(session.isRunning());
+    ASSERT_TRUE(mic->source.emit(audioSample(1)));
+    queue->runPending();
+    EXPECT_EQ(delegate->deliveries().size(), 1u);
+
+    // A later change does not retry (and log) the failed source; the next run does.
+    session.beginConfiguration();
+    session.commitConfiguration();
+    session.stopRunning();
+    EXPECT_THAT(events.events(), ElementsAre("start screen", "start mic", "stop mic"));
+}
+
+TEST_F(LinuxCaptureSessionTest, VideoOutputDropsFramesBeyondTwoInFlightAndLogsTheTotalAtStop) {
+    auto screen = input(MediaType::video, "screen");
+    auto output = std::make_shared<LinuxVideoDataOutput>();
+    auto delegate = std::make_shared<RecordingDelegate>();
+    output->setSampleBufferDelegate(delegate, queue);
+    session.addInput(screen);
+    session.addOutput(output);
+    session.startRunning();
+
+    for (int i = 0; i < 5; ++i) ASSERT_TRUE(screen->source.emit(videoSample(i)));
+    EXPECT_EQ(queue->pendingCount(), 2u);
+    EXPECT_EQ(output->core().dropCount(), 3u);
+
+    // Once the queue caught up, frames are taken again.
+    queue->runPending();
+    ASSERT_TRUE(screen->source.emit(videoSample(9)));
+    queue->runPending();
+    const auto got = delegate->deliveries();
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_EQ(got[2].sample->presentationTime(), MediaTime::fromNanoseconds(9));
+
+    session.stopRunning();
+    EXPECT_THAT(log.lines(),
+                ElementsAre("⚠️ Video output dropped 3 frames: the receiving queue "
+                            "was busy"));
+    // The count starts again for the next run: a clean run logs nothing.
+    session.startRunning();
+    session.stopRunning();
+    EXPECT_EQ(log.lines().size(), 1u);
+}
+
+TEST_F(LinuxCaptureSessionTest, AudioOutputLetsFiftyBuffersWait) {
+    auto mic = input(MediaType::audio, "mic");
+    auto output = std::make_shared<LinuxAudioDataOutput>();
+    output->setSampleBufferDelegate(std::make_shared<RecordingDelegate>(), queue);
+    session.addInput(mic);
+    session.addOutput(output);
+    session.startRunning();
+    for (int i = 0; i < 60; ++i) ASSERT_TRUE(mic->source.emit(audioSample(i)));
+    EXPECT_EQ(queue->pendingCount(), 50u);
+    session.stopRunning();
+    EXPECT_THAT(log.lines(), ElementsAre("⚠️ Audio output dropped 10 audio buffers: the "
+                                         "receiving queue was busy"));
+}
+
+TEST_F(LinuxCaptureSessionTest, StalledDelegateNeverBlocksTheCaptureThread) {
+    auto realQueue = std::make_shared<ThreadSerialQueue>("glimmerbox.recording");
+    auto screen = input(MediaType::video, "screen");
+    auto output = std::make_shared<LinuxVideoDataOutput>();
+    auto delegate = std::make_shared<RecordingDelegate>(realQueue.get());
+    delegate->block();
+    output->setSampleBufferDelegate(delegate, realQueue);
+    session.addInput(screen);
+    session.addOutput(output);
+    session.startRunning();
+
+    // The first frame enters the (stuck) delegate, the second waits on the queue, the rest go.
+    ASSERT_TRUE(screen->source.emit(videoSample(0)));
+    ASSERT_TRUE(delegate->waitFor(1));
+    auto capture = std::async(std::launch::async, [&] {
+        for (int i = 1; i < 100; ++i) screen->source.emit(videoSample(i));
+    });
+    ASSERT_EQ(capture.wait_for(std::chrono::seconds(10)), std::future_status::ready)
+        << "the capture thread blocked on a stalled delegate";
+    EXPECT_EQ(output->core().dropCount(), 98u);
+
+    delegate->unblock();
+    ASSERT_TRUE(delegate->waitFor(2));
+    session.stopRunning();
+    const auto got = delegate->deliveries();
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[1].sample->presentationTime(), MediaTime::fromNanoseconds(1));
+    EXPECT_TRUE(got[1].onQueue);
+    EXPECT_THAT(log.lines(),
+                ElementsAre("⚠️ Video output dropped 98 frames: the receiving queue "
+                            "was busy"));
+}
+
+TEST_F(LinuxCaptureSessionTest, SampleForAReleasedDelegateIsDroppedSilently) {
+    auto screen = input(MediaType::video, "screen");
+    auto output = std::make_shared<LinuxVideoDataOutput>();
+    auto delegate = std::make_shared<RecordingDelegate>();
+    output->setSampleBufferDelegate(delegate, queue);
+    session.addInput(screen);
+    session.addOutput(output);
+    session.startRunning();
+    ASSERT_TRUE(screen->source.emit(videoSample(0)));
+    delegate.reset();
+    EXPECT_EQ(queue->runPending(), 1);
+    EXPECT_EQ(output->core().inFlight(), 0);
+    session.stopRunning();
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(LinuxCaptureSessionTest, SampleOfAReleasedOutputIsDroppedSilently) {
+    auto screen = input(MediaType::video, "screen");
+    auto output = std::make_shared<LinuxVideoDataOutput>();
+    auto delegate = std::make_shared<RecordingDelegate>();
+    output->setSampleBufferDelegate(delegate, queue);
+    session.addInput(screen);
+    session.addOutput(output);
+    session.startRunning();
+    ASSERT_TRUE(screen->source.emit(videoSample(0)));
+    session.stopRunning();
+    session.removeOutput(output);
+    output.reset();  // a waiting sample does not keep its output alive
+    EXPECT_EQ(queue->runPending(), 1);
+    EXPECT_THAT(delegate->deliveries(), IsEmpty());
+}
+
+TEST_F(LinuxCaptureSessionTest, SamplesOfADiscardedQueueGiveTheirPlacesBack) {
+    auto screen = input(MediaType::video, "screen");
+    auto output = std::make_shared<LinuxVideoDataOutput>();
+    auto delegate = std::make_shared<RecordingDelegate>();
+    output->setSampleBufferDelegate(delegate, queue);
+    session.addInput(screen);
+    session.addOutput(output);
+    session.startRunning();
+    ASSERT_TRUE(screen->source.emit(videoSample(0)));
+    ASSERT_TRUE(screen->source.emit(videoSample(1)));
+    EXPECT_EQ(output->core().inFlight(), 2);
+
+    auto next = std::make_shared<fakes::ManualQueue>("next");
+    output->setSampleBufferDelegate(delegate, next);
+    queue.reset();  // its two closures are dropped unrun
+    EXPECT_EQ(output->core().inFlight(), 0);
+
+    ASSERT_TRUE(screen->source.emit(videoSample(2)));
+    EXPECT_EQ(next->runPending(), 1);
+    EXPECT_EQ(output->core().dropCount(), 0u);
+    ASSERT_EQ(delegate->deliveries().size(), 1u);
+}
+
+TEST_F(LinuxCaptureSessionTest, ChangesWhileRunningTakeEffectAtCommit) {
+    auto screen = input(MediaType::video, "screen");
+    session.addInput(screen);
+    session.addOutput(std::make_shared<LinuxVideoDataOutput>());
+    session.startRunning();
+
+    auto mic = input(MediaType::audio, "mic");
+    session.beginConfiguration();
+    session.addInput(mic);
+    session.addOutput(std::make_shared<LinuxAudioDataOutput>());
+    session.removeInput(screen);
+    EXPECT_THAT(events.events(), ElementsAre("start screen"));
+    session.commitConfiguration();
+    EXPECT_THAT(events.events(), ElementsAre("start screen", "stop screen", "start mic"));
+
+    session.removeInput(mic);  // outside a transaction: at once
+    EXPECT_THAT(events.events(),
+                ElementsAre("start screen", "stop screen", "start mic", "stop mic"));
+    session.stopRunning();
+    EXPECT_EQ(events.events().size(), 4u);
+}
+
+TEST_F(LinuxCaptureSessionTest, StartInsideATransactionWaitsForTheCommit) {
+    session.beginConfiguration();
+    session.addInput(input(MediaType::video, "screen"));
+    session.addOutput(std::make_shared<LinuxVideoDataOutput>());
+    session.startRunning();
+    EXPECT_THAT(events.events(), IsEmpty());
+    session.commitConfiguration();
+    EXPECT_THAT(events.events(), ElementsAre("start screen"));
+    session.stopRunning();
+}
+
+TEST(LinuxCaptureSessionLifetime, DestroyingARunningSessionStopsItsSources) {
+    EventLog events;
+    auto screen = std::make_shared<FakeInput>(MediaType::video, "screen", events);
+    {
+        LinuxCaptureSession session;
+        session.addInput(screen);
+        session.addOutput(std::make_shared<LinuxVideoDataOutput>());
+        session.startRunning();
+    }
+    EXPECT_THAT(events.events(), ElementsAre("start screen", "stop screen"));
+    EXPECT_FALSE(screen->source.emit(videoSample(0)));
+}
+
+TEST(LinuxVideoDataOutputTest, KeepsBgraWhenAskedForAnotherFormat) {
+    LogCapture log;
+    LinuxVideoDataOutput output;
+    output.setVideoSettings({kPixelFormatBGRA});
+    EXPECT_THAT(log.lines(), IsEmpty());
+    output.setVideoSettings({0x32767579});  // '2vuy'
+    EXPECT_THAT(log.lines(), ElementsAre(HasSubstr("only 32-bit BGRA")));
+    EXPECT_EQ(output.mediaType(), MediaType::video);
+}
+
+}  // namespace
+}  // namespace gb::linuxp

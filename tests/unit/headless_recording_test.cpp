@@ -1,0 +1,132 @@
+// The headless recording on the fake platform: options reach the recorder and its services, the
+// duration stops it, a stop requested while starting waits for the start, and the outcome is
+// one line (the file's path) or the error's text with its exit code.
+#include <gtest/gtest.h>
+
+#include "app/record_command.h"
+#include "fakes/fake_access.h"
+#include "fakes/fake_dispatch.h"
+#include "fakes/fake_display.h"
+#include "fakes/fake_files.h"
+#include "fakes/fake_recording_services.h"
+#include "fakes/fake_writer.h"
+#include "fakes/log_capture.h"
+#include "recording/permission_manager.h"
+#include "recording/recording_file_manager.h"
+
+namespace gb {
+namespace {
+
+using namespace gb::fakes;
+using namespace std::chrono_literals;
+
+class HeadlessRecordingTest : public ::testing::Test {
+protected:
+    HeadlessRecordingTest() {
+        access.grantAll();
+        recorder = ScreenRecorder::create(
+            {std::make_shared<PermissionManager>(access), capture, composer, fileManager}, dispatch);
+    }
+
+    std::shared_ptr<HeadlessRecording> make(RecordCommandOptions options,
+                                            RecordAutomationHooks hooks = {}) {
+        return std::make_shared<HeadlessRecording>(
+            recorder, dispatch, options,
+            HeadlessRecording::Output{[this](const std::string& l) { out.push_back(l); },
+                                      [this](const std::string& l) { err.push_back(l); }},
+            std::move(hooks), [this](int code) { exitCode = code; });
+    }
+
+    LogCapture log;
+    FakeDispatch dispatch;
+    FakeAccessRequester access;
+    FakeFileSystem files;
+    FakeDefaultsStore defaults;
+    FakeDateFormatter dates;
+    FakeAssetWriterFactory factory{&files};
+    FakeDisplayProvider display;
+    FakeFolderPicker picker;
+    std::shared_ptr<FakeCaptureService> capture = std::make_shared<FakeCaptureService>();
+    std::shared_ptr<FakeCompositionService> composer = std::make_shared<FakeCompositionService>();
+    std::shared_ptr<RecordingFileManager> fileManager =
+        std::make_shared<RecordingFileManager>(files, defaults, dates, factory, display, picker);
+    std::shared_ptr<ScreenRecorder> recorder;
+    std::vector<std::string> out;
+    std::vector<std::string> err;
+    std::optional<int> exitCode;
+};
+
+TEST_F(HeadlessRecordingTest, RecordsForTheDurationAndPrintsThePath) {
+    RecordCommandOptions o;
+    o.durationSeconds = 5;
+    o.quality = VideoQuality::medium;
+    o.cameraOverlay = false;
+    o.cameraSize = CameraOverlayPreset::large;
+    o.cameraPosition = CameraPosition::topLeft;
+    auto run = make(o);
+    run->start();
+    dispatch.runAll();
+
+    // The options were written where the tray's menu actions write them.
+    EXPECT_EQ(recorder->videoQuality(), VideoQuality::medium);
+    EXPECT_FALSE(recorder->cameraOverlayEnabled());
+    EXPECT_FALSE(capture->cameraOverlayEnabled());
+    EXPECT_FALSE(composer->cameraOverlayEnabled());
+    EXPECT_EQ(capture->cameraOverlayPreset(), CameraOverlayPreset::large);
+    EXPECT_EQ(composer->cameraOverlayPreset(), CameraOverlayPreset::large);
+    EXPECT_EQ(composer->cameraPosition(), CameraPosition::topLeft);
+
+    // The recorder's own 0.1 s pause counts toward the five seconds.
+    const auto sleeps = dispatch.sleeperImpl.sleeps();
+    ASSERT_EQ(sleeps.size(), 2u);
+    EXPECT_EQ(sleeps[0], 100ms);
+    EXPECT_EQ(sleeps[1], 4900ms);
+    EXPECT_EQ(exitCode, 0);
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].substr(out[0].size() - 4), ".mov");
+    EXPECT_NE(out[0].find("/Glimmerbox Recordings/glimmerbox-"), std::string::npos);
+    EXPECT_TRUE(err.empty());
+    EXPECT_TRUE(log.contains("Recording completed successfully"));
+}
+
+TEST_F(HeadlessRecordingTest, AFailedStartPrintsTheErrorAndExitsWithOne) {
+    capture->setScreenSetupError(CaptureSessionError::microphoneUnavailable());
+    auto run = make({});
+    run->start();
+    dispatch.runAll();
+    EXPECT_EQ(exitCode, 1);
+    EXPECT_TRUE(out.empty());
+    ASSERT_EQ(err.size(), 1u);
+    EXPECT_EQ(err[0], "Setup failed: No microphone found");
+}
+
+TEST_F(HeadlessRecordingTest, AStopDuringTheStartTakesEffectOnceRecording) {
+    auto run = make({});  // no duration: runs until stopped
+    run->start();
+    run->requestStop();  // e.g. Ctrl-C while the recorder is still setting up
+    EXPECT_FALSE(exitCode);
+    dispatch.runAll();
+    EXPECT_EQ(exitCode, 0);
+    EXPECT_EQ(out.size(), 1u);
+    EXPECT_FALSE(log.contains("Stop recording called but not currently recording"));
+}
+
+TEST_F(HeadlessRecordingTest, ExitWaitsForTheEditorToBeSwitchedBack) {
+    bool before = false;
+    bool after = false;
+    auto run = make({}, RecordAutomationHooks{[&] { before = true; }, [&] { after = true; }});
+    run->start();
+    dispatch.background.runPending();  // start body and the enabling hook
+    dispatch.main.runPending();        // recorderDidStart handled
+    EXPECT_TRUE(before);
+    run->requestStop();
+    dispatch.main.runPending();  // finish step: the file is saved
+    EXPECT_FALSE(after);
+    EXPECT_FALSE(exitCode) << "exited before the editor was switched back";
+    dispatch.runAll();
+    EXPECT_TRUE(after);
+    EXPECT_EQ(exitCode, 0);
+}
+
+}  // namespace
+}  // namespace gb

@@ -1,0 +1,76 @@
+#include "app/record_command.h"
+
+#include <gtest/gtest.h>
+
+namespace gb {
+namespace {
+
+RecordCommandOptions parsed(std::vector<std::string> args) {
+    auto r = parseRecordCommand(args);
+    EXPECT_TRUE(r.options.has_value()) << r.error;
+    return r.options.value_or(RecordCommandOptions{});
+}
+
+std::string refused(std::vector<std::string> args) {
+    auto r = parseRecordCommand(args);
+    EXPECT_FALSE(r.options.has_value());
+    return r.error;
+}
+
+TEST(RecordCommandTest, NoArgumentsKeepTheRecorderDefaults) {
+    auto o = parsed({});
+    EXPECT_FALSE(o.durationSeconds);
+    EXPECT_FALSE(o.quality);
+    EXPECT_TRUE(o.cameraOverlay);
+    EXPECT_FALSE(o.outputDirectory);
+    EXPECT_FALSE(o.testCamera || o.vscode || o.help);
+}
+
+TEST(RecordCommandTest, EveryOptionInBothSpellings) {
+    auto o = parsed({"--duration", "2.5", "--quality=screen", "--no-camera", "--camera-size",
+                     "large", "--camera-position=top-left", "--output", "/tmp/x", "--test-camera",
+                     "--vscode"});
+    EXPECT_DOUBLE_EQ(*o.durationSeconds, 2.5);
+    EXPECT_EQ(*o.quality, VideoQuality::screenResolution);
+    EXPECT_FALSE(o.cameraOverlay);
+    EXPECT_EQ(*o.cameraSize, CameraOverlayPreset::large);
+    EXPECT_EQ(*o.cameraPosition, CameraPosition::topLeft);
+    EXPECT_EQ(*o.outputDirectory, "/tmp/x");
+    EXPECT_TRUE(o.testCamera);
+    EXPECT_TRUE(o.vscode);
+    EXPECT_EQ(*parsed({"--quality", "medium"}).quality, VideoQuality::medium);
+    EXPECT_EQ(*parsed({"--camera-position", "bottom-left"}).cameraPosition,
+              CameraPosition::bottomLeft);
+    EXPECT_TRUE(parsed({"-h"}).help);
+}
+
+TEST(RecordCommandTest, BadValuesAreRefusedWithTheReason) {
+    EXPECT_EQ(refused({"--quality", "4k"}),
+              "--quality: '4k' is not one of medium, high, ultra, screen");
+    EXPECT_EQ(refused({"--duration", "-1"}), "--duration: '-1' is not a positive number of seconds");
+    EXPECT_EQ(refused({"--duration", "5s"}), "--duration: '5s' is not a positive number of seconds");
+    EXPECT_EQ(refused({"--duration"}), "--duration needs a number of seconds");
+    EXPECT_EQ(refused({"--camera-size", "huge"}),
+              "--camera-size: 'huge' is not one of small, medium, large");
+    EXPECT_EQ(refused({"--frobnicate"}), "unknown option '--frobnicate'");
+    EXPECT_EQ(refused({"--output="}), "--output needs a folder");
+}
+
+TEST(RecordCommandTest, RunScopedFolderOverridesOnlyTheSaveLocation) {
+    struct Store final : DefaultsStore {
+        std::optional<bool> boolForKey(const std::string&) const override { return true; }
+        void setBool(bool, const std::string&) override {}
+        std::optional<std::string> urlForKey(const std::string& key) const override {
+            return "/saved/" + key;
+        }
+        void setURL(const std::string&, const std::string&) override {}
+    } base;
+    RunScopedDefaultsStore scoped(base, std::string("/run/only"));
+    EXPECT_EQ(*scoped.urlForKey("customSaveLocation"), "/run/only");
+    EXPECT_EQ(*scoped.urlForKey("other"), "/saved/other");
+    RunScopedDefaultsStore passthrough(base, std::nullopt);
+    EXPECT_EQ(*passthrough.urlForKey("customSaveLocation"), "/saved/customSaveLocation");
+}
+
+}  // namespace
+}  // namespace gb
