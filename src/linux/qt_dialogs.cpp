@@ -10,6 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "linux/qt_shell.h"
+#include "recording/log.h"
+
 namespace gb::linuxp {
 namespace {
 
@@ -38,6 +41,12 @@ void bringToFrontWhenShown(QWidget& dialog) {
     });
 }
 
+// An alert without buttons gets "OK".
+std::vector<std::string> buttonTitles(const AlertDescription& alert) {
+    if (alert.buttons.empty()) return {"OK"};
+    return alert.buttons;
+}
+
 }  // namespace
 
 std::unique_ptr<QMessageBox> makeAlertBox(const AlertDescription& alert) {
@@ -59,8 +68,7 @@ std::unique_ptr<QMessageBox> makeAlertBox(const AlertDescription& alert) {
     }
     box->setWindowModality(Qt::ApplicationModal);
 
-    std::vector<std::string> titles = alert.buttons;
-    if (titles.empty()) titles.emplace_back("OK");
+    const std::vector<std::string> titles = buttonTitles(alert);
     for (size_t i = 0; i < titles.size(); ++i) {
         // The first button answers Return; a "Cancel" button answers Escape.
         const QMessageBox::ButtonRole role = i == 0                  ? QMessageBox::AcceptRole
@@ -76,14 +84,23 @@ std::unique_ptr<QMessageBox> makeAlertBox(const AlertDescription& alert) {
 int QtAlertPresenter::runModal(const AlertDescription& alert) {
     std::unique_ptr<QMessageBox> box = makeAlertBox(alert);
     bringToFrontWhenShown(*box);
+    if (uiDebugLogging()) {
+        std::string titles;
+        for (const std::string& title : buttonTitles(alert)) {
+            titles += (titles.empty() ? "" : ", ") + title;
+        }
+        logLine("[alert] shown \"" + alert.messageText + "\" | " + alert.informativeText +
+                " | buttons: " + titles);
+    }
     box->exec();
     // buttons() lists by role, not in the order added: the pressed one tells its index by name.
     const QAbstractButton* pressed = box->clickedButton();
     const QString prefix = QStringLiteral("alertButton");
-    if (pressed != nullptr && pressed->objectName().startsWith(prefix)) {
-        return pressed->objectName().mid(prefix.size()).toInt();
-    }
-    return -1;
+    const int index = pressed != nullptr && pressed->objectName().startsWith(prefix)
+                          ? pressed->objectName().mid(prefix.size()).toInt()
+                          : -1;
+    if (uiDebugLogging()) logLine("[alert] closed with button " + std::to_string(index));
+    return index;
 }
 
 std::unique_ptr<QFileDialog> makeFolderDialog(const FolderPickerOptions& options) {

@@ -42,6 +42,11 @@ void initialiseQtResources() {
     registerGlimmerboxResources();
 }
 
+bool uiDebugLogging() {
+    static const bool enabled = std::getenv("GLIMMERBOX_DEBUG_UI") != nullptr;
+    return enabled;
+}
+
 // ---- InstanceLock ---------------------------------------------------------------------------
 
 InstanceLock::InstanceLock(const std::string& path) {

@@ -156,6 +156,12 @@ private:
     std::unique_ptr<DBusNotificationCenter> notificationCenter_;
 };
 
+// With GLIMMERBOX_DEBUG_UI set in the environment, the shell logs what it shows ("[menu] ..."
+// and "[alert] ..." lines): the installed menus entry by entry, where an opened menu's entries are
+// on screen, and each alert with its texts and the button pressed. End-to-end tests read the
+// user interface through these lines instead of from pixels.
+[[nodiscard]] bool uiDebugLogging();
+
 // Registers the compiled-in icons: the library is static, so nothing would pull its resources in.
 // QtShell does this; tests that build their own QApplication call it once.
 void initialiseQtResources();

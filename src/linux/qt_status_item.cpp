@@ -14,8 +14,7 @@
 #include <QSystemTrayIcon>
 #include <QTimer>
 
-#include <cstdlib>
-
+#include "linux/qt_shell.h"
 #include "recording/log.h"
 
 namespace gb::linuxp {
@@ -211,7 +210,7 @@ QIcon iconForText(const QString& text) {
 
 QtStatusItem::QtStatusItem(QString symbolDirectory)
     : symbolDirectory_(std::move(symbolDirectory)),
-      debugMenu_(std::getenv("GLIMMERBOX_DEBUG_MENU") != nullptr),
+      debugMenu_(uiDebugLogging()),
       context_(std::make_unique<QObject>()),
       tray_(std::make_unique<QSystemTrayIcon>()),
       trayWatch_(std::make_unique<QTimer>()) {

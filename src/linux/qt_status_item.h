@@ -7,9 +7,9 @@
 //
 // Without a tray host the item says so on standard output and shows itself once one appears.
 //
-// With GLIMMERBOX_DEBUG_MENU set in the environment, every installed menu is written to the log
-// entry by entry, and every menu that opens logs where its entries are on screen ("[menu] ..."
-// lines); end-to-end tests read the menu and click its entries with that.
+// With GLIMMERBOX_DEBUG_UI set (see uiDebugLogging()), every installed menu is written to the log
+// entry by entry, and every menu that opens logs where its entries are on screen; end-to-end
+// tests read the menu and click its entries with that.
 //
 // Threads: main thread only; the action handler is called on the main thread, after the menu has
 // closed (queued), so that it may run modal dialogs.
