@@ -113,7 +113,7 @@ QString pathOf(const QMenu& menu, const QAction& action) {
 }
 
 // "[menu] entry <path> | <flags>" for every entry, submenus after their entry.
-void logEntries(const QMenu& menu) {
+void logEntryLines(const QMenu& menu) {
     for (QAction* action : menu.actions()) {
         if (action->isSeparator()) {
             logLine("[menu] separator");
@@ -122,8 +122,15 @@ void logEntries(const QMenu& menu) {
         logLine(QStringLiteral("[menu] entry %1 | %2")
                     .arg(pathOf(menu, *action), flags(*action))
                     .toStdString());
-        if (action->menu() != nullptr) logEntries(*action->menu());
+        if (action->menu() != nullptr) logEntryLines(*action->menu());
     }
+}
+
+// Other threads may log in between: the block has a start and an end line.
+void logEntries(const QMenu& menu) {
+    logLine("[menu] installed");
+    logEntryLines(menu);
+    logLine("[menu] end");
 }
 
 // Logs where a menu's entries are on screen each time it opens.
@@ -153,6 +160,7 @@ public:
                             .arg(pathOf(*menu, *action))
                             .toStdString());
             }
+            logLine("[menu] end");
         }
         return QObject::eventFilter(watched, event);
     }
