@@ -1,0 +1,103 @@
+#include "recording/options.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "platform/display.h"
+
+namespace gb {
+namespace {
+
+// Point sizes truncated toward zero, as the labels and the writer size show them.
+std::optional<Resolution> mainScreenResolution(const DisplayProvider& display) {
+    const std::optional<MainScreen> screen = display.mainScreen();
+    if (!screen) return std::nullopt;
+    return Resolution{static_cast<int32_t>(screen->widthPoints),
+                      static_cast<int32_t>(screen->heightPoints)};
+}
+
+}  // namespace
+
+std::string displayName(VideoQuality quality, const DisplayProvider& display) {
+    switch (quality) {
+        case VideoQuality::medium:
+            return "Medium (720p)";
+        case VideoQuality::high:
+            return "High (1080p)";
+        case VideoQuality::ultra:
+            return "Ultra (1440p)";
+        case VideoQuality::screenResolution:
+            break;
+    }
+    const std::optional<Resolution> size = mainScreenResolution(display);
+    if (!size) return "Current Screen Resolution";
+    return "Current Screen Resolution (" + std::to_string(size->width) + "x" +
+           std::to_string(size->height) + ")";
+}
+
+Resolution resolution(VideoQuality quality, const DisplayProvider& display) {
+    switch (quality) {
+        case VideoQuality::medium:
+            return {1280, 720};
+        case VideoQuality::high:
+            return {1920, 1080};
+        case VideoQuality::ultra:
+            return {2560, 1440};
+        case VideoQuality::screenResolution:
+            break;
+    }
+    return mainScreenResolution(display).value_or(Resolution{1920, 1080});
+}
+
+std::string displayName(CameraOverlayPreset preset) {
+    switch (preset) {
+        case CameraOverlayPreset::small:
+            return "Small (240\u00d7135)";
+        case CameraOverlayPreset::medium:
+            return "Medium (320\u00d7180)";
+        case CameraOverlayPreset::large:
+            return "Large (480\u00d7270)";
+    }
+    return {};
+}
+
+OverlaySize size(CameraOverlayPreset preset) {
+    switch (preset) {
+        case CameraOverlayPreset::small:
+            return {240, 135};
+        case CameraOverlayPreset::medium:
+            return {320, 180};
+        case CameraOverlayPreset::large:
+            return {480, 270};
+    }
+    return {320, 180};
+}
+
+std::string caseName(CameraOverlayPreset preset) {
+    switch (preset) {
+        case CameraOverlayPreset::small:
+            return "small";
+        case CameraOverlayPreset::medium:
+            return "medium";
+        case CameraOverlayPreset::large:
+            return "large";
+    }
+    return {};
+}
+
+std::string displayName(CameraPosition position) {
+    switch (position) {
+        case CameraPosition::topLeft:
+            return "Top Left";
+        case CameraPosition::topRight:
+            return "Top Right";
+        case CameraPosition::bottomLeft:
+            return "Bottom Left";
+        case CameraPosition::bottomRight:
+            return "Bottom Right";
+    }
+    return {};
+}
+
+}  // namespace gb
