@@ -179,8 +179,8 @@ CaptureDeviceRef CameraManager::selectAmong(const std::vector<CaptureDeviceRef>&
     return nullptr;
 }
 
-CameraValidation CameraManager::validateCamera(const CaptureDevice& device) const {
-    const CameraDeviceInfo info = device.info();
+CameraValidation CameraManager::validateCamera(const CaptureDeviceRef& device) const {
+    const CameraDeviceInfo info = device ? device->info() : CameraDeviceInfo{};
     CameraValidation result;
     if (isVirtual(info)) {
         result.warnings.emplace_back("Camera appears to be virtual - may contain screen content");
@@ -191,20 +191,21 @@ CameraValidation CameraManager::validateCamera(const CaptureDevice& device) cons
     return result;
 }
 
-void CameraManager::configureOptimalFormat(CaptureDevice& device, CameraOverlayPreset preset) {
+void CameraManager::configureOptimalFormat(const CaptureDeviceRef& device,
+                                           CameraOverlayPreset preset) {
     logLine("🔧 Configuring optimal camera format for " + caseName(preset) + "...");
-    const CameraDeviceInfo info = device.info();
+    const CameraDeviceInfo info = device ? device->info() : CameraDeviceInfo{};
     const std::optional<size_t> chosen = chooseFormat(info.formats, preset);
     if (!chosen) {
         logLine("⚠️ No suitable camera format found, using default");
         return;
     }
     logLine("🎯 Setting camera to format: " + dimensions(info.formats[*chosen]));
-    if (Result<void> locked = device.lockForConfiguration(); !locked) {
+    if (Result<void> locked = device->lockForConfiguration(); !locked) {
         throw CameraConfigurationError(locked.error());
     }
-    device.setActiveFormat(static_cast<int>(*chosen));
-    device.unlockForConfiguration();
+    device->setActiveFormat(static_cast<int>(*chosen));
+    device->unlockForConfiguration();
     logLine("✅ Camera format configured successfully");
 }
 

@@ -45,10 +45,11 @@ public:
     // Built-in before external before virtual; within a category the given order. Null when
     // no device is connected and unsuspended.
     [[nodiscard]] CaptureDeviceRef selectBestCamera(const std::vector<CaptureDeviceRef>& devices);
-    [[nodiscard]] CameraValidation validateCamera(const CaptureDevice& device) const;
+    // A missing device counts as a disconnected one.
+    [[nodiscard]] CameraValidation validateCamera(const CaptureDeviceRef& device) const;
     // Makes the best format for the overlay size the active one. Throws CameraConfigurationError
     // when the device cannot be locked; the active format is then unchanged.
-    void configureOptimalFormat(CaptureDevice& device, CameraOverlayPreset preset);
+    void configureOptimalFormat(const CaptureDeviceRef& device, CameraOverlayPreset preset);
 
     // Name and identifier tests, no word boundaries: "obs" matches inside "lobster".
     [[nodiscard]] static bool isVirtual(const CameraDeviceInfo& info);

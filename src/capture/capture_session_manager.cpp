@@ -168,7 +168,7 @@ void CaptureSessionManager::setupCamera() {
     logLine("📷 Selected camera: " + info.localizedName + " - ID: " + info.uniqueID);
 
     // An invalid camera is used all the same; the lines tell why it may misbehave.
-    const CameraValidation validation = cameraManager_.validateCamera(*camera);
+    const CameraValidation validation = cameraManager_.validateCamera(camera);
     logLine(std::string("📷 Camera validation: ") + (validation.isValid ? "✅ Valid" : "❌ Invalid"));
     for (const std::string& warning : validation.warnings) {
         logLine("⚠️ Camera warning: " + warning);
@@ -176,7 +176,7 @@ void CaptureSessionManager::setupCamera() {
 
     // The camera still works in its current format.
     try {
-        cameraManager_.configureOptimalFormat(*camera, overlayPreset_.load());
+        cameraManager_.configureOptimalFormat(camera, overlayPreset_.load());
     } catch (const CameraConfigurationError& e) {
         logLine("⚠️ Camera format configuration failed: " + e.platformError().textualForm());
     } catch (const EngineError& e) {

@@ -124,25 +124,26 @@ TEST(CameraValidationTest, WarningsInFixedOrder) {
     FakeCaptureFactory factory;
     CameraManager manager(factory);
     CapturedLog log;
-    const CameraValidation all = manager.validateCamera(
-        *camera("Virtual Cam", "v", /*connected=*/false, /*suspended=*/true));
+    const CameraValidation all =
+        manager.validateCamera(camera("Virtual Cam", "v", /*connected=*/false, /*suspended=*/true));
     EXPECT_FALSE(all.isValid);
     EXPECT_THAT(all.warnings,
                 ElementsAre("Camera appears to be virtual - may contain screen content",
                             "Camera is suspended", "Camera is not connected"));
 
-    const CameraValidation virtualOk = manager.validateCamera(*camera("mmhmm", "v"));
+    const CameraValidation virtualOk = manager.validateCamera(camera("mmhmm", "v"));
     EXPECT_TRUE(virtualOk.isValid);
     EXPECT_THAT(virtualOk.warnings,
                 ElementsAre("Camera appears to be virtual - may contain screen content"));
 
-    const CameraValidation clean = manager.validateCamera(*camera("USB", "e"));
+    const CameraValidation clean = manager.validateCamera(camera("USB", "e"));
     EXPECT_TRUE(clean.isValid);
     EXPECT_THAT(clean.warnings, IsEmpty());
 
-    const CameraValidation disconnected = manager.validateCamera(*camera("USB", "e", false));
+    const CameraValidation disconnected = manager.validateCamera(camera("USB", "e", false));
     EXPECT_FALSE(disconnected.isValid);
     EXPECT_THAT(disconnected.warnings, ElementsAre("Camera is not connected"));
+    EXPECT_THAT(manager.validateCamera(nullptr).warnings, ElementsAre("Camera is not connected"));
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
@@ -164,7 +165,7 @@ TEST_P(FormatChoiceTest, ChoosesAndLogs) {
     CameraManager manager(factory);
     auto device = camera("USB", "e", true, false, c.formats);
     CapturedLog log;
-    manager.configureOptimalFormat(*device, c.preset);
+    manager.configureOptimalFormat(device, c.preset);
     if (c.expectedIndex < 0) {
         EXPECT_THAT(device->activeFormatChanges(), IsEmpty());
         EXPECT_EQ(device->lockCount(), 0);
@@ -251,7 +252,7 @@ TEST(CameraFormatTest, LockFailureThrowsThePlatformErrorAndChangesNothing) {
     device->setLockFailure(busy);
     CapturedLog log;
     try {
-        manager.configureOptimalFormat(*device, CameraOverlayPreset::medium);
+        manager.configureOptimalFormat(device, CameraOverlayPreset::medium);
         FAIL() << "expected a CameraConfigurationError";
     } catch (const CameraConfigurationError& e) {
         EXPECT_EQ(e.platformError().domain, busy.domain);
