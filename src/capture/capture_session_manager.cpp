@@ -110,21 +110,7 @@ void CaptureSessionManager::setupScreenCapture() {
     // Whatever goes wrong while attaching the microphone reaches the caller as one error kind.
     std::optional<std::string> micFailure;
     try {
-        Result<std::shared_ptr<CaptureInput>> made = factory_.makeDeviceInput(microphone);
-        if (!made) {
-            micFailure = made.error().localizedDescription;
-        } else {
-            std::shared_ptr<CaptureInput> micInput = made.value();
-            {
-                std::lock_guard lock(fieldsMutex_);
-                micInput_ = micInput;
-            }
-            if (!micInput || !session.canAddInput(micInput)) {
-                micFailure = CaptureSessionError::cannotAddMicrophoneInput().localizedDescription();
-            } else {
-                session.addInput(micInput);
-            }
-        }
+        micFailure = attachMicrophone(microphone);
     } catch (const std::exception& e) {
         micFailure = e.what();
     }
@@ -185,45 +171,60 @@ void CaptureSessionManager::setupCamera() {
         logLine(std::string("⚠️ Camera format configuration failed: ") + e.what());
     }
 
-    attachCamera(camera);
+    // Whatever goes wrong while attaching the camera reaches the caller as one error kind.
+    std::optional<std::string> cameraFailure;
+    try {
+        cameraFailure = attachCamera(camera);
+    } catch (const std::exception& e) {
+        cameraFailure = e.what();
+    }
+    if (cameraFailure) throw CaptureSessionError::cameraSetupFailed(*cameraFailure);
     logLine("📷 Camera setup complete - delegate set to self on queue: " + recordingQueue_->label());
 }
 
-void CaptureSessionManager::attachCamera(const CaptureDeviceRef& camera) {
-    CaptureSession& session = *cameraSession_;
-    // Whatever goes wrong while attaching the camera reaches the caller as one error kind.
-    std::optional<std::string> failure;
-    try {
-        Result<std::shared_ptr<CaptureInput>> made = factory_.makeDeviceInput(camera);
-        if (!made) throw CaptureSessionError::cameraSetupFailed(made.error().localizedDescription);
-        std::shared_ptr<CaptureInput> cameraInput = made.value();
-        {
-            std::lock_guard lock(fieldsMutex_);
-            cameraInput_ = cameraInput;
-        }
-        if (!cameraInput || !session.canAddInput(cameraInput)) {
-            throw CaptureSessionError::cannotAddCameraInput();
-        }
-        session.addInput(cameraInput);
-        logLine("✅ Camera input added successfully");
-
-        std::shared_ptr<VideoDataOutput> cameraOutput = makeBGRAOutput();
-        {
-            std::lock_guard lock(fieldsMutex_);
-            cameraOutput_ = cameraOutput;
-        }
-        if (!cameraOutput || !session.canAddOutput(cameraOutput)) {
-            throw CaptureSessionError::cannotAddCameraOutput();
-        }
-        session.addOutput(cameraOutput);
-        logLine("✅ Camera output added successfully");
-    } catch (const CaptureSessionError& e) {
-        if (e.kind() == CaptureSessionError::Kind::cameraSetupFailed) throw;
-        failure = e.localizedDescription();
-    } catch (const std::exception& e) {
-        failure = e.what();
+std::optional<std::string> CaptureSessionManager::attachMicrophone(
+    const CaptureDeviceRef& microphone) {
+    CaptureSession& session = *screenSession_;
+    Result<std::shared_ptr<CaptureInput>> made = factory_.makeDeviceInput(microphone);
+    if (!made) return made.error().localizedDescription;
+    std::shared_ptr<CaptureInput> micInput = made.value();
+    {
+        std::lock_guard lock(fieldsMutex_);
+        micInput_ = micInput;
     }
-    if (failure) throw CaptureSessionError::cameraSetupFailed(*failure);
+    if (!micInput || !session.canAddInput(micInput)) {
+        return CaptureSessionError::cannotAddMicrophoneInput().localizedDescription();
+    }
+    session.addInput(micInput);
+    return std::nullopt;
+}
+
+std::optional<std::string> CaptureSessionManager::attachCamera(const CaptureDeviceRef& camera) {
+    CaptureSession& session = *cameraSession_;
+    Result<std::shared_ptr<CaptureInput>> made = factory_.makeDeviceInput(camera);
+    if (!made) return made.error().localizedDescription;
+    std::shared_ptr<CaptureInput> cameraInput = made.value();
+    {
+        std::lock_guard lock(fieldsMutex_);
+        cameraInput_ = cameraInput;
+    }
+    if (!cameraInput || !session.canAddInput(cameraInput)) {
+        return CaptureSessionError::cannotAddCameraInput().localizedDescription();
+    }
+    session.addInput(cameraInput);
+    logLine("✅ Camera input added successfully");
+
+    std::shared_ptr<VideoDataOutput> cameraOutput = makeBGRAOutput();
+    {
+        std::lock_guard lock(fieldsMutex_);
+        cameraOutput_ = cameraOutput;
+    }
+    if (!cameraOutput || !session.canAddOutput(cameraOutput)) {
+        return CaptureSessionError::cannotAddCameraOutput().localizedDescription();
+    }
+    session.addOutput(cameraOutput);
+    logLine("✅ Camera output added successfully");
+    return std::nullopt;
 }
 
 void CaptureSessionManager::cleanup() {

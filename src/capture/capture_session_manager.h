@@ -13,6 +13,8 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string>
 
 #include "capture/camera_manager.h"
 #include "platform/capture.h"
@@ -74,7 +76,9 @@ public:
 private:
     static constexpr int32_t kFrameRate = 30;
 
-    void attachCamera(const CaptureDeviceRef& camera);
+    // Each adds its inputs (and output) and answers what went wrong, if anything.
+    [[nodiscard]] std::optional<std::string> attachMicrophone(const CaptureDeviceRef& microphone);
+    [[nodiscard]] std::optional<std::string> attachCamera(const CaptureDeviceRef& camera);
     [[nodiscard]] std::shared_ptr<VideoDataOutput> makeBGRAOutput();
 
     CaptureFactory& factory_;
