@@ -96,7 +96,8 @@ BENCHMARK(BM_Memcpy)->DenseRange(0, 2)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ComposeImagePath)->DenseRange(0, 2)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ComposePixelPath)->DenseRange(0, 2)->Unit(benchmark::kMicrosecond);
 
-// The console report, followed by each path's time relative to the copy of its size.
+// The console report, followed by each path's time relative to the copy of its size, by wall
+// clock and by processor time (the latter is steadier on a loaded machine).
 class RatioReporter final : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override {
@@ -104,36 +105,44 @@ public:
         // With repetitions, the median stands for the benchmark.
         for (const Run& run : runs) {
             if (run.error_occurred) continue;
-            const std::string name = run.run_name.str();
+            const Times times{run.GetAdjustedRealTime(), run.GetAdjustedCPUTime()};
             if (run.run_type == Run::RT_Aggregate) {
-                if (run.aggregate_name == "median") medians_[name] = run.GetAdjustedRealTime();
+                if (run.aggregate_name == "median") medians_[run.run_name.str()] = times;
             } else {
-                times_[name] = run.GetAdjustedRealTime();
+                last_[run.run_name.str()] = times;
             }
         }
     }
     void Finalize() override {
         ConsoleReporter::Finalize();
-        for (const auto& [name, time] : medians_) times_[name] = time;
-        std::printf("\n%-12s %12s %12s %8s %12s %8s\n", "screen", "memcpy us", "image us",
-                    "image x", "pixel us", "pixel x");
+        for (const auto& [name, times] : medians_) last_[name] = times;
+        std::printf("\n%-10s %10s %10s %7s %10s %7s   %9s %7s %7s\n", "screen", "memcpy us",
+                    "image us", "image x", "pixel us", "pixel x", "cpu: copy", "image x",
+                    "pixel x");
         for (int i = 0; i < 3; ++i) {
             const std::string arg = "/" + std::to_string(i);
-            const auto copy = times_.find("BM_Memcpy" + arg);
-            const auto image = times_.find("BM_ComposeImagePath" + arg);
-            const auto pixel = times_.find("BM_ComposePixelPath" + arg);
-            if (copy == times_.end() || image == times_.end() || pixel == times_.end()) continue;
+            const auto copy = last_.find("BM_Memcpy" + arg);
+            const auto image = last_.find("BM_ComposeImagePath" + arg);
+            const auto pixel = last_.find("BM_ComposePixelPath" + arg);
+            if (copy == last_.end() || image == last_.end() || pixel == last_.end()) continue;
             const std::string size =
                 std::to_string(kScreens[i].first) + "x" + std::to_string(kScreens[i].second);
-            std::printf("%-12s %12.1f %12.1f %8.2f %12.1f %8.2f\n", size.c_str(), copy->second,
-                        image->second, image->second / copy->second, pixel->second,
-                        pixel->second / copy->second);
+            const Times& c = copy->second;
+            const Times& m = image->second;
+            const Times& p = pixel->second;
+            std::printf("%-10s %10.1f %10.1f %7.2f %10.1f %7.2f   %9.1f %7.2f %7.2f\n",
+                        size.c_str(), c.real, m.real, m.real / c.real, p.real, p.real / c.real,
+                        c.cpu, m.cpu / c.cpu, p.cpu / c.cpu);
         }
     }
 
 private:
-    std::map<std::string, double> times_;
-    std::map<std::string, double> medians_;
+    struct Times {
+        double real = 0;
+        double cpu = 0;
+    };
+    std::map<std::string, Times> last_;
+    std::map<std::string, Times> medians_;
 };
 
 }  // namespace
