@@ -248,7 +248,7 @@ TEST(CameraFormatTest, LockFailureThrowsThePlatformErrorAndChangesNothing) {
     FakeCaptureFactory factory;
     CameraManager manager(factory);
     auto device = camera("USB", "e", true, false, {{1920, 1080}, {1280, 720}});
-    const PlatformError busy{"AVFoundationErrorDomain", -11852, "Cannot use USB"};
+    const PlatformError busy{"CaptureErrorDomain", -11852, "Cannot use USB"};
     device->setLockFailure(busy);
     CapturedLog log;
     try {

@@ -295,7 +295,7 @@ INSTANTIATE_TEST_SUITE_P(
                       [](FakeCaptureFactory& f, FakeDisplayProvider&, Session&) {
                           f.setDeviceInputFailure(
                               MediaType::audio,
-                              PlatformError{"AVFoundationErrorDomain", -11814, "Cannot Record"});
+                              PlatformError{"CaptureErrorDomain", -11814, "Cannot Record"});
                       },
                       Kind::microphoneSetupFailed,
                       "Microphone setup failed: Cannot Record",
@@ -455,13 +455,12 @@ TEST_F(CaptureSessionManagerTest, VirtualCameraWarningsInOrder) {
 }
 
 TEST_F(CaptureSessionManagerTest, FailedFormatConfigurationIsLoggedAndSetupGoesOn) {
-    usbCamera->setLockFailure(
-        PlatformError{"AVFoundationErrorDomain", -11852, "Cannot use USB Camera"});
+    usbCamera->setLockFailure(PlatformError{"CaptureErrorDomain", -11852, "Cannot use USB Camera"});
     EXPECT_NO_THROW(manager->setupCamera());
     const auto lines = log.lines();
     const auto failed =
         std::find(lines.begin(), lines.end(),
-                  "⚠️ Camera format configuration failed: Error Domain=AVFoundationErrorDomain "
+                  "⚠️ Camera format configuration failed: Error Domain=CaptureErrorDomain "
                   "Code=-11852 \"Cannot use USB Camera\"");
     ASSERT_NE(failed, lines.end());
     EXPECT_EQ(*(failed - 1), "🎯 Setting camera to format: 1280x720");
@@ -512,7 +511,7 @@ INSTANTIATE_TEST_SUITE_P(
                       [](FakeCaptureFactory& f, FakeCaptureSession&) {
                           f.setDeviceInputFailure(
                               MediaType::video,
-                              PlatformError{"AVFoundationErrorDomain", -11814, "Device in use"});
+                              PlatformError{"CaptureErrorDomain", -11814, "Device in use"});
                       },
                       "Camera setup failed: Device in use", 0, false, false,
                       "✅ Camera format configured successfully"},
