@@ -3,8 +3,11 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 
 #include "platform/dispatch.h"
@@ -69,7 +72,76 @@ public:
     void captureSessionManager(CaptureService& manager, const SampleBufferRef& sample,
                                CaptureOutput& output) override;
 
-    // (private state added by the implementation)
+private:
+    struct ConstructionKey {
+        explicit ConstructionKey() = default;
+    };
+
+public:
+    // Use create(), which also installs the recorder as the capture service's delegate.
+    ScreenRecorder(ConstructionKey, Services services, Dispatch& dispatch);
+
+private:
+    void runStart(const CancellationToken& cancellation);
+    // The common end of a start whose set-up, writer creation or pause threw.
+    void failStart(uint64_t generation, const std::string& errorText, ScreenRecorderError error);
+    static void finishStep(const std::weak_ptr<ScreenRecorder>& weakSelf,
+                           const AssetWriterRef& writer, const std::string& outputURL,
+                           uint64_t generation);
+    // Resets every per-recording field and the capture service. Callers clear isRecording first.
+    void cleanup();
+    [[nodiscard]] bool isRecordingGeneration(uint64_t generation) const;
+    [[nodiscard]] std::shared_ptr<ScreenRecorderDelegate> currentDelegate() const;
+
+    void handleScreenSample(std::unique_lock<std::mutex>& lock, const SampleBuffer& sample,
+                            MediaTime time);
+    void handleCameraSample(std::unique_lock<std::mutex>& lock, const SampleBuffer& sample);
+    void handleAudioSample(std::unique_lock<std::mutex>& lock, const SampleBufferRef& sample);
+
+    const Services services_;
+    Dispatch& dispatch_;
+
+    // Options: written on the main thread, read on the start's thread and the recording queue.
+    std::atomic<bool> cameraOverlayEnabled_{true};
+    std::atomic<CameraOverlayPreset> cameraOverlayPreset_{CameraOverlayPreset::medium};
+    std::atomic<CameraPosition> cameraPosition_{CameraPosition::bottomRight};
+    std::atomic<double> cameraOverlayCornerRadius_{20.0};
+    std::atomic<VideoQuality> videoQuality_{VideoQuality::screenResolution};
+    std::atomic<int32_t> frameRate_{30};
+
+    // mutex_ guards the per-recording fields shared by the start (background executor), the
+    // sample steps (recording queue) and the stop, finish and clean-up steps (main thread). It is
+    // held only for field updates and the writer's non-blocking calls (status, session start,
+    // append, readiness); never while sessions start or stop, while the writer finishes, while
+    // the composer works or while a delegate is called, so a session's stopRunning can wait for
+    // a delivery that needs mutex_. Appends happen under it, so none follows the stop's
+    // markAsFinished.
+    mutable std::mutex mutex_;
+    std::weak_ptr<ScreenRecorderDelegate> delegate_;  // guarded by mutex_
+    bool isRecording_ = false;                        // guarded by mutex_
+    // Which start the per-recording fields belong to; bumped by each accepted start.
+    uint64_t generation_ = 0;  // guarded by mutex_
+    // A start runs between its first log line and its report; a new start is refused meanwhile.
+    bool starting_ = false;  // guarded by mutex_
+    // The writer was asked to finish and the finish step has not run yet; a new start is refused
+    // meanwhile, so the finish step's clean-up never meets a newer recording.
+    bool finishing_ = false;  // guarded by mutex_
+    // The stop took the current recording over while its start was still running; the start's
+    // failure path then leaves its clean-up to the stop and finish steps.
+    bool stopTookOver_ = false;           // guarded by mutex_
+    std::optional<MediaTime> startTime_;  // guarded by mutex_
+    PixelBufferRef latestCameraBuffer_;   // guarded by mutex_
+    PixelBufferRef latestScreenBuffer_;   // guarded by mutex_
+    int64_t cameraSampleCount_ = 0;       // guarded by mutex_
+    int64_t screenSampleCount_ = 0;       // guarded by mutex_
+    AssetWriterRef assetWriter_;          // guarded by mutex_
+    AssetWriterInputRef videoInput_;      // guarded by mutex_
+    AssetWriterInputRef audioInput_;      // guarded by mutex_
+
+    // Orders the start's session start against the stop's session stop, so a recording stopped
+    // during its start never has its sessions started afterwards. Taken before mutex_, never
+    // while holding it.
+    std::mutex sessionsMutex_;
 };
 
 }  // namespace gb

@@ -1,0 +1,361 @@
+#include "fakes/fake_recording_services.h"
+
+#include <algorithm>
+
+namespace gb::fakes {
+
+// ---- samples -----------------------------------------------------------------------------------
+
+SampleBufferRef makeVideoSample(MediaTime time, std::optional<ImageSize> image) {
+    PixelBufferRef pixels;
+    if (image) pixels = PixelBuffer::allocate(image->width, image->height);
+    return SampleBuffer::video(std::move(pixels),
+                               SampleTiming{MediaTime::make(1, 30), time, MediaTime::invalid()});
+}
+
+SampleBufferRef makeAudioSample(MediaTime time) {
+    auto audio = std::make_shared<AudioBuffer>();
+    audio->sampleRate = 44100;
+    audio->channels = 2;
+    audio->format = AudioSampleFormat::s16;
+    audio->frameCount = 441;
+    audio->data.assign(static_cast<size_t>(audio->frameCount) * 2 * 2, 0);
+    return SampleBuffer::audio(
+        std::move(audio), SampleTiming{MediaTime::make(441, 44100), time, MediaTime::invalid()});
+}
+
+// ---- StubCaptureSession ------------------------------------------------------------------------
+
+struct StubCaptureSession::CallScope {
+    explicit CallScope(StubCaptureSession& s) : session(s) {
+        if (session.inCall_.fetch_add(1) != 0) session.overlapping_.store(true);
+    }
+    ~CallScope() { session.inCall_.fetch_sub(1); }
+    StubCaptureSession& session;
+};
+
+void StubCaptureSession::addInput(std::shared_ptr<CaptureInput> input) {
+    CallScope scope(*this);
+    std::lock_guard lock(mutex_);
+    inputs_.push_back(std::move(input));
+}
+
+void StubCaptureSession::addOutput(std::shared_ptr<CaptureOutput> output) {
+    CallScope scope(*this);
+    std::lock_guard lock(mutex_);
+    outputs_.push_back(std::move(output));
+}
+
+std::vector<std::shared_ptr<CaptureInput>> StubCaptureSession::inputs() const {
+    std::lock_guard lock(mutex_);
+    return inputs_;
+}
+
+std::vector<std::shared_ptr<CaptureOutput>> StubCaptureSession::outputs() const {
+    std::lock_guard lock(mutex_);
+    return outputs_;
+}
+
+void StubCaptureSession::removeInput(const std::shared_ptr<CaptureInput>& input) {
+    CallScope scope(*this);
+    std::lock_guard lock(mutex_);
+    std::erase(inputs_, input);
+}
+
+void StubCaptureSession::removeOutput(const std::shared_ptr<CaptureOutput>& output) {
+    CallScope scope(*this);
+    std::lock_guard lock(mutex_);
+    std::erase(outputs_, output);
+}
+
+void StubCaptureSession::startRunning() {
+    CallScope scope(*this);
+    {
+        std::lock_guard lock(mutex_);
+        running_ = true;
+        ++starts_;
+    }
+    if (calls_) calls_->add(name_ + ".startRunning");
+}
+
+void StubCaptureSession::stopRunning() {
+    CallScope scope(*this);
+    std::function<void()> hook;
+    {
+        std::lock_guard lock(mutex_);
+        running_ = false;
+        ++stops_;
+        hook = onStop_;
+    }
+    if (calls_) calls_->add(name_ + ".stopRunning");
+    if (hook) hook();
+}
+
+bool StubCaptureSession::isRunning() const {
+    std::lock_guard lock(mutex_);
+    return running_;
+}
+
+void StubCaptureSession::setOnStopRunning(std::function<void()> hook) {
+    std::lock_guard lock(mutex_);
+    onStop_ = std::move(hook);
+}
+
+int StubCaptureSession::startCount() const {
+    std::lock_guard lock(mutex_);
+    return starts_;
+}
+
+int StubCaptureSession::stopCount() const {
+    std::lock_guard lock(mutex_);
+    return stops_;
+}
+
+// ---- FakeCaptureService ------------------------------------------------------------------------
+
+FakeCaptureService::FakeCaptureService(CallLog* calls)
+    : calls_(calls),
+      screenSession_("screenSession", calls),
+      cameraSession_("cameraSession", calls) {}
+
+void FakeCaptureService::setDelegate(std::weak_ptr<CaptureSessionManagerDelegate> delegate) {
+    std::lock_guard lock(mutex_);
+    delegate_ = std::move(delegate);
+}
+
+void FakeCaptureService::setupScreenCapture() {
+    std::function<void()> hook;
+    std::optional<CaptureSessionError> error;
+    {
+        std::lock_guard lock(mutex_);
+        ++screenSetups_;
+        hook = onSetupScreen_;
+        error = screenError_;
+    }
+    if (calls_) calls_->add("setupScreenCapture");
+    if (hook) hook();
+    if (error) throw *error;
+    std::lock_guard lock(mutex_);
+    videoOutput_ = std::make_shared<StubCaptureOutput>(MediaType::video);
+    audioOutput_ = std::make_shared<StubCaptureOutput>(MediaType::audio);
+}
+
+void FakeCaptureService::setupCamera() {
+    std::optional<CaptureSessionError> error;
+    {
+        std::lock_guard lock(mutex_);
+        ++cameraSetups_;
+        error = cameraError_;
+    }
+    if (calls_) calls_->add("setupCamera");
+    if (error) throw *error;
+    std::lock_guard lock(mutex_);
+    if (overlay_.load() && cameraAvailable_) {
+        cameraOutput_ = std::make_shared<StubCaptureOutput>(MediaType::video);
+    }
+}
+
+void FakeCaptureService::cleanup() {
+    if (calls_) calls_->add("captureCleanup");
+    screenSession_.stopRunning();
+    cameraSession_.stopRunning();
+    std::lock_guard lock(mutex_);
+    ++cleanups_;
+    videoOutput_.reset();
+    cameraOutput_.reset();
+    audioOutput_.reset();
+}
+
+std::shared_ptr<CaptureOutput> FakeCaptureService::videoOutput() const {
+    std::lock_guard lock(mutex_);
+    return videoOutput_;
+}
+
+std::shared_ptr<CaptureOutput> FakeCaptureService::cameraOutput() const {
+    std::lock_guard lock(mutex_);
+    return cameraOutput_;
+}
+
+std::shared_ptr<CaptureOutput> FakeCaptureService::audioOutput() const {
+    std::lock_guard lock(mutex_);
+    return audioOutput_;
+}
+
+void FakeCaptureService::setScreenSetupError(std::optional<CaptureSessionError> error) {
+    std::lock_guard lock(mutex_);
+    screenError_ = std::move(error);
+}
+
+void FakeCaptureService::setCameraSetupError(std::optional<CaptureSessionError> error) {
+    std::lock_guard lock(mutex_);
+    cameraError_ = std::move(error);
+}
+
+void FakeCaptureService::setCameraAvailable(bool available) {
+    std::lock_guard lock(mutex_);
+    cameraAvailable_ = available;
+}
+
+void FakeCaptureService::setOnSetupScreenCapture(std::function<void()> hook) {
+    std::lock_guard lock(mutex_);
+    onSetupScreen_ = std::move(hook);
+}
+
+void FakeCaptureService::setRecordingQueue(std::shared_ptr<SerialQueue> queue) {
+    std::lock_guard lock(mutex_);
+    queue_ = std::move(queue);
+}
+
+void FakeCaptureService::deliver(const SampleBufferRef& sample, CaptureOutput& output) {
+    std::shared_ptr<CaptureSessionManagerDelegate> delegate;
+    {
+        std::lock_guard lock(mutex_);
+        delegate = delegate_.lock();
+    }
+    if (delegate) delegate->captureSessionManager(*this, sample, output);
+}
+
+bool FakeCaptureService::deliverScreen(const SampleBufferRef& sample) {
+    auto output = videoOutput();
+    if (!output) return false;
+    deliver(sample, *output);
+    return true;
+}
+
+bool FakeCaptureService::deliverCamera(const SampleBufferRef& sample) {
+    auto output = cameraOutput();
+    if (!output) return false;
+    deliver(sample, *output);
+    return true;
+}
+
+bool FakeCaptureService::deliverAudio(const SampleBufferRef& sample) {
+    auto output = audioOutput();
+    if (!output) return false;
+    deliver(sample, *output);
+    return true;
+}
+
+bool FakeCaptureService::post(const std::shared_ptr<CaptureOutput>& output,
+                              SampleBufferRef sample) {
+    std::shared_ptr<SerialQueue> queue;
+    {
+        std::lock_guard lock(mutex_);
+        queue = queue_;
+    }
+    if (!output || !queue) return false;
+    // The output travels with the sample, as a real output delivers itself.
+    queue->async([this, output, sample = std::move(sample)] { deliver(sample, *output); });
+    return true;
+}
+
+bool FakeCaptureService::postScreen(SampleBufferRef sample) {
+    return post(videoOutput(), std::move(sample));
+}
+bool FakeCaptureService::postCamera(SampleBufferRef sample) {
+    return post(cameraOutput(), std::move(sample));
+}
+bool FakeCaptureService::postAudio(SampleBufferRef sample) {
+    return post(audioOutput(), std::move(sample));
+}
+
+int FakeCaptureService::cleanupCount() const {
+    std::lock_guard lock(mutex_);
+    return cleanups_;
+}
+
+int FakeCaptureService::setupScreenCount() const {
+    std::lock_guard lock(mutex_);
+    return screenSetups_;
+}
+
+int FakeCaptureService::setupCameraCount() const {
+    std::lock_guard lock(mutex_);
+    return cameraSetups_;
+}
+
+// ---- FakeCompositionService --------------------------------------------------------------------
+
+SampleBufferRef FakeCompositionService::composeFrame(const PixelBufferRef& screenBuffer,
+                                                     const PixelBufferRef& cameraBuffer,
+                                                     MediaTime presentationTime) {
+    {
+        std::lock_guard lock(mutex_);
+        composeCalls_.push_back({screenBuffer, cameraBuffer, presentationTime});
+    }
+    if (returnsNull_.load()) return nullptr;
+    return SampleBuffer::video(
+        screenBuffer, SampleTiming{MediaTime::invalid(), presentationTime, MediaTime::invalid()});
+}
+
+SampleBufferRef FakeCompositionService::createSampleBuffer(const PixelBufferRef& buffer,
+                                                           MediaTime presentationTime) {
+    {
+        std::lock_guard lock(mutex_);
+        plainCalls_.push_back({buffer, nullptr, presentationTime});
+    }
+    if (returnsNull_.load()) return nullptr;
+    return SampleBuffer::video(
+        buffer, SampleTiming{MediaTime::invalid(), presentationTime, MediaTime::invalid()});
+}
+
+std::vector<FakeCompositionService::Call> FakeCompositionService::composeCalls() const {
+    std::lock_guard lock(mutex_);
+    return composeCalls_;
+}
+
+std::vector<FakeCompositionService::Call> FakeCompositionService::plainCalls() const {
+    std::lock_guard lock(mutex_);
+    return plainCalls_;
+}
+
+// ---- FakeRecorderDelegate ----------------------------------------------------------------------
+
+void FakeRecorderDelegate::recorderDidStart() {
+    add({Report::Kind::didStart, {}, {}, std::nullopt, std::this_thread::get_id()});
+}
+
+void FakeRecorderDelegate::recorderDidStop(const std::string& outputURL) {
+    add({Report::Kind::didStop, outputURL, {}, std::nullopt, std::this_thread::get_id()});
+}
+
+void FakeRecorderDelegate::recorderDidFail(const ScreenRecorderError& error) {
+    add({Report::Kind::didFail,
+         {},
+         error.localizedDescription(),
+         error.kind(),
+         std::this_thread::get_id()});
+}
+
+void FakeRecorderDelegate::setOnReport(std::function<void(const Report&)> hook) {
+    std::lock_guard lock(mutex_);
+    onReport_ = std::move(hook);
+}
+
+std::vector<FakeRecorderDelegate::Report> FakeRecorderDelegate::reports() const {
+    std::lock_guard lock(mutex_);
+    return reports_;
+}
+
+size_t FakeRecorderDelegate::count() const {
+    std::lock_guard lock(mutex_);
+    return reports_.size();
+}
+
+bool FakeRecorderDelegate::waitForCount(size_t n, std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return reports_.size() >= n; });
+}
+
+void FakeRecorderDelegate::add(Report report) {
+    std::function<void(const Report&)> hook;
+    {
+        std::lock_guard lock(mutex_);
+        reports_.push_back(report);
+        hook = onReport_;
+    }
+    changed_.notify_all();
+    if (hook) hook(report);
+}
+
+}  // namespace gb::fakes

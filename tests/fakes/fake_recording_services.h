@@ -1,0 +1,245 @@
+// Fakes of the recorder's service contracts and of its application-side delegate, plus sample
+// buffers for tests: stub capture sessions and outputs, a capture service whose set-ups fail on
+// demand and through whose outputs tests deliver samples (at once, or on a recording queue), a
+// composition service that records its calls, and a delegate that records every report.
+// All thread-safe.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fakes/log_capture.h"
+#include "platform/capture.h"
+#include "platform/dispatch.h"
+#include "platform/media.h"
+#include "recording/errors.h"
+#include "recording/screen_recorder.h"
+#include "recording/service_contracts.h"
+
+namespace gb::fakes {
+
+// ---- samples -----------------------------------------------------------------------------------
+
+struct ImageSize {
+    int width = 0;
+    int height = 0;
+};
+
+// A video sample at `time`, with a fresh image of `image` size, or without an image.
+[[nodiscard]] SampleBufferRef makeVideoSample(MediaTime time, std::optional<ImageSize> image);
+// An audio sample at `time` (10 ms of silent 44.1 kHz stereo).
+[[nodiscard]] SampleBufferRef makeAudioSample(MediaTime time);
+// value / 600 s, the usual video timescale.
+[[nodiscard]] constexpr MediaTime mediaTime(int64_t value) {
+    return MediaTime::make(value, 600);
+}
+
+// ---- capture -----------------------------------------------------------------------------------
+
+// A session that only records being started and stopped. Flags calls that overlap in time,
+// which the capture contract forbids for one session.
+class StubCaptureSession final : public CaptureSession {
+public:
+    explicit StubCaptureSession(std::string name, CallLog* calls = nullptr)
+        : name_(std::move(name)), calls_(calls) {}
+
+    void beginConfiguration() override {}
+    void commitConfiguration() override {}
+    [[nodiscard]] bool canAddInput(const std::shared_ptr<CaptureInput>&) override { return true; }
+    void addInput(std::shared_ptr<CaptureInput> input) override;
+    [[nodiscard]] bool canAddOutput(const std::shared_ptr<CaptureOutput>&) override { return true; }
+    void addOutput(std::shared_ptr<CaptureOutput> output) override;
+    [[nodiscard]] std::vector<std::shared_ptr<CaptureInput>> inputs() const override;
+    [[nodiscard]] std::vector<std::shared_ptr<CaptureOutput>> outputs() const override;
+    void removeInput(const std::shared_ptr<CaptureInput>& input) override;
+    void removeOutput(const std::shared_ptr<CaptureOutput>& output) override;
+    void startRunning() override;
+    void stopRunning() override;
+    [[nodiscard]] bool isRunning() const override;
+
+    // Runs inside stopRunning (the recorder's state can be checked "during" the stop).
+    void setOnStopRunning(std::function<void()> hook);
+    [[nodiscard]] int startCount() const;
+    [[nodiscard]] int stopCount() const;
+    [[nodiscard]] bool overlappingCallSeen() const { return overlapping_.load(); }
+
+private:
+    struct CallScope;
+    const std::string name_;
+    CallLog* const calls_;
+    std::atomic<int> inCall_{0};
+    std::atomic<bool> overlapping_{false};
+    mutable std::mutex mutex_;
+    bool running_ = false;                                 // guarded by mutex_
+    int starts_ = 0;                                       // guarded by mutex_
+    int stops_ = 0;                                        // guarded by mutex_
+    std::function<void()> onStop_;                         // guarded by mutex_
+    std::vector<std::shared_ptr<CaptureInput>> inputs_;    // guarded by mutex_
+    std::vector<std::shared_ptr<CaptureOutput>> outputs_;  // guarded by mutex_
+};
+
+class StubCaptureOutput final : public CaptureOutput {
+public:
+    explicit StubCaptureOutput(MediaType type) : type_(type) {}
+    [[nodiscard]] MediaType mediaType() const override { return type_; }
+    void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate>,
+                                 std::shared_ptr<SerialQueue>) override {}
+
+private:
+    const MediaType type_;
+};
+
+class FakeCaptureService final : public CaptureService {
+public:
+    explicit FakeCaptureService(CallLog* calls = nullptr);
+
+    // ---- CaptureService
+    void setDelegate(std::weak_ptr<CaptureSessionManagerDelegate> delegate) override;
+    void setupScreenCapture() override;
+    void setupCamera() override;
+    void cleanup() override;
+    [[nodiscard]] CaptureSession& screenCaptureSession() override { return screenSession_; }
+    [[nodiscard]] CaptureSession& cameraCaptureSession() override { return cameraSession_; }
+    [[nodiscard]] std::shared_ptr<CaptureOutput> videoOutput() const override;
+    [[nodiscard]] std::shared_ptr<CaptureOutput> cameraOutput() const override;
+    [[nodiscard]] std::shared_ptr<CaptureOutput> audioOutput() const override;
+    [[nodiscard]] bool cameraOverlayEnabled() const override { return overlay_.load(); }
+    void setCameraOverlayEnabled(bool enabled) override { overlay_.store(enabled); }
+    [[nodiscard]] CameraOverlayPreset cameraOverlayPreset() const override {
+        return preset_.load();
+    }
+    void setCameraOverlayPreset(CameraOverlayPreset preset) override { preset_.store(preset); }
+
+    // ---- set-up
+    void setScreenSetupError(std::optional<CaptureSessionError> error);
+    void setCameraSetupError(std::optional<CaptureSessionError> error);
+    // Without a camera, setupCamera succeeds and leaves cameraOutput absent.
+    void setCameraAvailable(bool available);
+    // Runs at the start of setupScreenCapture (to act "during" the start's set-up).
+    void setOnSetupScreenCapture(std::function<void()> hook);
+    // Where post*() delivers: the recording queue.
+    void setRecordingQueue(std::shared_ptr<SerialQueue> queue);
+
+    // ---- delivery to the delegate
+    // At once, on the calling thread, through the given output (which may be a foreign one).
+    void deliver(const SampleBufferRef& sample, CaptureOutput& output);
+    // Through the current screen, camera or audio output; false when that output is absent.
+    bool deliverScreen(const SampleBufferRef& sample);
+    bool deliverCamera(const SampleBufferRef& sample);
+    bool deliverAudio(const SampleBufferRef& sample);
+    // The same, later, on the recording queue. The service must outlive the queue's work.
+    bool postScreen(SampleBufferRef sample);
+    bool postCamera(SampleBufferRef sample);
+    bool postAudio(SampleBufferRef sample);
+
+    // ---- inspection
+    [[nodiscard]] StubCaptureSession& screenStub() { return screenSession_; }
+    [[nodiscard]] StubCaptureSession& cameraStub() { return cameraSession_; }
+    [[nodiscard]] int cleanupCount() const;
+    [[nodiscard]] int setupScreenCount() const;
+    [[nodiscard]] int setupCameraCount() const;
+
+private:
+    bool post(const std::shared_ptr<CaptureOutput>& output, SampleBufferRef sample);
+
+    CallLog* const calls_;
+    StubCaptureSession screenSession_;
+    StubCaptureSession cameraSession_;
+    std::atomic<bool> overlay_{true};
+    std::atomic<CameraOverlayPreset> preset_{CameraOverlayPreset::medium};
+    mutable std::mutex mutex_;
+    std::weak_ptr<CaptureSessionManagerDelegate> delegate_;  // guarded by mutex_
+    std::shared_ptr<CaptureOutput> videoOutput_;             // guarded by mutex_
+    std::shared_ptr<CaptureOutput> cameraOutput_;            // guarded by mutex_
+    std::shared_ptr<CaptureOutput> audioOutput_;             // guarded by mutex_
+    std::optional<CaptureSessionError> screenError_;         // guarded by mutex_
+    std::optional<CaptureSessionError> cameraError_;         // guarded by mutex_
+    bool cameraAvailable_ = true;                            // guarded by mutex_
+    std::function<void()> onSetupScreen_;                    // guarded by mutex_
+    std::shared_ptr<SerialQueue> queue_;                     // guarded by mutex_
+    int cleanups_ = 0;                                       // guarded by mutex_
+    int screenSetups_ = 0;                                   // guarded by mutex_
+    int cameraSetups_ = 0;                                   // guarded by mutex_
+};
+
+// ---- composition -------------------------------------------------------------------------------
+
+class FakeCompositionService final : public CompositionService {
+public:
+    struct Call {
+        PixelBufferRef screen;
+        PixelBufferRef camera;  // null for createSampleBuffer
+        MediaTime time;
+    };
+
+    [[nodiscard]] SampleBufferRef composeFrame(const PixelBufferRef& screenBuffer,
+                                               const PixelBufferRef& cameraBuffer,
+                                               MediaTime presentationTime) override;
+    [[nodiscard]] SampleBufferRef createSampleBuffer(const PixelBufferRef& buffer,
+                                                     MediaTime presentationTime) override;
+    [[nodiscard]] bool cameraOverlayEnabled() const override { return overlay_.load(); }
+    void setCameraOverlayEnabled(bool enabled) override { overlay_.store(enabled); }
+    [[nodiscard]] CameraOverlayPreset cameraOverlayPreset() const override {
+        return preset_.load();
+    }
+    void setCameraOverlayPreset(CameraOverlayPreset preset) override { preset_.store(preset); }
+    [[nodiscard]] CameraPosition cameraPosition() const override { return position_.load(); }
+    void setCameraPosition(CameraPosition position) override { position_.store(position); }
+
+    // Both operations then answer with nothing.
+    void setReturnsNull(bool returnsNull) { returnsNull_.store(returnsNull); }
+    [[nodiscard]] std::vector<Call> composeCalls() const;
+    [[nodiscard]] std::vector<Call> plainCalls() const;
+
+private:
+    std::atomic<bool> overlay_{true};
+    std::atomic<CameraOverlayPreset> preset_{CameraOverlayPreset::medium};
+    std::atomic<CameraPosition> position_{CameraPosition::bottomRight};
+    std::atomic<bool> returnsNull_{false};
+    mutable std::mutex mutex_;
+    std::vector<Call> composeCalls_;  // guarded by mutex_
+    std::vector<Call> plainCalls_;    // guarded by mutex_
+};
+
+// ---- the application side ----------------------------------------------------------------------
+
+// Records every report of the recorder, with the thread it came on.
+class FakeRecorderDelegate final : public ScreenRecorderDelegate {
+public:
+    struct Report {
+        enum class Kind { didStart, didStop, didFail };
+        Kind kind;
+        std::string outputURL;    // didStop
+        std::string description;  // didFail: the error's description
+        std::optional<ScreenRecorderError::Kind> errorKind;
+        std::thread::id thread;
+    };
+
+    void recorderDidStart() override;
+    void recorderDidStop(const std::string& outputURL) override;
+    void recorderDidFail(const ScreenRecorderError& error) override;
+
+    // Runs after each report has been recorded (on the reporting thread).
+    void setOnReport(std::function<void(const Report&)> hook);
+    [[nodiscard]] std::vector<Report> reports() const;
+    [[nodiscard]] size_t count() const;
+    // Blocks until there are at least `n` reports or the timeout passed.
+    bool waitForCount(size_t n, std::chrono::milliseconds timeout) const;
+
+private:
+    void add(Report report);
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    std::vector<Report> reports_;                  // guarded by mutex_
+    std::function<void(const Report&)> onReport_;  // guarded by mutex_
+};
+
+}  // namespace gb::fakes

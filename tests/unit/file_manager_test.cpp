@@ -1,0 +1,303 @@
+// The recording file manager: the output file's name and folder, the writer's settings and
+// preparation, and the save-location picker.
+#include <gtest/gtest.h>
+
+#include "fakes/fake_display.h"
+#include "fakes/fake_files.h"
+#include "fakes/fake_writer.h"
+#include "fakes/log_capture.h"
+#include "recording/errors.h"
+#include "recording/recording_file_manager.h"
+
+namespace gb {
+namespace {
+
+using namespace gb::fakes;
+using Strings = std::vector<std::string>;
+
+const std::string kDefaultFolder = "/home/user/Documents/Glimmerbox Recordings";
+const std::string kFileName = "glimmerbox-2025-03-14_09-26-53.mov";
+const std::string kDefaultPath = kDefaultFolder + "/" + kFileName;
+
+std::string videoSettingsLine(int width, int height) {
+    return "Video settings: [\"AVVideoCodecKey\": avc1, \"AVVideoWidthKey\": " +
+           std::to_string(width) + ", \"AVVideoHeightKey\": " + std::to_string(height) +
+           ", \"AVVideoCompressionPropertiesKey\": [\"AverageBitRate\": 2000000, "
+           "\"ProfileLevel\": H264_Main_AutoLevel, \"H264EntropyMode\": CAVLC]]";
+}
+
+class FileManagerTest : public ::testing::Test {
+protected:
+    // The error that createAssetWriter throws, or fails the test when it returns.
+    RecordingFileManagerError createFails(VideoQuality quality = VideoQuality::medium) {
+        try {
+            (void)manager.createAssetWriter(quality);
+        } catch (const RecordingFileManagerError& error) {
+            return error;
+        }
+        ADD_FAILURE() << "createAssetWriter did not throw";
+        return RecordingFileManagerError::urlCreationFailed();
+    }
+
+    LogCapture log;
+    FakeFileSystem files;
+    FakeDefaultsStore defaults;
+    FakeDateFormatter dates;
+    FakeAssetWriterFactory factory{&files};
+    FakeDisplayProvider display;
+    FakeFolderPicker picker;
+    RecordingFileManager manager{files, defaults, dates, factory, display, picker};
+};
+
+// ---- naming and folders ------------------------------------------------------------------------
+
+TEST_F(FileManagerTest, NamesTheFileByTheStartSecondInTheDefaultFolder) {
+    const auto url = manager.generateOutputURL();
+    EXPECT_EQ(url, kDefaultPath);
+    ASSERT_EQ(dates.requests().size(), 1u);
+    EXPECT_EQ(dates.requests()[0].pattern, "yyyy-MM-dd_HH-mm-ss");
+    EXPECT_EQ(dates.requests()[0].date, dates.now());
+    ASSERT_EQ(files.createDirectoryCalls().size(), 1u);
+    EXPECT_EQ(files.createDirectoryCalls()[0].path, kDefaultFolder);
+    EXPECT_TRUE(files.createDirectoryCalls()[0].intermediates);
+    EXPECT_TRUE(files.directoryExists(kDefaultFolder));
+    EXPECT_EQ(log.lines(), Strings{"Created directory: " + kDefaultFolder});
+}
+
+TEST_F(FileManagerTest, DefaultFolderIsCreatedAndLoggedAtEveryRecording) {
+    files.addDirectory(kDefaultFolder);  // there already
+    (void)manager.createAssetWriter(VideoQuality::medium);
+    dates.setFormatted("2025-03-14_09-27-00");
+    (void)manager.createAssetWriter(VideoQuality::medium);
+    EXPECT_EQ(log.count("Created directory: " + kDefaultFolder), 2u);
+    EXPECT_EQ(files.createDirectoryCalls().size(), 2u);
+}
+
+TEST_F(FileManagerTest, CustomFolderIsUsedAsIsWithoutCreatingAnything) {
+    defaults.setURL("/media/videos", "customSaveLocation");
+    EXPECT_EQ(manager.generateOutputURL(), "/media/videos/" + kFileName);
+    defaults.setURL("/media/videos/", "customSaveLocation");
+    EXPECT_EQ(manager.generateOutputURL(), "/media/videos/" + kFileName);
+    EXPECT_TRUE(files.createDirectoryCalls().empty());
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(FileManagerTest, CustomFolderThatNoLongerExistsFailsTheWriterCreation) {
+    defaults.setURL("/media/gone", "customSaveLocation");
+    const auto error = createFails();
+    EXPECT_EQ(error.kind(), RecordingFileManagerError::Kind::writerCreationFailed);
+    EXPECT_EQ(error.errorDescription(),
+              "Failed to create video writer: The folder \u201C/media/gone\u201D doesn\u2019t "
+              "exist.");
+    EXPECT_TRUE(files.createDirectoryCalls().empty());
+    EXPECT_FALSE(files.directoryExists("/media/gone"));
+    EXPECT_EQ(log.lines(),
+              Strings{"Failed to create AVAssetWriter: Error Domain=NSCocoaErrorDomain Code=4 "
+                      "\"The folder \u201C/media/gone\u201D doesn\u2019t exist.\""});
+    // The URL stays until the recorder's clean-up clears it.
+    EXPECT_EQ(manager.currentOutputURL(), "/media/gone/" + kFileName);
+}
+
+TEST_F(FileManagerTest, ASettingOfTheWrongTypeReadsAsAbsent) {
+    defaults.setRaw("customSaveLocation", std::string("/media/videos"));  // a string, not a URL
+    EXPECT_EQ(manager.generateOutputURL(), kDefaultPath);
+    defaults.setRaw("customSaveLocation", true);
+    EXPECT_EQ(manager.generateOutputURL(), kDefaultPath);
+    defaults.setRaw("customSaveLocation", int64_t{42});
+    EXPECT_EQ(manager.generateOutputURL(), kDefaultPath);
+}
+
+TEST_F(FileManagerTest, SameSecondNameCollisionReplacesTheOldFile) {
+    (void)manager.createAssetWriter(VideoQuality::medium);
+    ASSERT_TRUE(files.fileContents(kDefaultPath).has_value());
+    files.writeFile(kDefaultPath, "first recording");
+
+    auto second = manager.createAssetWriter(VideoQuality::medium);
+    EXPECT_EQ(files.removeCalls(), Strings{kDefaultPath});
+    EXPECT_EQ(files.fileContents(kDefaultPath), "written by writer " + kDefaultPath);
+    EXPECT_EQ(factory.requests().size(), 2u);
+    EXPECT_EQ(factory.requests()[1].path, kDefaultPath);
+}
+
+TEST_F(FileManagerTest, AFailedRemovalOfTheOldFileIsIgnored) {
+    files.addDirectory(kDefaultFolder);
+    files.writeFile(kDefaultPath, "locked");
+    files.setRemoveError(PlatformError{"NSCocoaErrorDomain", 513, "No permission."});
+    EXPECT_NO_THROW((void)manager.createAssetWriter(VideoQuality::medium));
+    EXPECT_EQ(files.removeCalls(), Strings{kDefaultPath});
+    EXPECT_EQ(log.countPrefix("Failed"), 0u);
+}
+
+TEST_F(FileManagerTest, NoDocumentsFolderGivesNoURLAndUrlCreationFailed) {
+    files.setDocumentsDirectory(std::nullopt);
+    EXPECT_EQ(manager.generateOutputURL(), std::nullopt);
+    log.clear();
+    const auto error = createFails();
+    EXPECT_EQ(error.kind(), RecordingFileManagerError::Kind::urlCreationFailed);
+    EXPECT_EQ(manager.currentOutputURL(), std::nullopt);
+    EXPECT_TRUE(factory.requests().empty());
+    EXPECT_EQ(log.lines(), Strings{"No Documents folder found for recordings"});
+}
+
+TEST_F(FileManagerTest, AFolderThatCannotBeCreatedIsLoggedAndTheWriterDecides) {
+    files.setCreateDirectoryError(
+        PlatformError{"NSCocoaErrorDomain", 513, "You don\u2019t have permission."});
+    EXPECT_EQ(manager.generateOutputURL(), kDefaultPath);
+    EXPECT_EQ(log.lines(),
+              Strings{"Failed to create directory: Error Domain=NSCocoaErrorDomain Code=513 "
+                      "\"You don\u2019t have permission.\""});
+    log.clear();
+    const auto error = createFails();
+    EXPECT_EQ(error.kind(), RecordingFileManagerError::Kind::writerCreationFailed);
+    EXPECT_EQ(log.countPrefix("Failed to create AVAssetWriter: "), 1u);
+}
+
+// ---- the writer --------------------------------------------------------------------------------
+
+TEST_F(FileManagerTest, PreparesAndStartsTheWriterInOrder) {
+    auto bundle = manager.createAssetWriter(VideoQuality::medium);
+    EXPECT_EQ(log.lines(),
+              (Strings{"Created directory: " + kDefaultFolder,
+                       "Created AVAssetWriter for: " + kDefaultPath, videoSettingsLine(1280, 720),
+                       "AVAssetWriter started successfully"}));
+    EXPECT_EQ(manager.currentOutputURL(), kDefaultPath);
+    ASSERT_EQ(factory.requests().size(), 1u);
+    EXPECT_EQ(factory.requests()[0].fileType, FileType::quickTimeMovie);
+
+    auto writer = factory.lastWriter();
+    ASSERT_TRUE(writer);
+    EXPECT_EQ(bundle.writer, writer);
+    EXPECT_EQ(writer->status(), AssetWriterStatus::writing);
+    EXPECT_TRUE(writer->sessionStarts().empty());  // the timeline starts with the first sample
+    const auto inputs = writer->inputs();
+    ASSERT_EQ(inputs.size(), 2u);
+    EXPECT_EQ(inputs[0], bundle.videoInput);
+    EXPECT_EQ(inputs[1], bundle.audioInput);
+    EXPECT_EQ(bundle.videoInput->mediaType(), MediaType::video);
+    EXPECT_EQ(bundle.audioInput->mediaType(), MediaType::audio);
+    EXPECT_TRUE(factory.lastInput(MediaType::video)->expectsMediaDataInRealTime());
+    EXPECT_TRUE(factory.lastInput(MediaType::audio)->expectsMediaDataInRealTime());
+}
+
+TEST_F(FileManagerTest, WriterSettingsOfEveryQuality) {
+    display.setSize(1512, 982);
+    const struct {
+        VideoQuality quality;
+        int width;
+        int height;
+    } cases[] = {{VideoQuality::medium, 1280, 720},
+                 {VideoQuality::high, 1920, 1080},
+                 {VideoQuality::ultra, 2560, 1440},
+                 {VideoQuality::screenResolution, 1512, 982}};
+    for (const auto& c : cases) {
+        log.clear();
+        (void)manager.createAssetWriter(c.quality);
+        const auto settings = factory.inputSettings();
+        ASSERT_GE(settings.size(), 2u);
+        const auto& video = std::get<VideoOutputSettingsForWriter>(settings[settings.size() - 2]);
+        EXPECT_EQ(video,
+                  (VideoOutputSettingsForWriter{
+                      "avc1", c.width, c.height, {2000000, "H264_Main_AutoLevel", "CAVLC"}}));
+        const auto& audio = std::get<AudioOutputSettingsForWriter>(settings.back());
+        EXPECT_EQ(audio, (AudioOutputSettingsForWriter{0x61616320, 2, 44100.0, 128000}));
+        EXPECT_EQ(log.count(videoSettingsLine(c.width, c.height)), 1u);
+    }
+    display.setScreen(std::nullopt);
+    (void)manager.createAssetWriter(VideoQuality::screenResolution);
+    const auto settings = factory.inputSettings();
+    const auto& video = std::get<VideoOutputSettingsForWriter>(settings.end()[-2]);
+    EXPECT_EQ(video.width, 1920);
+    EXPECT_EQ(video.height, 1080);
+}
+
+TEST_F(FileManagerTest, WriterThatCannotBeCreated) {
+    factory.setMakeWriterError(PlatformError{"AVFoundationErrorDomain", -11800, "No room"});
+    const auto error = createFails();
+    EXPECT_EQ(error.kind(), RecordingFileManagerError::Kind::writerCreationFailed);
+    EXPECT_EQ(error.payload(), "No room");
+    EXPECT_EQ(log.lines().back(),
+              "Failed to create AVAssetWriter: Error Domain=AVFoundationErrorDomain "
+              "Code=-11800 \"No room\"");
+}
+
+TEST_F(FileManagerTest, InputsTheWriterRefuses) {
+    FakeWriterConfig config;
+    config.canAddVideoInput = false;
+    factory.setConfig(config);
+    EXPECT_EQ(createFails().kind(), RecordingFileManagerError::Kind::cannotAddVideoInput);
+    EXPECT_EQ(factory.lastWriter()->startWritingCalls(), 0);
+
+    config.canAddVideoInput = true;
+    config.canAddAudioInput = false;
+    factory.setConfig(config);
+    EXPECT_EQ(createFails().kind(), RecordingFileManagerError::Kind::cannotAddAudioInput);
+    EXPECT_EQ(factory.lastWriter()->inputs().size(), 1u);
+    EXPECT_EQ(factory.lastWriter()->startWritingCalls(), 0);
+    EXPECT_EQ(manager.currentOutputURL(), kDefaultPath);
+}
+
+TEST_F(FileManagerTest, WriterThatDoesNotStart) {
+    FakeWriterConfig config;
+    config.startWritingSucceeds = false;
+    config.startWritingError = PlatformError{"AVFoundationErrorDomain", -11823, "Cannot Save"};
+    factory.setConfig(config);
+    auto error = createFails();
+    EXPECT_EQ(error.kind(), RecordingFileManagerError::Kind::startWritingFailed);
+    EXPECT_EQ(error.errorDescription(), "Failed to start writing: Cannot Save");
+    auto lines = log.lines();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines.end()[-2], "AVAssetWriter failed to start writing: Cannot Save");
+    EXPECT_EQ(lines.back(), "Writer status: 3");
+
+    config.startWritingError.reset();
+    factory.setConfig(config);
+    error = createFails();
+    EXPECT_EQ(error.errorDescription(), "Failed to start writing: Unknown error");
+    EXPECT_EQ(log.lines().end()[-2], "AVAssetWriter failed to start writing: Unknown error");
+}
+
+TEST_F(FileManagerTest, CurrentOutputURLIsClearable) {
+    EXPECT_EQ(manager.currentOutputURL(), std::nullopt);
+    (void)manager.createAssetWriter(VideoQuality::high);
+    EXPECT_EQ(manager.currentOutputURL(), kDefaultPath);
+    manager.clearCurrentOutputURL();
+    EXPECT_EQ(manager.currentOutputURL(), std::nullopt);
+}
+
+TEST(VideoSettingsTextTest, IsAStableDictionaryText) {
+    EXPECT_EQ(describe(videoSettingsForWriter({1512, 982})),
+              "[\"AVVideoCodecKey\": avc1, \"AVVideoWidthKey\": 1512, \"AVVideoHeightKey\": 982, "
+              "\"AVVideoCompressionPropertiesKey\": [\"AverageBitRate\": 2000000, "
+              "\"ProfileLevel\": H264_Main_AutoLevel, \"H264EntropyMode\": CAVLC]]");
+}
+
+// ---- the picker --------------------------------------------------------------------------------
+
+TEST_F(FileManagerTest, ChosenFolderIsStoredAndLogged) {
+    picker.setResult({1, "/media/videos"});
+    manager.chooseSaveLocation();
+    const auto shown = picker.shown();
+    ASSERT_EQ(shown.size(), 1u);
+    const auto& options = shown[0];
+    EXPECT_FALSE(options.canChooseFiles);
+    EXPECT_TRUE(options.canChooseDirectories);
+    EXPECT_FALSE(options.allowsMultipleSelection);
+    EXPECT_EQ(options.prompt, "Choose Save Location");
+    EXPECT_EQ(defaults.urlForKey("customSaveLocation"), "/media/videos");
+    EXPECT_EQ(log.lines(), Strings{"Save location set to: /media/videos"});
+    EXPECT_FALSE(files.directoryExists("/media/videos"));  // neither created nor tested
+    EXPECT_EQ(manager.generateOutputURL(), "/media/videos/" + kFileName);
+}
+
+TEST_F(FileManagerTest, CancelledPickerChangesNothing) {
+    defaults.setURL("/media/old", "customSaveLocation");
+    picker.setResult({0, "/media/new"});
+    manager.chooseSaveLocation();
+    picker.setResult({1, std::nullopt});
+    manager.chooseSaveLocation();
+    EXPECT_EQ(defaults.urlForKey("customSaveLocation"), "/media/old");
+    EXPECT_TRUE(log.lines().empty());
+}
+
+}  // namespace
+}  // namespace gb
