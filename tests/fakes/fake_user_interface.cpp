@@ -8,7 +8,7 @@ namespace gb::fakes {
 
 void FakeApplication::record(const std::string& call) {
     calls.push_back(call);
-    if (journal) journal->record("application." + call);
+    if (journal) journal->add("application." + call);
 }
 
 size_t FakeApplication::count(const std::string& call) const {
@@ -48,7 +48,7 @@ void FakeApplication::addResource(const std::string& name, const std::string& ty
 // ---- FakeStatusItem ----------------------------------------------------------------------------
 
 void FakeStatusItem::record(std::string event) {
-    if (journal) journal->record("statusItem." + event);
+    if (journal) journal->add("statusItem." + event);
     events.push_back(std::move(event));
 }
 
@@ -123,7 +123,7 @@ std::shared_ptr<StatusItem> FakeStatusBar::makeStatusItem() {
     item->withButton = itemsHaveButton;
     item->unavailableSymbols = unavailableSymbols;
     items.push_back(item);
-    if (journal) journal->record("statusBar.makeStatusItem");
+    if (journal) journal->add("statusBar.makeStatusItem");
     return item;
 }
 
@@ -137,19 +137,21 @@ std::shared_ptr<Window> FakeWindowSystem::makeWindow(const WindowDescription& d)
 
 int FakeAlertPresenter::runModal(const AlertDescription& alert) {
     alerts.push_back(alert);
-    if (journal) journal->record("alert " + alert.messageText);
+    if (journal) journal->add("alert " + alert.messageText);
+    if (onAlert) onAlert(alert);
     return pressedButton;
 }
 
 void FakeNotificationCenter::requestAuthorization(std::function<void(bool granted)> completion) {
     ++authorizationRequests;
-    if (journal) journal->record("notifications.requestAuthorization");
+    if (journal) journal->add("notifications.requestAuthorization");
     pendingAnswers_.push_back(std::move(completion));
 }
 
 void FakeNotificationCenter::add(const NotificationRequest& request) {
     requests.push_back(request);
-    if (journal) journal->record("notification " + request.title);
+    if (journal) journal->add("notification " + request.title);
+    if (onAdd) onAdd(request);
 }
 
 void FakeNotificationCenter::answerAuthorization(bool granted) {

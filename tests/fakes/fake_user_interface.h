@@ -1,7 +1,8 @@
 // Fakes of the application shell's platform: the application object, the status bar and its
-// item, windows, alerts, the folder picker, the workspace and the notification center. They
-// record what the logic asked of them; calls that matter for ordering across fakes also go to
-// a shared CallJournal when one is attached.
+// item, windows, alerts, the workspace and the notification center (the folder picker's fake is
+// with the file fakes). They record what the logic asked of them; calls whose order matters
+// across fakes also go to a shared CallLog when one is attached ("application.terminate",
+// "statusItem.menu", "alert <title>", "notification <title>", ...).
 //
 // Threads: like the real services, main thread only (in unit tests: the test's thread).
 #pragma once
@@ -14,16 +15,11 @@
 #include <string>
 #include <vector>
 
+#include "fakes/log_capture.h"
 #include "platform/notifications.h"
 #include "platform/user_interface.h"
 
 namespace gb::fakes {
-
-// Calls of several fakes in the order they happened, e.g. "application.closeAllWindows".
-struct CallJournal {
-    std::vector<std::string> entries;
-    void record(std::string entry) { entries.push_back(std::move(entry)); }
-};
 
 class FakeApplication final : public Application {
 public:
@@ -40,7 +36,7 @@ public:
     void fireDidBecomeActive();
     void addResource(const std::string& name, const std::string& type, std::string path);
 
-    CallJournal* journal = nullptr;
+    CallLog* journal = nullptr;
     bool accessibilityTrusted = false;
     std::vector<bool> accessibilityPrompts;  // the prompt flag of every trust check
     std::vector<std::string> calls;          // in order
@@ -70,7 +66,7 @@ public:
     bool choose(const std::vector<std::string>& titlePath);
     [[nodiscard]] const std::vector<MenuEntry>& menu() const;
 
-    CallJournal* journal = nullptr;
+    CallLog* journal = nullptr;
     bool withButton = true;
     std::set<std::string> unavailableSymbols;  // lookups of these names yield nothing
     std::vector<SymbolImage> symbolLookups;
@@ -99,7 +95,7 @@ public:
         return items.empty() ? nullptr : items.back().get();
     }
 
-    CallJournal* journal = nullptr;
+    CallLog* journal = nullptr;
     // Settings for items made from now on.
     bool itemsHaveButton = true;
     std::set<std::string> unavailableSymbols;
@@ -134,20 +130,11 @@ class FakeAlertPresenter final : public AlertPresenter {
 public:
     int runModal(const AlertDescription& alert) override;
 
-    CallJournal* journal = nullptr;
+    CallLog* journal = nullptr;
     std::vector<AlertDescription> alerts;
     int pressedButton = 0;
-};
-
-class FakeFolderPicker final : public FolderPicker {
-public:
-    FolderPickerResult runModal(const FolderPickerOptions& options) override {
-        shown.push_back(options);
-        return result;
-    }
-
-    FolderPickerResult result;  // what the user "chose"; cancelled by default
-    std::vector<FolderPickerOptions> shown;
+    // Runs while the alert is "up", before runModal returns.
+    std::function<void(const AlertDescription&)> onAlert;
 };
 
 class FakeWorkspace final : public Workspace {
@@ -169,9 +156,11 @@ public:
     // Answers every pending authorization request.
     void answerAuthorization(bool granted);
 
-    CallJournal* journal = nullptr;
+    CallLog* journal = nullptr;
     int authorizationRequests = 0;
     std::vector<NotificationRequest> requests;
+    // Runs after each request was recorded.
+    std::function<void(const NotificationRequest&)> onAdd;
 
 private:
     std::vector<std::function<void(bool)>> pendingAnswers_;
