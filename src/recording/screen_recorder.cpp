@@ -144,45 +144,15 @@ void ScreenRecorder::runStart(const CancellationToken& cancellation) {
     }
     logLine("ScreenRecorder.startRecording() called");
 
-    CaptureService& capture = *services_.captureSessionManager;
+    std::optional<std::string> refusal;  // the permission text, when access is missing
     try {
         const bool includeCamera = cameraOverlayEnabled_.load();
         if (!services_.permissionManager->checkAllPermissions(includeCamera)) {
             const auto missing = services_.permissionManager->missingPermissions(includeCamera);
-            const std::string text =
-                capitalizedWords(joined(missing, " and ")) + " access required";
-            {
-                std::lock_guard lock(mutex_);
-                starting_ = false;
-            }
-            if (auto delegate = currentDelegate()) {
-                delegate->recorderDidFail(ScreenRecorderError::permissionDenied(text));
-            }
-            return;
+            refusal = capitalizedWords(joined(missing, " and ")) + " access required";
+        } else {
+            startSteps(generation, cancellation);
         }
-
-        capture.setupScreenCapture();
-        if (capture.cameraOverlayEnabled()) capture.setupCamera();
-
-        WriterBundle bundle = services_.fileManager->createAssetWriter(videoQuality_.load());
-        {
-            // The writer is in place before isRecording lets samples in.
-            std::lock_guard lock(mutex_);
-            assetWriter_ = std::move(bundle.writer);
-            videoInput_ = std::move(bundle.videoInput);
-            audioInput_ = std::move(bundle.audioInput);
-            isRecording_ = true;
-        }
-        {
-            // A stop that came in since isRecording was set has already stopped the sessions;
-            // starting them now would leave them running for a finished recording.
-            std::lock_guard sessions(sessionsMutex_);
-            if (isRecordingGeneration(generation)) {
-                capture.screenCaptureSession().startRunning();
-                if (capture.cameraOverlayEnabled()) capture.cameraCaptureSession().startRunning();
-            }
-        }
-        if (!dispatch_.sleeper().sleep(kStartPause, cancellation)) throw CancellationError();
     } catch (const CaptureSessionError& error) {
         failStart(generation, error.caseDescription(),
                   ScreenRecorderError::setupFailed(error.errorDescription()));
@@ -206,12 +176,50 @@ void ScreenRecorder::runStart(const CancellationToken& cancellation) {
         return;
     }
 
+    if (refusal) {
+        // Nothing was set up, so there is nothing to clean up.
+        {
+            std::lock_guard lock(mutex_);
+            starting_ = false;
+        }
+        if (auto delegate = currentDelegate()) {
+            delegate->recorderDidFail(ScreenRecorderError::permissionDenied(*refusal));
+        }
+        return;
+    }
+
     logLine("Recording started successfully");
     {
         std::lock_guard lock(mutex_);
         starting_ = false;
     }
     if (auto delegate = currentDelegate()) delegate->recorderDidStart();
+}
+
+void ScreenRecorder::startSteps(uint64_t generation, const CancellationToken& cancellation) {
+    CaptureService& capture = *services_.captureSessionManager;
+    capture.setupScreenCapture();
+    if (capture.cameraOverlayEnabled()) capture.setupCamera();
+
+    WriterBundle bundle = services_.fileManager->createAssetWriter(videoQuality_.load());
+    {
+        // The writer is in place before isRecording lets samples in.
+        std::lock_guard lock(mutex_);
+        assetWriter_ = std::move(bundle.writer);
+        videoInput_ = std::move(bundle.videoInput);
+        audioInput_ = std::move(bundle.audioInput);
+        isRecording_ = true;
+    }
+    {
+        // A stop that came in since isRecording was set has already stopped the sessions;
+        // starting them now would leave them running for a finished recording.
+        std::lock_guard sessions(sessionsMutex_);
+        if (isRecordingGeneration(generation)) {
+            capture.screenCaptureSession().startRunning();
+            if (capture.cameraOverlayEnabled()) capture.cameraCaptureSession().startRunning();
+        }
+    }
+    if (!dispatch_.sleeper().sleep(kStartPause, cancellation)) throw CancellationError();
 }
 
 void ScreenRecorder::failStart(uint64_t generation, const std::string& errorText,

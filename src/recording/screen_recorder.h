@@ -46,6 +46,8 @@ public:
     // Runs the start on the background executor and returns at once. `cancellation` is the
     // starting task's token (it cuts the start's pause short); `completion`, if given, runs on
     // the background executor once the start has reported its outcome.
+    // A start while a recording runs, or while another start or a finish is still under way, is
+    // refused with a log line and reports nothing.
     void startRecording(CancellationToken cancellation = {}, std::function<void()> completion = {});
     // Main thread. The outcome is reported later.
     void stopRecording();
@@ -83,6 +85,8 @@ public:
 
 private:
     void runStart(const CancellationToken& cancellation);
+    // The start's set-up, writer creation, session start and pause; throws on failure.
+    void startSteps(uint64_t generation, const CancellationToken& cancellation);
     // The common end of a start whose set-up, writer creation or pause threw.
     void failStart(uint64_t generation, const std::string& errorText, ScreenRecorderError error);
     static void finishStep(const std::weak_ptr<ScreenRecorder>& weakSelf,

@@ -1,6 +1,8 @@
 // The screen recorder on fakes: starts and their failures, sample routing, stop and finish.
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include "fakes/fake_access.h"
 #include "fakes/fake_dispatch.h"
 #include "fakes/fake_display.h"
@@ -48,6 +50,13 @@ SampleBufferRef audioAt(int64_t t) {
 class InconsistentPermissions final : public PermissionService {
 public:
     bool checkAllPermissions(bool) override { return false; }
+    std::vector<std::string> missingPermissions(bool) override { return {}; }
+};
+
+// A permission service that breaks its promise never to fail.
+class ThrowingPermissions final : public PermissionService {
+public:
+    bool checkAllPermissions(bool) override { throw std::runtime_error("access service gone"); }
     std::vector<std::string> missingPermissions(bool) override { return {}; }
 };
 
@@ -277,6 +286,16 @@ TEST_F(RecorderTest, RefusalWithNothingMissingOnTheSecondQuery) {
     start();
     expectOneFailure("Permission denied:  access required",
                      ScreenRecorderError::Kind::permissionDenied);
+}
+
+TEST_F(RecorderTest, APermissionServiceThatThrowsEndsTheStartThroughTheCommonPath) {
+    recorder = makeRecorder(std::make_shared<ThrowingPermissions>());
+    start();
+    EXPECT_EQ(log.lines().back(), "Recording setup failed: access service gone");
+    expectOneFailure("Setup failed: access service gone", ScreenRecorderError::Kind::setupFailed);
+    EXPECT_TRUE(factory.requests().empty());
+    start();  // the failed start left nothing behind
+    EXPECT_EQ(reports().size(), 2u);
 }
 
 TEST_F(RecorderTest, ARefusedStartCanBeFollowedByAnotherStart) {
