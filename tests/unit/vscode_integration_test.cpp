@@ -219,6 +219,10 @@ struct FailingStep {
     size_t scriptsRun;
 };
 
+void PrintTo(const FailingStep& step, std::ostream* os) {
+    *os << "step " << step.scriptsRun;
+}
+
 class FailingStepTest : public VSCodeIntegrationTest,
                         public testing::WithParamInterface<FailingStep> {};
 

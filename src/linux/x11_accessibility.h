@@ -1,0 +1,21 @@
+// Whether this process may send keystrokes to other programs: on X11 that takes a reachable
+// display with the XTest extension; a Wayland session does not let a client type into others.
+//
+// Threads: any thread; each call opens and closes its own connection.
+#pragma once
+
+#include <string>
+
+namespace gb::linuxp {
+
+// True when $DISPLAY is reachable, has XTest, and the session is not a Wayland one.
+[[nodiscard]] bool isAccessibilityTrustedX11();
+
+// The same for the display `displayName` (empty: $DISPLAY).
+[[nodiscard]] bool isAccessibilityTrustedX11(const std::string& displayName);
+
+// A Wayland session by its environment: WAYLAND_DISPLAY set and XDG_SESSION_TYPE "wayland".
+// Either may be null (unset).
+[[nodiscard]] bool isWaylandSession(const char* waylandDisplay, const char* sessionType);
+
+}  // namespace gb::linuxp

@@ -1,0 +1,65 @@
+// The start and the stop of recordings run the automation's sequences on background threads while
+// the main thread looks for the editor; they may overlap.
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "automation/vscode_integration.h"
+#include "fakes/fake_dispatch.h"
+#include "fakes/fake_scripting.h"
+
+namespace gb {
+namespace {
+
+TEST(VSCodeIntegrationConcurrencyTest, OverlappingSequencesKeepWholeState) {
+    fakes::FakeApplicationFinder finder;
+    fakes::RecordingScriptRunner runner;
+    fakes::FakeSleeper sleeper;
+    auto stable = finder.launch("com.microsoft.VSCode");
+    VSCodeIntegration integration(finder, runner, sleeper);
+
+    constexpr int kRounds = 200;
+    int enabled = 0;
+    {
+        std::jthread enabling([&] {
+            for (int i = 0; i < kRounds; ++i) enabled += integration.enableScreencastMode();
+        });
+        std::jthread disabling([&] {
+            for (int i = 0; i < kRounds; ++i) EXPECT_TRUE(integration.disableScreencastMode());
+        });
+        std::jthread looking([&] {
+            for (int i = 0; i < kRounds; ++i) {
+                EXPECT_EQ(integration.findVSCode(), stable);
+                (void)integration.screencastModeEnabled();
+                EXPECT_EQ(integration.vsCodeApp(), stable);
+            }
+        });
+    }
+    EXPECT_EQ(enabled, kRounds);
+    // Every sequence that ran sent its three scripts whole.
+    EXPECT_EQ(runner.scripts().size() % 3, 0u);
+    EXPECT_GE(runner.scripts().size(), 3u * kRounds);
+    EXPECT_EQ(stable->activations() * 3, static_cast<int>(runner.scripts().size()));
+}
+
+TEST(VSCodeIntegrationConcurrencyTest, SharedInstanceMayBeReconfiguredWhileUsed) {
+    static fakes::FakeApplicationFinder finder;
+    static fakes::RecordingScriptRunner first;
+    static fakes::RecordingScriptRunner second;
+    static fakes::FakeSleeper sleeper;
+    finder.launch("com.microsoft.VSCode");
+    VSCodeIntegration::configureShared(finder, first, sleeper);
+    {
+        std::jthread user([] {
+            for (int i = 0; i < 100; ++i) (void)VSCodeIntegration::shared().openCommandPalette();
+        });
+        for (int i = 0; i < 100; ++i) {
+            VSCodeIntegration::configureShared(finder, i % 2 == 0 ? second : first, sleeper);
+        }
+    }
+    EXPECT_EQ(first.scripts().size() + second.scripts().size(), 100u);
+}
+
+}  // namespace
+}  // namespace gb
