@@ -56,13 +56,36 @@ TEST(AudioTimelineTest, FollowsADriftingClockWithinAFewMilliseconds) {
     }
 }
 
-TEST(AudioTimelineTest, JumpsForwardWhenAudioWasLost) {
+TEST(AudioTimelineTest, JumpsForwardOnceAQuarterSecondShowsAudioWasLost) {
     AudioTimeline timeline(kRate);
     EXPECT_EQ(timeline.place(0, kChunkFrames), 0);
     EXPECT_EQ(timeline.place(kChunkNs, kChunkFrames), kChunkNs);
-    // The server dropped half a second: the next chunk starts where it was recorded.
-    EXPECT_EQ(timeline.place(2 * kChunkNs + 500 * kMs, kChunkFrames), 2 * kChunkNs + 500 * kMs);
+    // The server dropped half a second: from chunk 2 on, every measurement is 500 ms ahead.
+    int jumpedAt = -1;
+    for (int i = 2; i < 60; ++i) {
+        const int64_t measured = i * kChunkNs + 500 * kMs;
+        const int64_t start = timeline.place(measured, kChunkFrames);
+        if (jumpedAt < 0 && start != i * kChunkNs) {
+            jumpedAt = i;
+            EXPECT_EQ(start, measured);
+        } else if (jumpedAt >= 0) {
+            EXPECT_EQ(start, measured) << i;
+        }
+    }
+    EXPECT_GT(jumpedAt, 2);
+    EXPECT_LE(jumpedAt, 2 + 2 * 13);  // within two windows of 13 chunks
     EXPECT_EQ(timeline.jumps(), 1);
+}
+
+TEST(AudioTimelineTest, AReaderThatWasHeldUpDoesNotMoveTheTimeline) {
+    AudioTimeline timeline(kRate);
+    for (int i = 0; i < 100; ++i) {
+        const int64_t exact = i * kChunkNs;
+        // Chunks 40 to 47 were read in one late burst and look up to 160 ms newer than they are.
+        const int64_t late = i >= 40 && i < 48 ? (48 - i) * kChunkNs : 0;
+        EXPECT_EQ(timeline.place(exact + late, kChunkFrames), exact) << i;
+    }
+    EXPECT_EQ(timeline.jumps(), 0);
 }
 
 TEST(AudioTimelineTest, HolesMoveTheNextChunkWithoutAJump) {

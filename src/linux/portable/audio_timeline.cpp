@@ -18,13 +18,34 @@ int64_t AudioTimeline::predictedNanoseconds() const {
 int64_t AudioTimeline::place(int64_t measuredNanoseconds, int64_t frames) {
     const int64_t predicted = predictedNanoseconds();
     int64_t start = predicted;
-    const int64_t deviation = measuredNanoseconds - predicted;
-    if (!anchored_ || deviation > kJumpNanoseconds) {
-        if (anchored_) ++jumps_;
+    if (!anchored_) {
         start = measuredNanoseconds;
-    } else if (deviation > kToleranceNanoseconds || deviation < -kToleranceNanoseconds) {
+    } else {
+        const int64_t deviation = measuredNanoseconds - predicted;
         const int64_t step = std::max<int64_t>(durationNanoseconds(frames) / 40, 1);
-        start += std::clamp(deviation, -step, step);
+        if (deviation < -kToleranceNanoseconds) {
+            // Measurements are never early: the timeline is ahead.
+            start += std::max(deviation, -step);
+            forwardNanoseconds_ = 0;
+        } else if (forwardNanoseconds_ > 0) {
+            const int64_t forward = std::min(forwardNanoseconds_, step);
+            start += forward;
+            forwardNanoseconds_ -= forward;
+        }
+        windowEarliestDeviation_ = std::min(windowEarliestDeviation_, deviation);
+        windowFrames_ += frames;
+        if (durationNanoseconds(windowFrames_) >= kWindowNanoseconds) {
+            const int64_t behind = windowEarliestDeviation_;
+            if (behind > kJumpNanoseconds) {
+                ++jumps_;
+                start = predicted + behind;
+                forwardNanoseconds_ = 0;
+            } else if (behind > kToleranceNanoseconds) {
+                forwardNanoseconds_ = behind - (start - predicted);
+            }
+            windowFrames_ = 0;
+            windowEarliestDeviation_ = std::numeric_limits<int64_t>::max();
+        }
     }
     if (anchored_ && start <= lastStartNanoseconds_) start = lastStartNanoseconds_ + 1;
     if (!anchored_ || start != predicted) {
