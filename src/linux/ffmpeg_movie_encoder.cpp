@@ -280,14 +280,15 @@ Result<void> MovieEncoder::encodeVideo(SampleBufferRef sample, MediaTime session
         ++stats_.videoFramesOutOfOrder;
         return {};
     }
-    // How long this frame shows: its own duration, else the last interval, else 1/30 s. Only the
-    // last frame of a fragment needs it; the others end where the next one starts.
-    int64_t duration = 3000;
+    // How long this frame shows. Only the last frame of a fragment needs it (the others end where
+    // the next one starts), and it must not reach into the next fragment's first frame, which
+    // capture jitter can bring a little early: half the last interval, or half the nominal one.
+    int64_t nominal = 3000;
     if (const MediaTime d = sample->timing().duration; d.isValid() && d.value > 0) {
-        duration = ticksFromNanoseconds(d.nanoseconds(), kVideoTimeBase);
-    } else if (lastVideoPts_ >= 0) {
-        duration = std::clamp<int64_t>(pts - lastVideoPts_, 1, 9000);
+        nominal = ticksFromNanoseconds(d.nanoseconds(), kVideoTimeBase);
     }
+    const int64_t interval = lastVideoPts_ >= 0 ? pts - lastVideoPts_ : nominal;
+    const int64_t duration = std::clamp<int64_t>(std::min(interval, nominal) / 2, 1, 4500);
     lastVideoPts_ = pts;
     videoEndNs_ = offsetNs + av_rescale_q(duration, kVideoTimeBase, AVRational{1, 1'000'000'000});
 

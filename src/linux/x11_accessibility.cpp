@@ -6,13 +6,9 @@
 #include <string_view>
 
 #include "linux/x11_client_connection.h"
+#include "linux/x11_screen_input.h"
 
 namespace gb::linuxp {
-
-bool isWaylandSession(const char* waylandDisplay, const char* sessionType) {
-    return waylandDisplay != nullptr && *waylandDisplay != '\0' && sessionType != nullptr &&
-           std::string_view(sessionType) == "wayland";
-}
 
 bool isAccessibilityTrustedX11() {
     return isAccessibilityTrustedX11({});

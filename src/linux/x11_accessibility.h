@@ -14,8 +14,4 @@ namespace gb::linuxp {
 // The same for the display `displayName` (empty: $DISPLAY).
 [[nodiscard]] bool isAccessibilityTrustedX11(const std::string& displayName);
 
-// A Wayland session by its environment: WAYLAND_DISPLAY set and XDG_SESSION_TYPE "wayland".
-// Either may be null (unset).
-[[nodiscard]] bool isWaylandSession(const char* waylandDisplay, const char* sessionType);
-
 }  // namespace gb::linuxp

@@ -2,6 +2,8 @@
 
 #include <mutex>
 
+#include "linux/x11_display.h"
+
 namespace gb::linuxp {
 namespace {
 
@@ -27,8 +29,9 @@ namespace {
 
 void prepareXlib() {
     std::call_once(installOnce, [] {
-        // Several objects talk to the server from different threads, each on its own connection.
-        XInitThreads();
+        // The process-wide handlers (thread safety, logging) first, so that errors outside a
+        // trap go to them and never to Xlib's default handler, which exits.
+        installXErrorHandlers();
         handlerBefore = XSetErrorHandler(trapErrors);
     });
 }

@@ -37,13 +37,20 @@ void onXIOErrorExit(Display*, void* connectionLost) {
     if (connectionLost != nullptr) static_cast<std::atomic<bool>*>(connectionLost)->store(true);
 }
 
+}  // namespace
+
 void installXErrorHandlers() {
     static std::once_flag once;
     std::call_once(once, [] {
+        // Capture, the display query and the automation use their own connections from several
+        // threads; this must come before any other Xlib call.
+        XInitThreads();
         XSetErrorHandler(onXError);
         XSetIOErrorHandler(onXIOError);
     });
 }
+
+namespace {
 
 struct ScreenResourcesFree {
     void operator()(XRRScreenResources* r) const { XRRFreeScreenResources(r); }

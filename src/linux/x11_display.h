@@ -26,6 +26,10 @@ struct XDisplayCloser {
 // An open Xlib connection; closing it frees every server resource it created.
 using XDisplayPtr = std::unique_ptr<_XDisplay, XDisplayCloser>;
 
+// Makes Xlib thread-safe and installs the process's X error handlers, which log instead of ending
+// the program. Idempotent; every module that talks to X calls it before its first Xlib call.
+void installXErrorHandlers();
+
 // Opens the named display (empty: $DISPLAY), or null when it cannot be reached. When the
 // connection breaks, `connectionLost` (if given) becomes true and Xlib calls on it fail quietly;
 // it must outlive the connection.

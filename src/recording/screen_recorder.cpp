@@ -64,6 +64,11 @@ bool ScreenRecorder::isRecording() const {
     return isRecording_;
 }
 
+bool ScreenRecorder::hasUnfinishedRecording() const {
+    std::lock_guard lock(mutex_);
+    return isRecording_ || starting_ || finishing_;
+}
+
 bool ScreenRecorder::isRecordingGeneration(uint64_t generation) const {
     std::lock_guard lock(mutex_);
     return isRecording_ && generation_ == generation;

@@ -53,6 +53,9 @@ public:
     void stopRecording();
 
     [[nodiscard]] bool isRecording() const;
+    // True while a recording is starting, running or having its file finished: the program
+    // must not exit yet if it wants the file finished.
+    [[nodiscard]] bool hasUnfinishedRecording() const;
 
     // Options; written on the main thread, read anywhere.
     [[nodiscard]] bool cameraOverlayEnabled() const;

@@ -11,6 +11,7 @@
 #include <thread>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <regex>
 #include <sstream>
 
@@ -322,6 +323,7 @@ TEST_F(RecordE2ETest, AudioAndVideoStayInSyncAtTheStartAndAfterTenMinutes) {
         const bool late = t > minutes * 60 - 1;
         if (!early && !late) continue;
         const double d = nearestVideo(t) - t;
+        std::cout << "beep at " << t << " s: flash " << d * 1000 << " ms from it\n";
         EXPECT_LE(std::abs(d), frame + 0.005) << "beep at " << t << " s, flash " << d << " s off";
         checkedLate += late ? 1 : 0;
     }

@@ -247,12 +247,6 @@ TEST_F(XAutomationTest, CharactersMissingFromTheKeyboardAreTypedOnALentKey) {
 TEST_F(XAutomationTest, AccessibilityNeedsXTestAndNoWaylandSession) {
     EXPECT_TRUE(isAccessibilityTrustedX11(xvfb_.name()));
     EXPECT_FALSE(isAccessibilityTrustedX11(":32767"));  // no such server
-
-    EXPECT_TRUE(isWaylandSession("wayland-0", "wayland"));
-    EXPECT_FALSE(isWaylandSession("wayland-0", "x11"));
-    EXPECT_FALSE(isWaylandSession(nullptr, "wayland"));
-    EXPECT_FALSE(isWaylandSession("", "wayland"));
-    EXPECT_FALSE(isWaylandSession("wayland-0", nullptr));
 }
 
 // With a window manager, activation goes through it.

@@ -79,9 +79,9 @@ int main(int argc, char** argv) {
         const long beepFrames = kRate / 10;
         const long totalFrames = static_cast<long>(seconds * kRate);
         for (long frame = 0; !gStop && frame < totalFrames; frame += kChunkFrames) {
-            const long phase = (frame % intervalFrames);
-            const bool beepStarts = frame >= intervalFrames / 2 && phase < kChunkFrames &&
-                                    frame % intervalFrames == 0;
+            // The first sample of the next beep, and whether it falls in this chunk.
+            const long nextBeep = ((frame + intervalFrames - 1) / intervalFrames) * intervalFrames;
+            const bool beepStarts = nextBeep >= intervalFrames && nextBeep < frame + kChunkFrames;
             for (int i = 0; i < kChunkFrames; ++i) {
                 const long p = (frame + i) % intervalFrames;
                 int16_t v = 0;
@@ -91,11 +91,12 @@ int main(int argc, char** argv) {
                 chunk[i * 2] = chunk[i * 2 + 1] = v;
             }
             if (pa_simple_write(pa, chunk.data(), chunk.size() * 2, &err) < 0) break;
-            if (beepStarts && frame >= intervalFrames) {
-                // The first sample of this chunk plays after everything queued before it.
+            if (beepStarts) {
+                // The latency is how long until the chunk's last sample plays; the beep's first
+                // sample plays that much earlier than the chunk's end.
                 const pa_usec_t latency = pa_simple_get_latency(pa, &err);
-                const auto queuedAfterStart =
-                    std::chrono::microseconds(1'000'000LL * kChunkFrames / kRate);
+                const auto queuedAfterStart = std::chrono::microseconds(
+                    1'000'000LL * (frame + kChunkFrames - nextBeep) / kRate);
                 std::lock_guard lock(m);
                 flashAt = Clock::now() + std::chrono::microseconds(latency) - queuedAfterStart;
                 cv.notify_one();

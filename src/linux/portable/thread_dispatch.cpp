@@ -13,11 +13,14 @@ struct CurrentQueueScope {
 }  // namespace
 
 ThreadSerialQueue::ThreadSerialQueue(std::string label)
-    : label_(std::move(label)), thread_([this](std::stop_token st) { loop(st); }) {}
+    : label_(std::move(label)),
+      thread_([state = state_, queue = static_cast<const void*>(this)](std::stop_token st) {
+          loop(state, queue, st);
+      }) {}
 
 ThreadSerialQueue::~ThreadSerialQueue() {
     thread_.request_stop();
-    wake_.notify_all();
+    state_->wake.notify_all();
     if (thread_.joinable()) {
         if (thread_.get_id() == std::this_thread::get_id()) {
             thread_.detach();  // destroyed by its own last closure
@@ -29,23 +32,24 @@ ThreadSerialQueue::~ThreadSerialQueue() {
 
 void ThreadSerialQueue::async(std::function<void()> work) {
     {
-        std::lock_guard lock(mutex_);
-        pending_.push_back(std::move(work));
+        std::lock_guard lock(state_->mutex);
+        state_->pending.push_back(std::move(work));
     }
-    wake_.notify_one();
+    state_->wake.notify_one();
 }
 
 bool ThreadSerialQueue::isCurrent() const { return tCurrentQueue == this; }
 
-void ThreadSerialQueue::loop(std::stop_token stop) {
-    CurrentQueueScope scope(this);
+void ThreadSerialQueue::loop(const std::shared_ptr<State>& state, const void* queue,
+                             std::stop_token stop) {
+    CurrentQueueScope scope(queue);
     for (;;) {
         std::function<void()> work;
         {
-            std::unique_lock lock(mutex_);
-            if (!wake_.wait(lock, stop, [&] { return !pending_.empty(); })) return;
-            work = std::move(pending_.front());
-            pending_.pop_front();
+            std::unique_lock lock(state->mutex);
+            if (!state->wake.wait(lock, stop, [&] { return !state->pending.empty(); })) return;
+            work = std::move(state->pending.front());
+            state->pending.pop_front();
         }
         work();
     }

@@ -17,7 +17,8 @@
 namespace gb {
 
 // A serial queue with its own thread. Pending work is dropped when the queue is destroyed;
-// the work that is running finishes first.
+// the work that is running finishes first. The queue may be destroyed by its own last closure:
+// the thread keeps the shared state alive until it has left its loop.
 class ThreadSerialQueue final : public SerialQueue {
 public:
     explicit ThreadSerialQueue(std::string label);
@@ -30,13 +31,17 @@ public:
     [[nodiscard]] bool isCurrent() const override;
 
 private:
-    void loop(std::stop_token stop);
+    struct State {
+        std::mutex mutex;
+        std::condition_variable_any wake;
+        std::deque<std::function<void()>> pending;  // guarded by mutex
+    };
+    static void loop(const std::shared_ptr<State>& state, const void* queue,
+                     std::stop_token stop);
 
     const std::string label_;
-    std::mutex mutex_;
-    std::condition_variable_any wake_;
-    std::deque<std::function<void()>> pending_;  // guarded by mutex_
-    std::jthread thread_;                        // last: starts after the fields above exist
+    const std::shared_ptr<State> state_ = std::make_shared<State>();
+    std::jthread thread_;  // last: starts after the fields above exist
 };
 
 // A fixed pool of threads running closures concurrently.

@@ -1,0 +1,191 @@
+// The shell over real threads: the recorder's start and the editor automation run on the
+// background pool, samples on a recording queue, and the test's thread is the main thread
+// draining the main queue. Checks that the reports reach the user interface on the main thread
+// only and that nothing races (run under ThreadSanitizer).
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <thread>
+
+#include "app/app_delegate.h"
+#include "automation/vscode_integration.h"
+#include "fakes/fake_access.h"
+#include "fakes/fake_dispatch.h"
+#include "fakes/fake_display.h"
+#include "fakes/fake_files.h"
+#include "fakes/fake_recording_services.h"
+#include "fakes/fake_scripting.h"
+#include "fakes/fake_user_interface.h"
+#include "fakes/fake_writer.h"
+#include "fakes/log_capture.h"
+#include "linux/portable/thread_dispatch.h"
+#include "recording/permission_manager.h"
+#include "recording/recording_file_manager.h"
+#include "recording/screen_recorder.h"
+
+namespace gb {
+namespace {
+
+constexpr const char* kStart = "\u23FA Start Recording";
+constexpr const char* kStop = "\u23F9 Stop Recording";
+constexpr const char* kDisabledLine = "\U0001F527 VS Code automation: Disabled screencast mode";
+
+struct ThreadedShell {
+    ThreadedShell() {
+        access.setAnswer(MediaType::audio, true);
+        access.setAnswer(MediaType::video, true);
+        defaults.setBool(true, AppDelegate::kVSCodeAutomationEnabledKey);
+        finder.launch("com.microsoft.VSCode");
+        recordingQueue =
+            dispatch.makeSerialQueue("glimmerbox.recording", QualityOfService::userInitiated);
+    }
+    ~ThreadedShell() {
+        delegate.reset();
+        recorder.reset();
+        // Let the recording queue finish the samples it holds while the capture fake exists.
+        std::promise<void> drained;
+        recordingQueue->async([&drained] { drained.set_value(); });
+        drained.get_future().wait();
+    }
+
+    void launch() {
+        delegate = std::make_shared<AppDelegate>(
+            AppDelegate::Platform{application, statusBar, windows, alerts, workspace, notifications,
+                                  defaults, files, dispatch, display},
+            [this] {
+                capture = std::make_shared<fakes::FakeCaptureService>();
+                capture->setRecordingQueue(recordingQueue);
+                ScreenRecorder::Services services{
+                    std::make_shared<PermissionManager>(access), capture,
+                    std::make_shared<fakes::FakeCompositionService>(),
+                    std::make_shared<RecordingFileManager>(files, defaults, dates, writers, display,
+                                                           folderPicker)};
+                recorder = ScreenRecorder::create(std::move(services), dispatch);
+                return recorder;
+            },
+            vsCode);
+        delegate->applicationDidFinishLaunching();
+    }
+
+    // Runs the main queue on this thread until `quit()`, failing the test after a timeout.
+    void runMainLoop() {
+        std::atomic<bool> done{false};
+        std::jthread watchdog([&](std::stop_token stop) {
+            CancellationToken wake;
+            std::stop_callback onStop(stop, [&] { wake.cancel(); });
+            if (wake.waitFor(std::chrono::seconds(20)) && !done) {
+                ADD_FAILURE() << "main loop timed out";
+                main.quit();
+            }
+        });
+        main.run();
+        done = true;
+    }
+
+    void onMain(std::function<void()> work) { main.async(std::move(work)); }
+    [[nodiscard]] bool onMainThread() const { return std::this_thread::get_id() == mainThread; }
+
+    fakes::LogCapture log;
+    const std::thread::id mainThread = std::this_thread::get_id();
+    RunLoopQueue main;
+    ThreadDispatch dispatch{main, 3};
+    std::shared_ptr<SerialQueue> recordingQueue;
+    fakes::FakeDisplayProvider display;
+
+    fakes::FakeApplication application;
+    fakes::FakeStatusBar statusBar;
+    fakes::FakeWindowSystem windows;
+    fakes::FakeAlertPresenter alerts;
+    fakes::FakeWorkspace workspace;
+    fakes::FakeNotificationCenter notifications;
+    fakes::FakeDefaultsStore defaults;
+    fakes::FakeFileSystem files;
+
+    fakes::FakeAccessRequester access;
+    fakes::FakeDateFormatter dates;
+    fakes::FakeAssetWriterFactory writers{&files};
+    fakes::FakeFolderPicker folderPicker;
+    std::shared_ptr<fakes::FakeCaptureService> capture;
+    std::shared_ptr<ScreenRecorder> recorder;
+
+    fakes::FakeApplicationFinder finder;
+    fakes::RecordingScriptRunner runner;
+    fakes::FakeSleeper editorPauses;  // the editor's pauses pass at once
+    VSCodeIntegration vsCode{finder, runner, editorPauses};
+
+    std::shared_ptr<AppDelegate> delegate;
+};
+
+TEST(ShellThreads, ARecordingWithAutomationTouchesTheInterfaceOnTheMainThreadOnly) {
+    ThreadedShell s;
+    s.launch();
+    std::atomic<int> offMainEffects{0};
+    std::vector<std::string> titles;  // main thread only
+    s.notifications.onAdd = [&](const NotificationRequest& r) {
+        if (!s.onMainThread()) ++offMainEffects;
+        titles.push_back(r.title);
+        if (r.title == "Recording Started") {
+            for (int i = 0; i < 30; ++i) {
+                (void)s.capture->postScreen(
+                    fakes::makeVideoSample(fakes::mediaTime(20 * i), fakes::ImageSize{64, 36}));
+                (void)s.capture->postAudio(fakes::makeAudioSample(fakes::mediaTime(20 * i)));
+            }
+            // Options change on the main thread while samples are being handled.
+            ASSERT_TRUE(s.statusBar.item()->choose({"Camera Overlay"}));
+            ASSERT_TRUE(s.statusBar.item()->choose({"Camera Position", "Top Left"}));
+            ASSERT_TRUE(s.statusBar.item()->choose({kStop}));
+        } else if (r.title == "Recording Saved") {
+            s.main.quit();
+        }
+    };
+    s.alerts.onAlert = [&](const AlertDescription& a) {
+        ADD_FAILURE() << "unexpected alert: " << a.informativeText;
+        s.main.quit();
+    };
+    s.onMain([&] { ASSERT_TRUE(s.statusBar.item()->choose({kStart})); });
+    s.runMainLoop();
+
+    EXPECT_EQ(offMainEffects.load(), 0);
+    EXPECT_EQ(titles, (std::vector<std::string>{"Recording Started", "Recording Saved"}));
+    EXPECT_TRUE(s.log.waitFor(kDisabledLine, 1, std::chrono::seconds(10)));
+    EXPECT_FALSE(s.vsCode.screencastModeEnabled());
+    EXPECT_EQ(s.recorder->videoQuality(), VideoQuality::high);
+    EXPECT_EQ(s.statusBar.item()->menu().front().title, kStart);
+    // The stop was chosen while the start task's tail was still queued behind the report.
+    EXPECT_EQ(s.log.countPrefix("Recording start completed. Current state: "), 1u);
+}
+
+TEST(ShellThreads, AFailedStartShowsTheAlertOnTheMainThread) {
+    ThreadedShell s;
+    s.access.setAnswer(MediaType::audio, false);
+    s.launch();
+    bool alertOnMain = false;
+    s.alerts.onAlert = [&](const AlertDescription&) {
+        alertOnMain = s.onMainThread();
+        // The start task still has to finish before the loop ends.
+    };
+    std::atomic<bool> quitQueued{false};
+    s.log.clear();
+    s.onMain([&] { ASSERT_TRUE(s.statusBar.item()->choose({kStart})); });
+    std::jthread quitter([&] {
+        if (s.log.waitFor("Recording start completed. Current state: false", 1,
+                          std::chrono::seconds(10))) {
+            quitQueued = true;
+        }
+        s.main.quit();
+    });
+    s.runMainLoop();
+    quitter.join();
+
+    EXPECT_TRUE(quitQueued.load());
+    ASSERT_EQ(s.alerts.alerts.size(), 1u);
+    EXPECT_TRUE(alertOnMain);
+    EXPECT_EQ(s.alerts.alerts[0].informativeText, "Permission denied: Microphone access required");
+    EXPECT_TRUE(s.notifications.requests.empty());
+}
+
+}  // namespace
+}  // namespace gb

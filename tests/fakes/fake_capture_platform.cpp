@@ -1,0 +1,413 @@
+#include "fakes/fake_capture_platform.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace gb::fakes {
+namespace {
+
+const char* typeName(MediaType type) {
+    return type == MediaType::video ? "video" : "audio";
+}
+
+}  // namespace
+
+// ---- screen input ------------------------------------------------------------------------------
+
+void FakeScreenInput::setMinFrameDuration(MediaTime duration) {
+    std::lock_guard lock(mutex_);
+    minFrameDuration_ = duration;
+}
+
+std::optional<MediaTime> FakeScreenInput::minFrameDuration() const {
+    std::lock_guard lock(mutex_);
+    return minFrameDuration_;
+}
+
+// ---- outputs -----------------------------------------------------------------------------------
+
+void FakeOutputState::setDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                  std::shared_ptr<SerialQueue> queue) {
+    std::lock_guard lock(mutex_);
+    delegate_ = std::move(delegate);
+    queue_ = std::move(queue);
+    delegateSet_ = true;
+}
+
+std::weak_ptr<CaptureOutputDelegate> FakeOutputState::delegate() const {
+    std::lock_guard lock(mutex_);
+    return delegate_;
+}
+
+std::shared_ptr<SerialQueue> FakeOutputState::queue() const {
+    std::lock_guard lock(mutex_);
+    return queue_;
+}
+
+bool FakeOutputState::hasDelegate() const {
+    std::lock_guard lock(mutex_);
+    return delegateSet_;
+}
+
+void FakeOutputState::deliver(CaptureOutput& self, std::weak_ptr<CaptureOutput> selfRef,
+                              const SampleBufferRef& sample) {
+    std::weak_ptr<CaptureOutputDelegate> delegate;
+    std::shared_ptr<SerialQueue> queue;
+    {
+        std::lock_guard lock(mutex_);
+        delegate = delegate_;
+        queue = queue_;
+    }
+    if (!queue) return;
+    // Like the platform: the output stays alive while a delivery is pending.
+    std::shared_ptr<CaptureOutput> keepAlive = selfRef.lock();
+    CaptureOutput* output = &self;
+    queue->async([delegate, keepAlive, output, sample] {
+        if (auto d = delegate.lock()) d->captureOutput(*output, sample);
+    });
+}
+
+void FakeVideoDataOutput::setVideoSettings(const VideoOutputSettings& settings) {
+    std::lock_guard lock(mutex_);
+    settings_ = settings;
+}
+
+std::optional<VideoOutputSettings> FakeVideoDataOutput::videoSettings() const {
+    std::lock_guard lock(mutex_);
+    return settings_;
+}
+
+// ---- session -----------------------------------------------------------------------------------
+
+void FakeCaptureSession::note(std::string entry, bool isChange) {
+    journal_.push_back(std::move(entry));
+    if (isChange && openTransactions_ == 0) ++changesOutside_;
+}
+
+void FakeCaptureSession::beginConfiguration() {
+    std::lock_guard lock(mutex_);
+    ++begins_;
+    ++openTransactions_;
+    note("begin", false);
+}
+
+void FakeCaptureSession::commitConfiguration() {
+    std::lock_guard lock(mutex_);
+    ++commits_;
+    if (openTransactions_ > 0) --openTransactions_;
+    note("commit", false);
+}
+
+bool FakeCaptureSession::canAddInput(const std::shared_ptr<CaptureInput>& input) {
+    std::lock_guard lock(mutex_);
+    if (!input) return false;
+    const bool answer = input->mediaType() == MediaType::video ? switches_.acceptVideoInput
+                                                               : switches_.acceptAudioInput;
+    note(std::string("canAddInput ") + typeName(input->mediaType()), false);
+    return answer;
+}
+
+void FakeCaptureSession::addInput(std::shared_ptr<CaptureInput> input) {
+    std::lock_guard lock(mutex_);
+    note(std::string("addInput ") + typeName(input->mediaType()), true);
+    inputs_.push_back(std::move(input));
+}
+
+bool FakeCaptureSession::canAddOutput(const std::shared_ptr<CaptureOutput>& output) {
+    std::lock_guard lock(mutex_);
+    if (!output) return false;
+    const bool answer = output->mediaType() == MediaType::video ? switches_.acceptVideoOutput
+                                                                : switches_.acceptAudioOutput;
+    note(std::string("canAddOutput ") + typeName(output->mediaType()), false);
+    return answer;
+}
+
+void FakeCaptureSession::addOutput(std::shared_ptr<CaptureOutput> output) {
+    std::lock_guard lock(mutex_);
+    note(std::string("addOutput ") + typeName(output->mediaType()), true);
+    bool hasDelegate = false;
+    if (auto* v = dynamic_cast<FakeVideoDataOutput*>(output.get())) {
+        hasDelegate = v->state().hasDelegate() && v->videoSettings().has_value();
+    } else if (auto* a = dynamic_cast<FakeAudioDataOutput*>(output.get())) {
+        hasDelegate = a->state().hasDelegate();
+    }
+    if (!hasDelegate) ++outputsWithoutDelegate_;
+    outputs_.push_back(std::move(output));
+}
+
+std::vector<std::shared_ptr<CaptureInput>> FakeCaptureSession::inputs() const {
+    std::lock_guard lock(mutex_);
+    return inputs_;
+}
+
+std::vector<std::shared_ptr<CaptureOutput>> FakeCaptureSession::outputs() const {
+    std::lock_guard lock(mutex_);
+    return outputs_;
+}
+
+void FakeCaptureSession::removeInput(const std::shared_ptr<CaptureInput>& input) {
+    std::lock_guard lock(mutex_);
+    note(std::string("removeInput ") + typeName(input->mediaType()), false);
+    std::erase(inputs_, input);
+}
+
+void FakeCaptureSession::removeOutput(const std::shared_ptr<CaptureOutput>& output) {
+    std::lock_guard lock(mutex_);
+    note(std::string("removeOutput ") + typeName(output->mediaType()), false);
+    std::erase(outputs_, output);
+}
+
+void FakeCaptureSession::startRunning() {
+    std::lock_guard lock(mutex_);
+    running_ = true;
+    note("start", false);
+}
+
+void FakeCaptureSession::stopRunning() {
+    std::lock_guard lock(mutex_);
+    running_ = false;
+    ++stops_;
+    note("stop", false);
+}
+
+bool FakeCaptureSession::isRunning() const {
+    std::lock_guard lock(mutex_);
+    return running_;
+}
+
+void FakeCaptureSession::setSwitches(Switches switches) {
+    std::lock_guard lock(mutex_);
+    switches_ = switches;
+}
+
+int FakeCaptureSession::beginCount() const {
+    std::lock_guard lock(mutex_);
+    return begins_;
+}
+
+int FakeCaptureSession::commitCount() const {
+    std::lock_guard lock(mutex_);
+    return commits_;
+}
+
+int FakeCaptureSession::stopCount() const {
+    std::lock_guard lock(mutex_);
+    return stops_;
+}
+
+std::vector<std::string> FakeCaptureSession::journal() const {
+    std::lock_guard lock(mutex_);
+    return journal_;
+}
+
+void FakeCaptureSession::clearJournal() {
+    std::lock_guard lock(mutex_);
+    journal_.clear();
+}
+
+int FakeCaptureSession::changesOutsideTransaction() const {
+    std::lock_guard lock(mutex_);
+    return changesOutside_;
+}
+
+int FakeCaptureSession::outputsAddedWithoutDelegate() const {
+    std::lock_guard lock(mutex_);
+    return outputsWithoutDelegate_;
+}
+
+// ---- device ------------------------------------------------------------------------------------
+
+CameraDeviceInfo FakeCaptureDevice::info() const {
+    std::lock_guard lock(mutex_);
+    ++infoReads_;
+    if (later_ && infoReads_ > later_->first) return later_->second;
+    return info_;
+}
+
+void FakeCaptureDevice::setInfoAfterReads(int reads, CameraDeviceInfo later) {
+    std::lock_guard lock(mutex_);
+    later_ = std::make_pair(infoReads_ + reads, std::move(later));
+}
+
+Result<void> FakeCaptureDevice::lockForConfiguration() {
+    std::lock_guard lock(mutex_);
+    ++locks_;
+    if (lockError_) return *lockError_;
+    locked_ = true;
+    return {};
+}
+
+void FakeCaptureDevice::setActiveFormat(int formatIndex) {
+    std::lock_guard lock(mutex_);
+    if (!locked_) ++unlockedChanges_;
+    activeFormatChanges_.push_back(formatIndex);
+    info_.activeFormatIndex = formatIndex;
+}
+
+void FakeCaptureDevice::unlockForConfiguration() {
+    std::lock_guard lock(mutex_);
+    ++unlocks_;
+    locked_ = false;
+}
+
+void FakeCaptureDevice::setInfo(CameraDeviceInfo info) {
+    std::lock_guard lock(mutex_);
+    info_ = std::move(info);
+}
+
+void FakeCaptureDevice::setLockFailure(std::optional<PlatformError> error) {
+    std::lock_guard lock(mutex_);
+    lockError_ = std::move(error);
+}
+
+std::vector<int> FakeCaptureDevice::activeFormatChanges() const {
+    std::lock_guard lock(mutex_);
+    return activeFormatChanges_;
+}
+
+int FakeCaptureDevice::lockCount() const {
+    std::lock_guard lock(mutex_);
+    return locks_;
+}
+
+int FakeCaptureDevice::unlockCount() const {
+    std::lock_guard lock(mutex_);
+    return unlocks_;
+}
+
+int FakeCaptureDevice::infoReads() const {
+    std::lock_guard lock(mutex_);
+    return infoReads_;
+}
+
+int FakeCaptureDevice::unlockedChanges() const {
+    std::lock_guard lock(mutex_);
+    return unlockedChanges_;
+}
+
+// ---- factory -----------------------------------------------------------------------------------
+
+FakeCaptureFactory::FakeCaptureFactory()
+    : microphone_(std::make_shared<FakeCaptureDevice>(
+          cameraInfo("Built-in Microphone", "mic-0", {}), MediaType::audio)) {}
+
+std::shared_ptr<CaptureSession> FakeCaptureFactory::makeSession() {
+    auto session = std::make_shared<FakeCaptureSession>();
+    std::lock_guard lock(mutex_);
+    sessions_.push_back(session);
+    return session;
+}
+
+std::shared_ptr<ScreenInput> FakeCaptureFactory::makeScreenInput(uint32_t displayID) {
+    std::lock_guard lock(mutex_);
+    if (!screenCaptureAllowed_) return nullptr;
+    auto input = std::make_shared<FakeScreenInput>(displayID);
+    screenInputs_.push_back(input);
+    return input;
+}
+
+CaptureDeviceRef FakeCaptureFactory::defaultAudioDevice() {
+    std::lock_guard lock(mutex_);
+    return microphone_;
+}
+
+std::vector<CaptureDeviceRef> FakeCaptureFactory::discoverVideoDevices() {
+    std::lock_guard lock(mutex_);
+    return {cameras_.begin(), cameras_.end()};
+}
+
+Result<std::shared_ptr<CaptureInput>> FakeCaptureFactory::makeDeviceInput(
+    const CaptureDeviceRef& device) {
+    std::lock_guard lock(mutex_);
+    if (!device) return PlatformError{"FakeCapture", -1, "No device"};
+    if (const auto failure = inputFailures_.find(device->mediaType());
+        failure != inputFailures_.end()) {
+        return failure->second;
+    }
+    auto input = std::make_shared<FakeDeviceInput>(device, device->mediaType());
+    deviceInputs_.push_back(input);
+    return std::shared_ptr<CaptureInput>(input);
+}
+
+std::shared_ptr<VideoDataOutput> FakeCaptureFactory::makeVideoDataOutput() {
+    auto output = std::make_shared<FakeVideoDataOutput>();
+    std::lock_guard lock(mutex_);
+    videoOutputs_.push_back(output);
+    return output;
+}
+
+std::shared_ptr<AudioDataOutput> FakeCaptureFactory::makeAudioDataOutput() {
+    auto output = std::make_shared<FakeAudioDataOutput>();
+    std::lock_guard lock(mutex_);
+    audioOutputs_.push_back(output);
+    return output;
+}
+
+void FakeCaptureFactory::setScreenCaptureAllowed(bool allowed) {
+    std::lock_guard lock(mutex_);
+    screenCaptureAllowed_ = allowed;
+}
+
+void FakeCaptureFactory::setMicrophone(std::shared_ptr<FakeCaptureDevice> microphone) {
+    std::lock_guard lock(mutex_);
+    microphone_ = std::move(microphone);
+}
+
+void FakeCaptureFactory::setCameras(std::vector<std::shared_ptr<FakeCaptureDevice>> cameras) {
+    std::lock_guard lock(mutex_);
+    cameras_ = std::move(cameras);
+}
+
+void FakeCaptureFactory::setDeviceInputFailure(MediaType type, std::optional<PlatformError> error) {
+    std::lock_guard lock(mutex_);
+    if (error) {
+        inputFailures_[type] = *error;
+    } else {
+        inputFailures_.erase(type);
+    }
+}
+
+std::vector<std::shared_ptr<FakeCaptureSession>> FakeCaptureFactory::sessions() const {
+    std::lock_guard lock(mutex_);
+    return sessions_;
+}
+
+std::vector<std::shared_ptr<FakeScreenInput>> FakeCaptureFactory::screenInputs() const {
+    std::lock_guard lock(mutex_);
+    return screenInputs_;
+}
+
+std::vector<std::shared_ptr<FakeDeviceInput>> FakeCaptureFactory::deviceInputs() const {
+    std::lock_guard lock(mutex_);
+    return deviceInputs_;
+}
+
+std::vector<std::shared_ptr<FakeVideoDataOutput>> FakeCaptureFactory::videoOutputs() const {
+    std::lock_guard lock(mutex_);
+    return videoOutputs_;
+}
+
+std::vector<std::shared_ptr<FakeAudioDataOutput>> FakeCaptureFactory::audioOutputs() const {
+    std::lock_guard lock(mutex_);
+    return audioOutputs_;
+}
+
+std::shared_ptr<FakeCaptureDevice> FakeCaptureFactory::microphone() const {
+    std::lock_guard lock(mutex_);
+    return microphone_;
+}
+
+CameraDeviceInfo cameraInfo(std::string name, std::string uniqueID,
+                            std::vector<CameraFormat> formats, bool connected, bool suspended,
+                            int activeFormatIndex) {
+    CameraDeviceInfo info;
+    info.localizedName = std::move(name);
+    info.uniqueID = std::move(uniqueID);
+    info.connected = connected;
+    info.suspended = suspended;
+    info.activeFormatIndex = formats.empty() ? -1 : activeFormatIndex;
+    info.formats = std::move(formats);
+    return info;
+}
+
+}  // namespace gb::fakes

@@ -1,0 +1,237 @@
+// Fakes of the capture platform: sessions that record every call and answer the can-add
+// questions from switches, inputs, outputs that deliver through their queue like the platform,
+// devices with settable descriptions, and a factory whose every creation can fail on demand.
+// Thread-safe enough for a recording queue to deliver while a test thread configures.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/capture.h"
+
+namespace gb::fakes {
+
+class FakeScreenInput final : public ScreenInput {
+public:
+    explicit FakeScreenInput(uint32_t displayID) : displayID_(displayID) {}
+    void setMinFrameDuration(MediaTime duration) override;
+    [[nodiscard]] uint32_t displayID() const { return displayID_; }
+    [[nodiscard]] std::optional<MediaTime> minFrameDuration() const;
+
+private:
+    const uint32_t displayID_;
+    mutable std::mutex mutex_;
+    std::optional<MediaTime> minFrameDuration_;  // guarded by mutex_
+};
+
+// The input made for a device (microphone or camera).
+class FakeDeviceInput final : public CaptureInput {
+public:
+    FakeDeviceInput(std::shared_ptr<CaptureDevice> device, MediaType type)
+        : device_(std::move(device)), type_(type) {}
+    [[nodiscard]] MediaType mediaType() const override { return type_; }
+    [[nodiscard]] const std::shared_ptr<CaptureDevice>& device() const { return device_; }
+
+private:
+    std::shared_ptr<CaptureDevice> device_;
+    MediaType type_;
+};
+
+// Remembers its delegate and queue; deliver() posts the sample to the queue like the platform.
+class FakeOutputState {
+public:
+    void setDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                     std::shared_ptr<SerialQueue> queue);
+    [[nodiscard]] std::weak_ptr<CaptureOutputDelegate> delegate() const;
+    [[nodiscard]] std::shared_ptr<SerialQueue> queue() const;
+    [[nodiscard]] bool hasDelegate() const;
+    // Posts the hand-off to the queue; the delegate is looked up when the closure runs.
+    void deliver(CaptureOutput& self, std::weak_ptr<CaptureOutput> selfRef,
+                 const SampleBufferRef& sample);
+
+private:
+    mutable std::mutex mutex_;
+    std::weak_ptr<CaptureOutputDelegate> delegate_;  // guarded by mutex_
+    std::shared_ptr<SerialQueue> queue_;             // guarded by mutex_
+    bool delegateSet_ = false;                       // guarded by mutex_
+};
+
+class FakeVideoDataOutput final : public VideoDataOutput,
+                                  public std::enable_shared_from_this<FakeVideoDataOutput> {
+public:
+    void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                 std::shared_ptr<SerialQueue> queue) override {
+        state_.setDelegate(std::move(delegate), std::move(queue));
+    }
+    void setVideoSettings(const VideoOutputSettings& settings) override;
+    [[nodiscard]] std::optional<VideoOutputSettings> videoSettings() const;
+    [[nodiscard]] const FakeOutputState& state() const { return state_; }
+    void deliver(const SampleBufferRef& sample) { state_.deliver(*this, weak_from_this(), sample); }
+
+private:
+    FakeOutputState state_;
+    mutable std::mutex mutex_;
+    std::optional<VideoOutputSettings> settings_;  // guarded by mutex_
+};
+
+class FakeAudioDataOutput final : public AudioDataOutput,
+                                  public std::enable_shared_from_this<FakeAudioDataOutput> {
+public:
+    void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                 std::shared_ptr<SerialQueue> queue) override {
+        state_.setDelegate(std::move(delegate), std::move(queue));
+    }
+    [[nodiscard]] const FakeOutputState& state() const { return state_; }
+    void deliver(const SampleBufferRef& sample) { state_.deliver(*this, weak_from_this(), sample); }
+
+private:
+    FakeOutputState state_;
+};
+
+// Records every call as a journal line ("begin", "commit", "addInput video", "removeOutput
+// audio", "start", "stop", ...) plus counters; the can-add answers come from switches per media
+// type. Tracks whether changes happen inside a configuration transaction.
+class FakeCaptureSession final : public CaptureSession {
+public:
+    struct Switches {
+        bool acceptVideoInput = true;
+        bool acceptAudioInput = true;
+        bool acceptVideoOutput = true;
+        bool acceptAudioOutput = true;
+    };
+
+    void beginConfiguration() override;
+    void commitConfiguration() override;
+    [[nodiscard]] bool canAddInput(const std::shared_ptr<CaptureInput>& input) override;
+    void addInput(std::shared_ptr<CaptureInput> input) override;
+    [[nodiscard]] bool canAddOutput(const std::shared_ptr<CaptureOutput>& output) override;
+    void addOutput(std::shared_ptr<CaptureOutput> output) override;
+    [[nodiscard]] std::vector<std::shared_ptr<CaptureInput>> inputs() const override;
+    [[nodiscard]] std::vector<std::shared_ptr<CaptureOutput>> outputs() const override;
+    void removeInput(const std::shared_ptr<CaptureInput>& input) override;
+    void removeOutput(const std::shared_ptr<CaptureOutput>& output) override;
+    void startRunning() override;
+    void stopRunning() override;
+    [[nodiscard]] bool isRunning() const override;
+
+    void setSwitches(Switches switches);
+    [[nodiscard]] int beginCount() const;
+    [[nodiscard]] int commitCount() const;
+    [[nodiscard]] int stopCount() const;
+    [[nodiscard]] std::vector<std::string> journal() const;
+    void clearJournal();
+    // Changes made while no transaction was open (should stay 0 for set-ups).
+    [[nodiscard]] int changesOutsideTransaction() const;
+    // Outputs added before their delegate was set (should stay 0).
+    [[nodiscard]] int outputsAddedWithoutDelegate() const;
+
+private:
+    void note(std::string entry, bool isChange);
+
+    mutable std::mutex mutex_;
+    Switches switches_;                                    // guarded by mutex_
+    std::vector<std::shared_ptr<CaptureInput>> inputs_;    // guarded by mutex_
+    std::vector<std::shared_ptr<CaptureOutput>> outputs_;  // guarded by mutex_
+    std::vector<std::string> journal_;                     // guarded by mutex_
+    int openTransactions_ = 0;                             // guarded by mutex_
+    int begins_ = 0;                                       // guarded by mutex_
+    int commits_ = 0;                                      // guarded by mutex_
+    int stops_ = 0;                                        // guarded by mutex_
+    int changesOutside_ = 0;                               // guarded by mutex_
+    int outputsWithoutDelegate_ = 0;                       // guarded by mutex_
+    bool running_ = false;                                 // guarded by mutex_
+};
+
+// A camera or microphone with a settable description; its configuration lock can fail.
+class FakeCaptureDevice final : public CaptureDevice {
+public:
+    explicit FakeCaptureDevice(CameraDeviceInfo info, MediaType type = MediaType::video)
+        : type_(type), info_(std::move(info)) {}
+
+    [[nodiscard]] MediaType mediaType() const override { return type_; }
+    [[nodiscard]] CameraDeviceInfo info() const override;
+    [[nodiscard]] Result<void> lockForConfiguration() override;
+    void setActiveFormat(int formatIndex) override;
+    void unlockForConfiguration() override;
+
+    void setInfo(CameraDeviceInfo info);
+    // After `reads` more readings, info() answers `later`: a device that changes state (gets
+    // suspended, say) between two readings.
+    void setInfoAfterReads(int reads, CameraDeviceInfo later);
+    // The next locks fail with this error (nothing: they succeed).
+    void setLockFailure(std::optional<PlatformError> error);
+    [[nodiscard]] std::vector<int> activeFormatChanges() const;
+    [[nodiscard]] int lockCount() const;
+    [[nodiscard]] int unlockCount() const;
+    [[nodiscard]] int infoReads() const;
+    // setActiveFormat calls made while not locked.
+    [[nodiscard]] int unlockedChanges() const;
+
+private:
+    const MediaType type_;
+    mutable std::mutex mutex_;
+    CameraDeviceInfo info_;                                  // guarded by mutex_
+    std::optional<std::pair<int, CameraDeviceInfo>> later_;  // guarded by mutex_
+    std::optional<PlatformError> lockError_;                 // guarded by mutex_
+    std::vector<int> activeFormatChanges_;                   // guarded by mutex_
+    int locks_ = 0;                                          // guarded by mutex_
+    int unlocks_ = 0;                                        // guarded by mutex_
+    mutable int infoReads_ = 0;                              // guarded by mutex_
+    int unlockedChanges_ = 0;                                // guarded by mutex_
+    bool locked_ = false;                                    // guarded by mutex_
+};
+
+// Hands out fake sessions, inputs and outputs and remembers them; every creation that the
+// platform may refuse can be made to fail.
+class FakeCaptureFactory final : public CaptureFactory {
+public:
+    FakeCaptureFactory();
+
+    std::shared_ptr<CaptureSession> makeSession() override;
+    std::shared_ptr<ScreenInput> makeScreenInput(uint32_t displayID) override;
+    CaptureDeviceRef defaultAudioDevice() override;
+    std::vector<CaptureDeviceRef> discoverVideoDevices() override;
+    Result<std::shared_ptr<CaptureInput>> makeDeviceInput(const CaptureDeviceRef& device) override;
+    std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override;
+    std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override;
+
+    void setScreenCaptureAllowed(bool allowed);
+    // Null: no microphone.
+    void setMicrophone(std::shared_ptr<FakeCaptureDevice> microphone);
+    void setCameras(std::vector<std::shared_ptr<FakeCaptureDevice>> cameras);
+    // Device inputs of that media type fail with the error (nothing: they succeed).
+    void setDeviceInputFailure(MediaType type, std::optional<PlatformError> error);
+
+    [[nodiscard]] std::vector<std::shared_ptr<FakeCaptureSession>> sessions() const;
+    [[nodiscard]] std::vector<std::shared_ptr<FakeScreenInput>> screenInputs() const;
+    [[nodiscard]] std::vector<std::shared_ptr<FakeDeviceInput>> deviceInputs() const;
+    [[nodiscard]] std::vector<std::shared_ptr<FakeVideoDataOutput>> videoOutputs() const;
+    [[nodiscard]] std::vector<std::shared_ptr<FakeAudioDataOutput>> audioOutputs() const;
+    [[nodiscard]] std::shared_ptr<FakeCaptureDevice> microphone() const;
+
+private:
+    mutable std::mutex mutex_;
+    bool screenCaptureAllowed_ = true;                                // guarded by mutex_
+    std::shared_ptr<FakeCaptureDevice> microphone_;                   // guarded by mutex_
+    std::vector<std::shared_ptr<FakeCaptureDevice>> cameras_;         // guarded by mutex_
+    std::map<MediaType, PlatformError> inputFailures_;                // guarded by mutex_
+    std::vector<std::shared_ptr<FakeCaptureSession>> sessions_;       // guarded by mutex_
+    std::vector<std::shared_ptr<FakeScreenInput>> screenInputs_;      // guarded by mutex_
+    std::vector<std::shared_ptr<FakeDeviceInput>> deviceInputs_;      // guarded by mutex_
+    std::vector<std::shared_ptr<FakeVideoDataOutput>> videoOutputs_;  // guarded by mutex_
+    std::vector<std::shared_ptr<FakeAudioDataOutput>> audioOutputs_;  // guarded by mutex_
+};
+
+// A camera description with the given formats; the active one is the first unless stated.
+CameraDeviceInfo cameraInfo(std::string name, std::string uniqueID,
+                            std::vector<CameraFormat> formats = {{1280, 720}},
+                            bool connected = true, bool suspended = false,
+                            int activeFormatIndex = 0);
+
+}  // namespace gb::fakes

@@ -1,0 +1,410 @@
+// Folders, settings and dates, in a temporary home (the user's own files are never touched).
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "linux/scoped_environment.h"
+#include "linux/xdg_files.h"
+#include "recording/log.h"
+
+namespace gb::linuxp {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+using testsupport::ScopedEnvironment;
+using testsupport::TempDirectory;
+
+unsigned modeOf(const std::string& path) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) return 0;
+    return info.st_mode & 07777;
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << content;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// A temporary home with no XDG variables set.
+class TemporaryHomeTest : public ::testing::Test {
+protected:
+    TemporaryHomeTest() {
+        environment_.set("HOME", home());
+        environment_.unset("XDG_CONFIG_HOME");
+        environment_.unset("XDG_DOCUMENTS_DIR");
+        std::filesystem::create_directories(home());
+    }
+    std::string home() const { return dir_ / "home"; }
+
+    TempDirectory dir_;
+    ScopedEnvironment environment_;
+};
+
+// Captures log lines for the life of the object.
+class LogLines {
+public:
+    LogLines()
+        : previous_(setLogSink([this](std::string_view line) { lines_.emplace_back(line); })) {}
+    ~LogLines() { setLogSink(std::move(previous_)); }
+    LogLines(const LogLines&) = delete;
+    LogLines& operator=(const LogLines&) = delete;
+    LogLines(LogLines&&) = delete;
+    LogLines& operator=(LogLines&&) = delete;
+    // Only read after the logging threads are done.
+    const std::vector<std::string>& lines() const { return lines_; }
+
+private:
+    std::vector<std::string> lines_;
+    LogSink previous_;
+};
+
+// ---- Documents -------------------------------------------------------------------------------
+
+using DocumentsFolderTest = TemporaryHomeTest;
+
+TEST_F(DocumentsFolderTest, FallsBackToDocumentsInTheHome) {
+    XdgFileSystem files;
+    EXPECT_EQ(files.documentsDirectory(), home() + "/Documents");
+}
+
+TEST_F(DocumentsFolderTest, ReadsTheUserDirsFileWithHomeExpansionAndEscapes) {
+    XdgFileSystem files;
+    writeFile(home() + "/.config/user-dirs.dirs",
+              "# written by xdg-user-dirs-update\n"
+              "XDG_DESKTOP_DIR=\"$HOME/Desktop\"\n"
+              "XDG_DOCUMENTS_DIR=\"$HOME/Papiere\"\n");
+    EXPECT_EQ(files.documentsDirectory(), home() + "/Papiere");
+
+    // Escaped characters, leading blanks, and the last assignment counts.
+    writeFile(home() + "/.config/user-dirs.dirs",
+              "XDG_DOCUMENTS_DIR=\"$HOME/first\"\n"
+              "  XDG_DOCUMENTS_DIR=\"$HOME/My \\\"Docs\\\" \\$x\"\n");
+    EXPECT_EQ(files.documentsDirectory(), home() + "/My \"Docs\" $x");
+
+    // A value that is neither under $HOME nor absolute does not count.
+    writeFile(home() + "/.config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"Documents2\"\n");
+    EXPECT_EQ(files.documentsDirectory(), home() + "/Documents");
+}
+
+TEST_F(DocumentsFolderTest, UsesXdgConfigHomeAndTheEnvironmentFirst) {
+    XdgFileSystem files;
+    writeFile(home() + "/.config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"$HOME/from-home\"\n");
+    writeFile(dir_ / "config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"/srv/shared docs\"\n");
+    environment_.set("XDG_CONFIG_HOME", dir_ / "config");
+    EXPECT_EQ(files.documentsDirectory(), "/srv/shared docs");
+
+    environment_.set("XDG_DOCUMENTS_DIR", "$HOME/from-environment");
+    EXPECT_EQ(files.documentsDirectory(), home() + "/from-environment");
+    environment_.set("XDG_DOCUMENTS_DIR", "/data/docs");
+    EXPECT_EQ(files.documentsDirectory(), "/data/docs");
+}
+
+TEST_F(DocumentsFolderTest, NoHomeMeansNoDocumentsFolder) {
+    XdgFileSystem files;
+    environment_.unset("HOME");
+    EXPECT_EQ(files.documentsDirectory(), std::nullopt);
+    environment_.set("HOME", "");
+    EXPECT_EQ(files.documentsDirectory(), std::nullopt);
+    // A user-dirs file in terms of $HOME does not help without one.
+    writeFile(dir_ / "config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"$HOME/Documents\"\n");
+    environment_.set("XDG_CONFIG_HOME", dir_ / "config");
+    EXPECT_EQ(files.documentsDirectory(), std::nullopt);
+}
+
+// ---- folders and files -----------------------------------------------------------------------
+
+using FileSystemTest = TemporaryHomeTest;
+
+TEST_F(FileSystemTest, CreatesPrivateFoldersWithTheirParentsWhateverTheUmask) {
+    XdgFileSystem files;
+    const mode_t previous = ::umask(0277);  // would leave new folders unwritable
+    const std::string leaf = home() + "/Documents/Glimmerbox Recordings/nested";
+    const auto created = files.createDirectory(leaf, true);
+    ::umask(previous);
+    ASSERT_TRUE(created.ok()) << created.error().textualForm();
+    EXPECT_EQ(modeOf(home() + "/Documents"), 0700u);
+    EXPECT_EQ(modeOf(home() + "/Documents/Glimmerbox Recordings"), 0700u);
+    EXPECT_EQ(modeOf(leaf), 0700u);
+
+    // An existing folder is success and keeps its mode.
+    ::chmod(home().c_str(), 0755);
+    EXPECT_TRUE(files.createDirectory(home(), true).ok());
+    EXPECT_TRUE(files.createDirectory(home(), false).ok());
+    EXPECT_EQ(modeOf(home()), 0755u);
+    EXPECT_TRUE(files.createDirectory(leaf + "/", true).ok());
+
+    EXPECT_TRUE(files.createDirectory(home() + "/single", false).ok());
+    EXPECT_EQ(modeOf(home() + "/single"), 0700u);
+}
+
+TEST_F(FileSystemTest, ReportsWhyAFolderCannotBeMade) {
+    XdgFileSystem files;
+    const auto missingParent = files.createDirectory(home() + "/a/b", false);
+    ASSERT_FALSE(missingParent.ok());
+    EXPECT_EQ(missingParent.error().code, ENOENT);
+    EXPECT_EQ(missingParent.error().localizedDescription, "No such file or directory");
+
+    writeFile(home() + "/Documents", "a file where the folder should be");
+    const auto underFile = files.createDirectory(home() + "/Documents/Glimmerbox Recordings", true);
+    ASSERT_FALSE(underFile.ok());
+    EXPECT_EQ(underFile.error().domain, "POSIX");
+    EXPECT_EQ(underFile.error().localizedDescription, "Not a directory");
+    EXPECT_EQ(underFile.error().textualForm(),
+              "Error Domain=POSIX Code=" + std::to_string(ENOTDIR) + " \"Not a directory\"");
+    const auto fileItself = files.createDirectory(home() + "/Documents", true);
+    ASSERT_FALSE(fileItself.ok());
+    EXPECT_EQ(fileItself.error().localizedDescription, "Not a directory");
+
+    // A folder this user may not write into.
+    const std::string locked = dir_ / "locked";
+    ASSERT_TRUE(std::filesystem::create_directory(locked));
+    ::chmod(dir_.path().c_str(), 0755);
+    ::chmod(locked.c_str(), 0555);
+    const int code = testsupport::runUnprivileged([&] {
+        const auto result = XdgFileSystem().createDirectory(locked + "/Recordings/x", true);
+        return result.ok() ? 0 : result.error().code;
+    });
+    EXPECT_EQ(code, EACCES);
+    EXPECT_EQ(posixError(EACCES).localizedDescription, "Permission denied");
+    EXPECT_EQ(posixError(ENOSPC).localizedDescription, "No space left on device");
+}
+
+TEST_F(FileSystemTest, TellsAndRemovesFilesFoldersAndLinks) {
+    XdgFileSystem files;
+    const std::string file = home() + "/glimmerbox-2025-03-14_09-26-53.mov";
+    EXPECT_FALSE(files.fileExists(file));
+    writeFile(file, "movie");
+    EXPECT_TRUE(files.fileExists(file));
+    EXPECT_TRUE(files.removeItem(file).ok());
+    EXPECT_FALSE(files.fileExists(file));
+
+    const auto missing = files.removeItem(file);
+    ASSERT_FALSE(missing.ok());
+    EXPECT_EQ(missing.error().localizedDescription, "No such file or directory");
+
+    writeFile(home() + "/tree/a/b.txt", "x");
+    EXPECT_TRUE(files.removeItem(home() + "/tree").ok());
+    EXPECT_FALSE(files.fileExists(home() + "/tree"));
+
+    // A link to nothing does not exist as a file but can be removed.
+    std::filesystem::create_symlink(home() + "/nowhere", home() + "/dangling");
+    EXPECT_FALSE(files.fileExists(home() + "/dangling"));
+    EXPECT_TRUE(files.removeItem(home() + "/dangling").ok());
+    EXPECT_FALSE(std::filesystem::is_symlink(home() + "/dangling"));
+}
+
+// ---- settings --------------------------------------------------------------------------------
+
+using SettingsTest = TemporaryHomeTest;
+
+TEST_F(SettingsTest, TheFileLivesInTheXdgConfigFolder) {
+    EXPECT_EQ(QSettingsDefaultsStore::defaultFilePath(),
+              home() + "/.config/Glimmerbox/Glimmerbox.conf");
+    environment_.set("XDG_CONFIG_HOME", dir_ / "config");
+    EXPECT_EQ(QSettingsDefaultsStore::defaultFilePath(),
+              dir_ / "config/Glimmerbox/Glimmerbox.conf");
+    EXPECT_EQ(QSettingsDefaultsStore().filePath(), dir_ / "config/Glimmerbox/Glimmerbox.conf");
+    environment_.unset("XDG_CONFIG_HOME");
+    environment_.unset("HOME");
+    EXPECT_EQ(QSettingsDefaultsStore::defaultFilePath(), std::nullopt);
+
+    // With nowhere to keep them, settings read as absent and a write says why it failed.
+    QSettingsDefaultsStore nowhere;
+    LogLines logs;
+    nowhere.setBool(true, "vsCodeAutomationEnabled");
+    EXPECT_EQ(nowhere.boolForKey("vsCodeAutomationEnabled"), std::nullopt);
+    ASSERT_EQ(logs.lines().size(), 1u);
+    EXPECT_THAT(logs.lines()[0], StartsWith("❌ Failed to save setting vsCodeAutomationEnabled"));
+}
+
+TEST_F(SettingsTest, ValuesSurviveARestart) {
+    const std::string folder = home() + "/Movies/Talks #1 & 100%";
+    {
+        QSettingsDefaultsStore store;
+        EXPECT_EQ(store.boolForKey("vsCodeAutomationEnabled"), std::nullopt);
+        EXPECT_EQ(store.urlForKey("customSaveLocation"), std::nullopt);
+        store.setBool(true, "vsCodeAutomationEnabled");
+        store.setURL(folder, "customSaveLocation");
+        EXPECT_EQ(store.boolForKey("vsCodeAutomationEnabled"), true);
+    }
+    const std::string file = home() + "/.config/Glimmerbox/Glimmerbox.conf";
+    const std::string text = readFile(file);
+    EXPECT_THAT(text, HasSubstr("vsCodeAutomationEnabled=true"));
+    EXPECT_THAT(text, HasSubstr("customSaveLocation=file://" + home() +
+                                "/Movies/Talks%20%231%20&%20100%25"));
+
+    QSettingsDefaultsStore restarted;
+    EXPECT_EQ(restarted.boolForKey("vsCodeAutomationEnabled"), true);
+    EXPECT_EQ(restarted.urlForKey("customSaveLocation"), folder);
+    restarted.setBool(false, "vsCodeAutomationEnabled");
+    EXPECT_EQ(QSettingsDefaultsStore().boolForKey("vsCodeAutomationEnabled"), false);
+
+    // A relative path is not a folder URL: refused with a line, the old value kept.
+    LogLines logs;
+    restarted.setURL("relative/folder", "customSaveLocation");
+    EXPECT_EQ(restarted.urlForKey("customSaveLocation"), folder);
+    ASSERT_EQ(logs.lines().size(), 1u);
+    EXPECT_THAT(logs.lines()[0], HasSubstr("is not an absolute path"));
+}
+
+TEST_F(SettingsTest, ValuesOfTheWrongFormReadAsAbsent) {
+    writeFile(home() + "/.config/Glimmerbox/Glimmerbox.conf",
+              "[General]\n"
+              "banana=banana\n"
+              "five=5\n"
+              "one=1\n"
+              "zero=0\n"
+              "yes=true\n"
+              "no=false\n"
+              "list=a, b\n"
+              "relative=some/folder\n"
+              "absolute=/srv/recordings\n"
+              "url=file:///srv/my%20recordings\n"
+              "web=https://example.com/recordings\n"
+              "remote=file://fileserver/recordings\n"
+              "empty=\n");
+    QSettingsDefaultsStore store;
+    EXPECT_EQ(store.boolForKey("banana"), std::nullopt);
+    EXPECT_EQ(store.boolForKey("five"), std::nullopt);
+    EXPECT_EQ(store.boolForKey("one"), true);
+    EXPECT_EQ(store.boolForKey("zero"), false);
+    EXPECT_EQ(store.boolForKey("yes"), true);
+    EXPECT_EQ(store.boolForKey("no"), false);
+    EXPECT_EQ(store.boolForKey("list"), std::nullopt);
+    EXPECT_EQ(store.boolForKey("absolute"), std::nullopt);
+    EXPECT_EQ(store.boolForKey("empty"), std::nullopt);
+    EXPECT_EQ(store.boolForKey("missing"), std::nullopt);
+
+    EXPECT_EQ(store.urlForKey("relative"), std::nullopt);
+    EXPECT_EQ(store.urlForKey("absolute"), "/srv/recordings");
+    EXPECT_EQ(store.urlForKey("url"), "/srv/my recordings");
+    EXPECT_EQ(store.urlForKey("web"), std::nullopt);
+    EXPECT_EQ(store.urlForKey("remote"), std::nullopt);
+    EXPECT_EQ(store.urlForKey("yes"), std::nullopt);
+    EXPECT_EQ(store.urlForKey("list"), std::nullopt);
+    EXPECT_EQ(store.urlForKey("empty"), std::nullopt);
+}
+
+TEST_F(SettingsTest, ADamagedFileReadsAsEmptyAndIsKeptAsideWhenWritten) {
+    const std::string file = home() + "/.config/Glimmerbox/Glimmerbox.conf";
+    // Qt parses part of it (vsCodeAutomationEnabled would read true) but flags it as damaged.
+    const std::string damaged = "[General\nvsCodeAutomationEnabled=true\n\xff\xfe=1\nother=5\n";
+    writeFile(file, damaged);
+    LogLines logs;
+    QSettingsDefaultsStore store;
+    EXPECT_EQ(store.boolForKey("vsCodeAutomationEnabled"), std::nullopt);
+    EXPECT_EQ(store.urlForKey("customSaveLocation"), std::nullopt);
+    ASSERT_EQ(logs.lines().size(), 1u);  // said once, not at every read
+    EXPECT_EQ(logs.lines()[0], "⚠️ Settings file " + file +
+                                   " cannot be read (the file is damaged); using the defaults");
+
+    store.setBool(true, "vsCodeAutomationEnabled");
+    ASSERT_EQ(logs.lines().size(), 2u);
+    EXPECT_EQ(logs.lines()[1], "⚠️ Settings file " + file + " was damaged; kept it as " + file +
+                                   ".broken and started a new one");
+    EXPECT_EQ(readFile(file + ".broken"), damaged);
+    EXPECT_THAT(readFile(file), Not(HasSubstr("other")));
+    EXPECT_EQ(QSettingsDefaultsStore().boolForKey("vsCodeAutomationEnabled"), true);
+}
+
+TEST_F(SettingsTest, AFileThatCannotBeWrittenIsReported) {
+    // A folder stands where the settings file should be.
+    const std::string file = home() + "/.config/Glimmerbox/Glimmerbox.conf";
+    std::filesystem::create_directories(file);
+    LogLines logs;
+    QSettingsDefaultsStore store;
+    EXPECT_EQ(store.boolForKey("vsCodeAutomationEnabled"), std::nullopt);
+    store.setBool(true, "vsCodeAutomationEnabled");
+    ASSERT_FALSE(logs.lines().empty());
+    EXPECT_EQ(logs.lines().back(), "❌ Failed to save setting vsCodeAutomationEnabled in " + file +
+                                       ": the file cannot be read or written");
+}
+
+TEST_F(SettingsTest, ConcurrentReadersAndWritersSeeWholeValues) {
+    QSettingsDefaultsStore store;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&store, t] {
+            for (int i = 0; i < 10; ++i) {
+                store.setBool((i + t) % 2 == 0, "flag" + std::to_string(t));
+                store.setURL("/tmp/folder" + std::to_string(i), "url" + std::to_string(t));
+                EXPECT_EQ(store.boolForKey("flag" + std::to_string(t)), (i + t) % 2 == 0);
+                EXPECT_EQ(store.urlForKey("url" + std::to_string(t)),
+                          "/tmp/folder" + std::to_string(i));
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    QSettingsDefaultsStore restarted;
+    for (int t = 0; t < 4; ++t) {
+        EXPECT_EQ(restarted.boolForKey("flag" + std::to_string(t)), (9 + t) % 2 == 0);
+        EXPECT_EQ(restarted.urlForKey("url" + std::to_string(t)), "/tmp/folder9");
+    }
+}
+
+// ---- dates -----------------------------------------------------------------------------------
+
+class DateFormatterTest : public ::testing::Test {
+protected:
+    // 2025-03-14 09:26:53.123 UTC, a Friday.
+    static std::chrono::system_clock::time_point sample() {
+        using namespace std::chrono;
+        return sys_days{year{2025} / March / 14} + hours{9} + minutes{26} + seconds{53} +
+               milliseconds{123};
+    }
+    std::string format(const std::string& pattern, const std::string& zone,
+                       std::chrono::system_clock::time_point date = sample()) {
+        environment_.set("TZ", zone);
+        return LocaleDateFormatter().format(pattern, date);
+    }
+    ScopedEnvironment environment_;
+};
+
+TEST_F(DateFormatterTest, FormatsTheRecordingNameInLocalTime) {
+    EXPECT_EQ(format("yyyy-MM-dd_HH-mm-ss", "UTC0"), "2025-03-14_09-26-53");
+    // New York had moved to summer time five days earlier: UTC-4.
+    EXPECT_EQ(format("yyyy-MM-dd_HH-mm-ss", "EST5EDT,M3.2.0,M11.1.0"), "2025-03-14_05-26-53");
+    EXPECT_EQ(format("yyyy-MM-dd_HH-mm-ss", "JST-9"), "2025-03-14_18-26-53");
+    // Across midnight and the year.
+    EXPECT_EQ(format("yyyy-MM-dd_HH-mm-ss", "<-10>10"), "2025-03-13_23-26-53");
+    using namespace std::chrono;
+    const auto newYear = sys_days{year{2026} / January / 1} + minutes{5};
+    EXPECT_EQ(format("yyyy-MM-dd_HH-mm-ss", "<-01>1", newYear), "2025-12-31_23-05-00");
+}
+
+TEST_F(DateFormatterTest, SupportsTheUsualFieldsAndQuotedText) {
+    EXPECT_EQ(format("'Recorded' d.M.yy 'at' h:mm a", "UTC0"), "Recorded 14.3.25 at 9:26 AM");
+    EXPECT_EQ(format("EEE, MMM d yyyy HH:mm:ss.SSS", "UTC0"), "Fri, Mar 14 2025 09:26:53.123");
+    EXPECT_EQ(format("EEEE MMMM", "UTC0"), "Friday March");
+    EXPECT_EQ(format("hh 'o''clock' ''yy", "JST-9"), "06 o'clock '25");
+    EXPECT_EQ(format("'unterminated HH", "UTC0"), "unterminated HH");
+    EXPECT_EQ(format("h a", "<+15>-15"), "12 AM");  // 00:26 local
+    EXPECT_EQ(format("y", "UTC0"), "2025");
+    EXPECT_EQ(format("'Glimmerbox' ✓ [HH]", "UTC0"), "Glimmerbox ✓ [09]");
+}
+
+TEST_F(DateFormatterTest, NowIsTheSystemClock) {
+    const auto before = std::chrono::system_clock::now();
+    const auto now = LocaleDateFormatter().now();
+    const auto after = std::chrono::system_clock::now();
+    EXPECT_LE(before, now);
+    EXPECT_LE(now, after);
+}
+
+}  // namespace
+}  // namespace gb::linuxp

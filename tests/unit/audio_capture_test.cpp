@@ -1,0 +1,147 @@
+// The microphone's timeline and buffer pool.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "linux/portable/audio_buffer_pool.h"
+#include "linux/portable/audio_timeline.h"
+
+namespace gb {
+namespace {
+
+constexpr int kRate = 48'000;
+constexpr int64_t kChunkFrames = 960;  // 20 ms
+constexpr int64_t kChunkNs = 20'000'000;
+constexpr int64_t kMs = 1'000'000;
+
+TEST(AudioTimelineTest, StartsAtTheFirstMeasurementAndLaysChunksEndToEnd) {
+    AudioTimeline timeline(kRate);
+    const int64_t t0 = 5'000 * kMs;
+    // Jitter within the tolerance changes nothing: the chunks follow each other exactly.
+    const std::vector<int64_t> jitter = {0, 1 * kMs, -1 * kMs, 2 * kMs, -2 * kMs, 500'000};
+    for (size_t i = 0; i < 200; ++i) {
+        const int64_t exact = t0 + static_cast<int64_t>(i) * kChunkNs;
+        EXPECT_EQ(timeline.place(exact + jitter[i % jitter.size()], kChunkFrames), exact) << i;
+    }
+    EXPECT_EQ(timeline.jumps(), 0);
+}
+
+TEST(AudioTimelineTest, StaysSampleExactOverHoursWithOddChunkSizes) {
+    AudioTimeline timeline(44'100);
+    const int64_t frames = 441 * 3 + 7;  // not a whole number of nanoseconds
+    int64_t total = 0;
+    int64_t start = 0;
+    for (int i = 0; i < 100'000; ++i) {
+        const int64_t exact = total * 1'000'000'000 / 44'100;
+        start = timeline.place(exact, frames);
+        ASSERT_LE(std::abs(start - exact), 1) << i;
+        total += frames;
+    }
+    EXPECT_GT(start, 3'000 * 1'000'000'000LL);  // about 50 minutes in
+}
+
+TEST(AudioTimelineTest, FollowsADriftingClockWithinAFewMilliseconds) {
+    for (const double drift : {+0.0005, -0.0005}) {  // the card's clock 500 ppm fast or slow
+        AudioTimeline timeline(kRate);
+        int64_t previous = -1;
+        for (int i = 0; i < 30'000; ++i) {  // ten minutes
+            const auto measured = static_cast<int64_t>(i * kChunkNs * (1.0 + drift));
+            const int64_t start = timeline.place(measured, kChunkFrames);
+            ASSERT_GT(start, previous);
+            ASSERT_LE(std::abs(start - measured), 3 * kMs) << "drift " << drift << " chunk " << i;
+            previous = start;
+        }
+        EXPECT_EQ(timeline.jumps(), 0);
+    }
+}
+
+TEST(AudioTimelineTest, JumpsForwardOnceAQuarterSecondShowsAudioWasLost) {
+    AudioTimeline timeline(kRate);
+    EXPECT_EQ(timeline.place(0, kChunkFrames), 0);
+    EXPECT_EQ(timeline.place(kChunkNs, kChunkFrames), kChunkNs);
+    // The server dropped half a second: from chunk 2 on, every measurement is 500 ms ahead.
+    int jumpedAt = -1;
+    for (int i = 2; i < 60; ++i) {
+        const int64_t measured = i * kChunkNs + 500 * kMs;
+        const int64_t start = timeline.place(measured, kChunkFrames);
+        if (jumpedAt < 0 && start != i * kChunkNs) {
+            jumpedAt = i;
+            EXPECT_EQ(start, measured);
+        } else if (jumpedAt >= 0) {
+            EXPECT_EQ(start, measured) << i;
+        }
+    }
+    EXPECT_GT(jumpedAt, 2);
+    EXPECT_LE(jumpedAt, 2 + 2 * 13);  // within two windows of 13 chunks
+    EXPECT_EQ(timeline.jumps(), 1);
+}
+
+TEST(AudioTimelineTest, AReaderThatWasHeldUpDoesNotMoveTheTimeline) {
+    AudioTimeline timeline(kRate);
+    for (int i = 0; i < 100; ++i) {
+        const int64_t exact = i * kChunkNs;
+        // Chunks 40 to 47 were read in one late burst and look up to 160 ms newer than they are.
+        const int64_t late = i >= 40 && i < 48 ? (48 - i) * kChunkNs : 0;
+        EXPECT_EQ(timeline.place(exact + late, kChunkFrames), exact) << i;
+    }
+    EXPECT_EQ(timeline.jumps(), 0);
+}
+
+TEST(AudioTimelineTest, HolesMoveTheNextChunkWithoutAJump) {
+    AudioTimeline timeline(kRate);
+    EXPECT_EQ(timeline.place(0, kChunkFrames), 0);
+    timeline.skip(kChunkFrames * 10);
+    EXPECT_EQ(timeline.place(11 * kChunkNs, kChunkFrames), 11 * kChunkNs);
+    EXPECT_EQ(timeline.jumps(), 0);
+}
+
+TEST(AudioTimelineTest, NeverGoesBackwardsWhenMeasurementsDo) {
+    AudioTimeline timeline(kRate);
+    int64_t previous = timeline.place(1'000 * kMs, kChunkFrames);
+    // A measurement far behind (a late first latency reading) is worked off slowly, forwards.
+    for (int i = 1; i < 2'000; ++i) {
+        const int64_t start = timeline.place(1'000 * kMs - 300 * kMs + i * kChunkNs, kChunkFrames);
+        ASSERT_GT(start, previous);
+        ASSERT_GE(start - previous, kChunkNs - kChunkNs / 40);
+        previous = start;
+    }
+    // ... and is caught up with in the end.
+    EXPECT_LE(std::abs(previous - (700 * kMs + 1'999 * kChunkNs)), 2 * kMs);
+}
+
+TEST(AudioBufferPoolTest, ReusesReleasedBuffersAndRefusesBeyondItsCapacity) {
+    auto pool = AudioBufferPool::make(2, 1024);
+    auto first = pool->acquire();
+    auto second = pool->acquire();
+    ASSERT_TRUE(first && second);
+    EXPECT_GE(first->data.capacity(), 1024u);
+    EXPECT_EQ(pool->acquire(), nullptr);  // all in use: the caller drops the chunk
+
+    first->data.assign(100, 7);
+    first->frameCount = 25;
+    const AudioBuffer* address = first.get();
+    const uint8_t* storage = first->data.data();
+    first.reset();
+    auto again = pool->acquire();
+    ASSERT_EQ(again.get(), address);
+    EXPECT_TRUE(again->data.empty());
+    EXPECT_EQ(again->frameCount, 0);
+    again->data.assign(1024, 1);
+    EXPECT_EQ(again->data.data(), storage);  // no new sample memory
+    EXPECT_EQ(pool->allocations(), 2u);
+}
+
+TEST(AudioBufferPoolTest, BuffersOutliveThePoolHandle) {
+    auto pool = AudioBufferPool::make(1, 64);
+    auto buffer = pool->acquire();
+    std::weak_ptr<AudioBufferPool> watch = pool;
+    pool.reset();
+    EXPECT_FALSE(watch.expired());  // kept by the buffer
+    buffer->data.assign(64, 3);
+    buffer.reset();
+    EXPECT_TRUE(watch.expired());
+}
+
+}  // namespace
+}  // namespace gb

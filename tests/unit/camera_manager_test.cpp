@@ -1,0 +1,331 @@
+#include "capture/camera_manager.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fakes/fake_capture_platform.h"
+#include "unit/captured_log.h"
+
+namespace gb {
+namespace {
+
+using fakes::cameraInfo;
+using fakes::CapturedLog;
+using fakes::FakeCaptureDevice;
+using fakes::FakeCaptureFactory;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+std::shared_ptr<FakeCaptureDevice> camera(std::string name, std::string id = "id",
+                                          bool connected = true, bool suspended = false,
+                                          std::vector<CameraFormat> formats = {{1280, 720}}) {
+    return std::make_shared<FakeCaptureDevice>(
+        cameraInfo(std::move(name), std::move(id), std::move(formats), connected, suspended));
+}
+
+CameraDeviceInfo named(std::string name, std::string id = "0x1234") {
+    return cameraInfo(std::move(name), std::move(id));
+}
+
+// ---- categories ----------------------------------------------------------------------------
+
+TEST(CameraCategoryTest, NamesAreMatchedAfterLowerCasingWithoutWordBoundaries) {
+    EXPECT_EQ(CameraManager::category(named("My VIRTUAL Cam")), CameraCategory::virtualCamera);
+    EXPECT_EQ(CameraManager::category(named("OBS Virtual Camera")), CameraCategory::virtualCamera);
+    EXPECT_EQ(CameraManager::category(named("Lobster Cam")), CameraCategory::virtualCamera);
+    EXPECT_EQ(CameraManager::category(named("mMhMm Camera")), CameraCategory::virtualCamera);
+    EXPECT_EQ(CameraManager::category(named("ScreenCam")), CameraCategory::virtualCamera);
+    // The virtual test comes first.
+    EXPECT_EQ(CameraManager::category(named("FaceTime Screen")), CameraCategory::virtualCamera);
+    EXPECT_EQ(CameraManager::category(named("FACETIME HD Camera")), CameraCategory::builtIn);
+    EXPECT_EQ(CameraManager::category(named("Built-In Webcam")), CameraCategory::builtIn);
+    EXPECT_EQ(CameraManager::category(named("Built In Webcam")), CameraCategory::external);
+    EXPECT_EQ(CameraManager::category(named("Logitech C920")), CameraCategory::external);
+}
+
+TEST(CameraCategoryTest, IdentifierMustContainCmioInUpperCase) {
+    EXPECT_EQ(CameraManager::category(named("Logitech C920", "device-CMIO-7")),
+              CameraCategory::virtualCamera);
+    EXPECT_EQ(CameraManager::category(named("Logitech C920", "device-cmio-7")),
+              CameraCategory::external);
+    EXPECT_EQ(CameraManager::category(named("FaceTime HD", "Cmio")), CameraCategory::builtIn);
+}
+
+// ---- selection -----------------------------------------------------------------------------
+
+TEST(CameraSelectionTest, UsableExternalBeatsSuspendedBuiltIn) {
+    FakeCaptureFactory factory;
+    CameraManager manager(factory);
+    CapturedLog log;
+    auto builtIn = camera("FaceTime HD Camera", "a", true, /*suspended=*/true);
+    auto external = camera("Logitech C920", "b");
+    auto chosen = manager.selectBestCamera({builtIn, external});
+    EXPECT_EQ(chosen, external);
+    EXPECT_THAT(log.lines(), ElementsAre("🎯 Selecting best camera from 2 available devices...",
+                                         "📊 Camera categorization:", "   Built-in cameras: 1",
+                                         "   External cameras: 1", "   Virtual cameras: 0",
+                                         "✅ Selected external camera: Logitech C920"));
+}
+
+TEST(CameraSelectionTest, CategoryOrderThenDiscoveryOrder) {
+    FakeCaptureFactory factory;
+    CameraManager manager(factory);
+    CapturedLog log;
+    auto virtualCam = camera("OBS Virtual Camera", "v");
+    auto externalA = camera("USB Camera A", "ea");
+    auto builtInOff = camera("FaceTime HD Camera", "b1", /*connected=*/false);
+    auto builtIn = camera("Built-in Camera", "b2");
+    auto externalB = camera("USB Camera B", "eb");
+    EXPECT_EQ(manager.selectBestCamera({virtualCam, externalA, builtInOff, builtIn, externalB}),
+              builtIn);
+    EXPECT_TRUE(log.contains("   Built-in cameras: 2"));
+    EXPECT_TRUE(log.contains("   External cameras: 2"));
+    EXPECT_TRUE(log.contains("   Virtual cameras: 1"));
+    EXPECT_TRUE(log.contains("✅ Selected built-in camera: Built-in Camera"));
+
+    log.clear();
+    EXPECT_EQ(manager.selectBestCamera({virtualCam, externalB, externalA}), externalB);
+}
+
+TEST(CameraSelectionTest, VirtualOnlyWhenNothingRealIsUsable) {
+    FakeCaptureFactory factory;
+    CameraManager manager(factory);
+    CapturedLog log;
+    auto virtualCam = camera("Lobster Cam", "v");
+    auto external = camera("USB Camera", "e", true, /*suspended=*/true);
+    EXPECT_EQ(manager.selectBestCamera({external, virtualCam}), virtualCam);
+    EXPECT_EQ(log.lines().back(),
+              "⚠️ Selected virtual camera: Lobster Cam (may contain screen content)");
+}
+
+TEST(CameraSelectionTest, NothingUsable) {
+    FakeCaptureFactory factory;
+    CameraManager manager(factory);
+    CapturedLog log;
+    EXPECT_EQ(manager.selectBestCamera({camera("USB", "e", false), camera("OBS", "v", true, true)}),
+              nullptr);
+    EXPECT_EQ(log.lines().back(), "❌ No suitable camera found");
+
+    log.clear();
+    EXPECT_EQ(manager.selectBestCamera({}), nullptr);
+    EXPECT_THAT(log.lines(), ElementsAre("🎯 Selecting best camera from 0 available devices...",
+                                         "📊 Camera categorization:", "   Built-in cameras: 0",
+                                         "   External cameras: 0", "   Virtual cameras: 0",
+                                         "❌ No suitable camera found"));
+}
+
+// ---- validation ----------------------------------------------------------------------------
+
+TEST(CameraValidationTest, WarningsInFixedOrder) {
+    FakeCaptureFactory factory;
+    CameraManager manager(factory);
+    CapturedLog log;
+    const CameraValidation all =
+        manager.validateCamera(camera("Virtual Cam", "v", /*connected=*/false, /*suspended=*/true));
+    EXPECT_FALSE(all.isValid);
+    EXPECT_THAT(all.warnings,
+                ElementsAre("Camera appears to be virtual - may contain screen content",
+                            "Camera is suspended", "Camera is not connected"));
+
+    const CameraValidation virtualOk = manager.validateCamera(camera("mmhmm", "v"));
+    EXPECT_TRUE(virtualOk.isValid);
+    EXPECT_THAT(virtualOk.warnings,
+                ElementsAre("Camera appears to be virtual - may contain screen content"));
+
+    const CameraValidation clean = manager.validateCamera(camera("USB", "e"));
+    EXPECT_TRUE(clean.isValid);
+    EXPECT_THAT(clean.warnings, IsEmpty());
+
+    const CameraValidation disconnected = manager.validateCamera(camera("USB", "e", false));
+    EXPECT_FALSE(disconnected.isValid);
+    EXPECT_THAT(disconnected.warnings, ElementsAre("Camera is not connected"));
+    EXPECT_THAT(manager.validateCamera(nullptr).warnings, ElementsAre("Camera is not connected"));
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+// ---- format choice -------------------------------------------------------------------------
+
+struct FormatCase {
+    const char* name;
+    CameraOverlayPreset preset;
+    std::vector<CameraFormat> formats;
+    int expectedIndex;  // -1: unchanged
+    std::vector<std::string> expectedLog;
+};
+
+class FormatChoiceTest : public ::testing::TestWithParam<FormatCase> {};
+
+TEST_P(FormatChoiceTest, ChoosesAndLogs) {
+    const FormatCase& c = GetParam();
+    FakeCaptureFactory factory;
+    CameraManager manager(factory);
+    auto device = camera("USB", "e", true, false, c.formats);
+    CapturedLog log;
+    manager.configureOptimalFormat(device, c.preset);
+    if (c.expectedIndex < 0) {
+        EXPECT_THAT(device->activeFormatChanges(), IsEmpty());
+        EXPECT_EQ(device->lockCount(), 0);
+    } else {
+        EXPECT_THAT(device->activeFormatChanges(), ElementsAre(c.expectedIndex));
+        EXPECT_EQ(device->lockCount(), 1);
+        EXPECT_EQ(device->unlockCount(), 1);
+        EXPECT_EQ(device->unlockedChanges(), 0);
+    }
+    EXPECT_EQ(log.lines(), c.expectedLog);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, FormatChoiceTest,
+    ::testing::Values(
+        FormatCase{"MediumPrefers720p",
+                   CameraOverlayPreset::medium,
+                   {{1920, 1080}, {1280, 720}},
+                   1,
+                   {"🔧 Configuring optimal camera format for medium...",
+                    "✅ Found preferred format: 1280x720", "🎯 Setting camera to format: 1280x720",
+                    "✅ Camera format configured successfully"}},
+        FormatCase{"LargePrefers1080p",
+                   CameraOverlayPreset::large,
+                   {{1280, 720}, {1920, 1080}},
+                   1,
+                   {"🔧 Configuring optimal camera format for large...",
+                    "✅ Found preferred format: 1920x1080", "🎯 Setting camera to format: 1920x1080",
+                    "✅ Camera format configured successfully"}},
+        FormatCase{"SmallPresetSizeFirst",
+                   CameraOverlayPreset::small,
+                   {{1280, 720}, {640, 480}},
+                   1,
+                   {"🔧 Configuring optimal camera format for small...",
+                    "✅ Found preferred format: 640x480", "🎯 Setting camera to format: 640x480",
+                    "✅ Camera format configured successfully"}},
+        FormatCase{"PreferenceListAfterPresetSize",
+                   CameraOverlayPreset::large,
+                   {{320, 240}, {960, 540}, {1280, 720}},
+                   2,
+                   {"🔧 Configuring optimal camera format for large...",
+                    "✅ Found preferred format: 1280x720", "🎯 Setting camera to format: 1280x720",
+                    "✅ Camera format configured successfully"}},
+        FormatCase{"FirstOfEqualDimensionsWins",
+                   CameraOverlayPreset::medium,
+                   {{800, 600}, {1280, 720}, {1280, 720}},
+                   1,
+                   {"🔧 Configuring optimal camera format for medium...",
+                    "✅ Found preferred format: 1280x720", "🎯 Setting camera to format: 1280x720",
+                    "✅ Camera format configured successfully"}},
+        FormatCase{
+            "SmallestBelowLimitsWithoutFoundLine",
+            CameraOverlayPreset::medium,
+            {{3840, 2160}, {1024, 768}, {800, 600}},
+            2,
+            {"🔧 Configuring optimal camera format for medium...",
+             "🎯 Setting camera to format: 800x600", "✅ Camera format configured successfully"}},
+        FormatCase{
+            "FallbackLimitsAreExclusiveAndTiesKeepOrder",
+            CameraOverlayPreset::medium,
+            {{2560, 100}, {100, 1600}, {600, 800}, {800, 600}},
+            2,
+            {"🔧 Configuring optimal camera format for medium...",
+             "🎯 Setting camera to format: 600x800", "✅ Camera format configured successfully"}},
+        FormatCase{"NothingSuitable",
+                   CameraOverlayPreset::medium,
+                   {{3840, 2160}},
+                   -1,
+                   {"🔧 Configuring optimal camera format for medium...",
+                    "⚠️ No suitable camera format found, using default"}},
+        FormatCase{"NoFormatsAtAll",
+                   CameraOverlayPreset::small,
+                   {},
+                   -1,
+                   {"🔧 Configuring optimal camera format for small...",
+                    "⚠️ No suitable camera format found, using default"}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(CameraFormatTest, LockFailureThrowsThePlatformErrorAndChangesNothing) {
+    FakeCaptureFactory factory;
+    CameraManager manager(factory);
+    auto device = camera("USB", "e", true, false, {{1920, 1080}, {1280, 720}});
+    const PlatformError busy{"CaptureErrorDomain", -11852, "Cannot use USB"};
+    device->setLockFailure(busy);
+    CapturedLog log;
+    try {
+        manager.configureOptimalFormat(device, CameraOverlayPreset::medium);
+        FAIL() << "expected a CameraConfigurationError";
+    } catch (const CameraConfigurationError& e) {
+        EXPECT_EQ(e.platformError().domain, busy.domain);
+        EXPECT_EQ(e.platformError().code, busy.code);
+        EXPECT_STREQ(e.what(), "Cannot use USB");
+    }
+    EXPECT_THAT(device->activeFormatChanges(), IsEmpty());
+    EXPECT_EQ(device->unlockCount(), 0);
+    EXPECT_EQ(log.lines().back(), "🎯 Setting camera to format: 1280x720");
+}
+
+// ---- discovery listing ---------------------------------------------------------------------
+
+TEST(CameraListingTest, ListsEveryDeviceThenSelects) {
+    FakeCaptureFactory factory;
+    auto eight = camera("FaceTime HD Camera", "0x8020000005ac8514", true, false,
+                        {{640, 480},
+                         {1280, 720},
+                         {1920, 1080},
+                         {320, 240},
+                         {960, 540},
+                         {1024, 768},
+                         {800, 600},
+                         {352, 288}});
+    {
+        CameraDeviceInfo info = eight->info();
+        info.position = 2;
+        info.activeFormatIndex = 1;
+        eight->setInfo(info);
+    }
+    auto six = camera("USB Camera", "usb-1", false, true,
+                      {{640, 480}, {1280, 720}, {1920, 1080}, {320, 240}, {960, 540}, {800, 600}});
+    auto five = camera("Lobster Cam", "lob-CMIO", true, false,
+                       {{640, 480}, {1280, 720}, {1920, 1080}, {320, 240}, {960, 540}});
+    factory.setCameras({eight, six, five});
+    CameraManager manager(factory);
+    CapturedLog log;
+    const int readsBefore = eight->infoReads();
+    EXPECT_EQ(manager.findBestCamera(), eight);
+    EXPECT_EQ(eight->infoReads() - readsBefore, 1);  // one reading per operation
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre(
+            "🔍 Available camera devices:", "  0: FaceTime HD Camera - ID: 0x8020000005ac8514",
+            "     Position: 2, Connected: true", "     Suspended: false",
+            "     Active format: 1280x720", "     Available formats:", "       [0]: 640x480",
+            "       [1]: 1280x720 (ACTIVE)", "       [2]: 1920x1080", "       [3]: 320x240",
+            "       [4]: 960x540", "       [5]: 1024x768", "       ... and 2 more formats",
+            "  1: USB Camera - ID: usb-1", "     Position: 0, Connected: false",
+            "     Suspended: true", "     Active format: 640x480",
+            "     Available formats:", "       [0]: 640x480 (ACTIVE)", "       [1]: 1280x720",
+            "       [2]: 1920x1080", "       [3]: 320x240", "       [4]: 960x540",
+            "       [5]: 800x600", "       ... and 0 more formats",
+            "  2: Lobster Cam - ID: lob-CMIO", "     Position: 0, Connected: true",
+            "     Suspended: false", "     Active format: 640x480",
+            "     Available formats:", "       [0]: 640x480 (ACTIVE)", "       [1]: 1280x720",
+            "       [2]: 1920x1080", "       [3]: 320x240", "       [4]: 960x540",
+            "🎯 Selecting best camera from 3 available devices...",
+            "📊 Camera categorization:", "   Built-in cameras: 1", "   External cameras: 1",
+            "   Virtual cameras: 1", "✅ Selected built-in camera: FaceTime HD Camera"));
+}
+
+TEST(CameraListingTest, NoDevices) {
+    FakeCaptureFactory factory;
+    CameraManager manager(factory);
+    CapturedLog log;
+    EXPECT_EQ(manager.findBestCamera(), nullptr);
+    EXPECT_THAT(log.lines(), ElementsAre("🔍 Available camera devices:",
+                                         "🎯 Selecting best camera from 0 available devices...",
+                                         "📊 Camera categorization:", "   Built-in cameras: 0",
+                                         "   External cameras: 0", "   Virtual cameras: 0",
+                                         "❌ No suitable camera found"));
+}
+
+}  // namespace
+}  // namespace gb

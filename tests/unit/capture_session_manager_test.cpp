@@ -1,0 +1,634 @@
+#include "capture/capture_session_manager.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fakes/fake_capture_platform.h"
+#include "fakes/fake_dispatch.h"
+#include "fakes/fake_display.h"
+#include "recording/errors.h"
+#include "unit/captured_log.h"
+
+namespace gb {
+namespace {
+
+using fakes::cameraInfo;
+using fakes::CapturedLog;
+using fakes::FakeCaptureDevice;
+using fakes::FakeCaptureFactory;
+using fakes::FakeCaptureSession;
+using fakes::FakeDispatch;
+using fakes::FakeDisplayProvider;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+using Kind = CaptureSessionError::Kind;
+
+struct Delivery {
+    CaptureService* manager;
+    SampleBufferRef sample;
+    CaptureOutput* output;
+};
+
+class RecordingDelegate final : public CaptureSessionManagerDelegate {
+public:
+    void captureSessionManager(CaptureService& manager, const SampleBufferRef& sample,
+                               CaptureOutput& output) override {
+        deliveries.push_back({&manager, sample, &output});
+    }
+    std::vector<Delivery> deliveries;
+};
+
+SampleBufferRef videoSample(int64_t value) {
+    return SampleBuffer::video(PixelBuffer::allocate(2, 2),
+                               {MediaTime::make(1, 30), MediaTime::make(value, 30), {}});
+}
+
+class CaptureSessionManagerTest : public ::testing::Test {
+protected:
+    CaptureSessionManagerTest() {
+        factory.setCameras({usbCamera});
+        manager = std::make_shared<CaptureSessionManager>(factory, display, dispatch);
+    }
+
+    FakeCaptureSession& screenSession() { return *factory.sessions().at(0); }
+    FakeCaptureSession& cameraSession() { return *factory.sessions().at(1); }
+    fakes::ManualQueue& recordingQueue() { return *dispatch.serialQueues().at(0); }
+
+    // Runs the call and returns the CaptureSessionError it threw.
+    static CaptureSessionError errorFrom(const std::function<void()>& call) {
+        try {
+            call();
+        } catch (const CaptureSessionError& e) {
+            return e;
+        }
+        ADD_FAILURE() << "no CaptureSessionError thrown";
+        return CaptureSessionError::noDisplay();
+    }
+
+    CapturedLog log;
+    FakeCaptureFactory factory;
+    FakeDisplayProvider display;
+    FakeDispatch dispatch;
+    std::shared_ptr<FakeCaptureDevice> usbCamera = std::make_shared<FakeCaptureDevice>(
+        cameraInfo("USB Camera", "usb-1", {{1920, 1080}, {1280, 720}}));
+    std::shared_ptr<CaptureSessionManager> manager;
+};
+
+// ---- construction ----------------------------------------------------------------------------
+
+TEST_F(CaptureSessionManagerTest, BuildsTwoSessionsAndTheRecordingQueue) {
+    ASSERT_EQ(factory.sessions().size(), 2u);
+    EXPECT_EQ(&manager->screenCaptureSession(), &screenSession());
+    EXPECT_EQ(&manager->cameraCaptureSession(), &cameraSession());
+    ASSERT_EQ(dispatch.serialQueues().size(), 1u);
+    EXPECT_EQ(recordingQueue().label(), "glimmerbox.recording");
+    EXPECT_THAT(dispatch.serialQueueQualities(), ElementsAre(QualityOfService::userInitiated));
+    EXPECT_EQ(manager->frameRate(), 30);
+    EXPECT_TRUE(manager->cameraOverlayEnabled());
+    EXPECT_EQ(manager->cameraOverlayPreset(), CameraOverlayPreset::medium);
+    EXPECT_EQ(manager->videoOutput(), nullptr);
+    EXPECT_EQ(manager->audioOutput(), nullptr);
+    EXPECT_EQ(manager->cameraOutput(), nullptr);
+    EXPECT_THAT(screenSession().journal(), IsEmpty());
+}
+
+// ---- screen set-up ---------------------------------------------------------------------------
+
+TEST_F(CaptureSessionManagerTest, ScreenSetupAttachesEverythingInOneTransaction) {
+    display.setSize(2560, 1440, /*displayID=*/7);
+    manager->setupScreenCapture();
+
+    EXPECT_THAT(screenSession().journal(),
+                ElementsAre("begin", "canAddInput video", "addInput video", "canAddInput audio",
+                            "addInput audio", "canAddOutput video", "addOutput video",
+                            "canAddOutput audio", "addOutput audio", "commit"));
+    EXPECT_EQ(screenSession().changesOutsideTransaction(), 0);
+    EXPECT_EQ(screenSession().outputsAddedWithoutDelegate(), 0);
+    EXPECT_THAT(log.lines(), ElementsAre("✅ Screen capture session configured successfully"));
+
+    ASSERT_EQ(factory.screenInputs().size(), 1u);
+    const auto screenInput = factory.screenInputs()[0];
+    EXPECT_EQ(screenInput->displayID(), 7u);
+    EXPECT_EQ(screenInput->minFrameDuration(), MediaTime::make(1, 30));
+    EXPECT_EQ(manager->screenInput(), screenInput);
+    ASSERT_EQ(factory.deviceInputs().size(), 1u);
+    EXPECT_EQ(factory.deviceInputs()[0]->device(), factory.microphone());
+    EXPECT_EQ(manager->micInput(), factory.deviceInputs()[0]);
+    EXPECT_THAT(screenSession().inputs(), ElementsAre(manager->screenInput(), manager->micInput()));
+    EXPECT_THAT(screenSession().outputs(),
+                ElementsAre(manager->videoOutput(), manager->audioOutput()));
+
+    const auto video = factory.videoOutputs().at(0);
+    const auto audio = factory.audioOutputs().at(0);
+    EXPECT_EQ(manager->videoOutput(), video);
+    EXPECT_EQ(manager->audioOutput(), audio);
+    EXPECT_EQ(video->videoSettings()->pixelFormat, 1111970369u);
+    for (const auto* state : {&video->state(), &audio->state()}) {
+        EXPECT_EQ(state->delegate().lock(),
+                  std::static_pointer_cast<CaptureOutputDelegate>(manager));
+        EXPECT_EQ(state->queue(), dispatch.serialQueues().at(0));
+    }
+    EXPECT_THAT(cameraSession().journal(), IsEmpty());
+}
+
+struct ScreenFailure {
+    const char* name;
+    std::function<void(FakeCaptureFactory&, FakeDisplayProvider&, FakeCaptureSession&)> arrange;
+    Kind kind;
+    std::string description;
+    std::string caseDescription;
+    size_t inputsAttached;
+    size_t outputsAttached;
+    // Which of screenInput, micInput, videoOutput, audioOutput are stored after the failure.
+    std::array<bool, 4> stored;
+};
+
+class ScreenSetupFailureTest : public CaptureSessionManagerTest,
+                               public ::testing::WithParamInterface<ScreenFailure> {};
+
+TEST_P(ScreenSetupFailureTest, FailsWithItsErrorAndKeepsWhatWasAttached) {
+    const ScreenFailure& c = GetParam();
+    c.arrange(factory, display, screenSession());
+
+    const CaptureSessionError error = errorFrom([&] { manager->setupScreenCapture(); });
+    EXPECT_EQ(error.kind(), c.kind);
+    EXPECT_EQ(error.errorDescription(), c.description);
+    EXPECT_EQ(error.localizedDescription(), c.description);
+    EXPECT_EQ(error.caseDescription(), c.caseDescription);
+
+    // Committed exactly once, on the failure path too.
+    EXPECT_EQ(screenSession().beginCount(), 1);
+    EXPECT_EQ(screenSession().commitCount(), 1);
+    EXPECT_EQ(screenSession().journal().front(), "begin");
+    EXPECT_EQ(screenSession().journal().back(), "commit");
+    EXPECT_THAT(log.lines(), IsEmpty());
+
+    EXPECT_EQ(screenSession().inputs().size(), c.inputsAttached);
+    EXPECT_EQ(screenSession().outputs().size(), c.outputsAttached);
+    EXPECT_EQ(manager->screenInput() != nullptr, c.stored[0]);
+    EXPECT_EQ(manager->micInput() != nullptr, c.stored[1]);
+    EXPECT_EQ(manager->videoOutput() != nullptr, c.stored[2]);
+    EXPECT_EQ(manager->audioOutput() != nullptr, c.stored[3]);
+
+    manager->cleanup();
+    EXPECT_THAT(screenSession().inputs(), IsEmpty());
+    EXPECT_THAT(screenSession().outputs(), IsEmpty());
+    EXPECT_EQ(manager->screenInput(), nullptr);
+    EXPECT_EQ(manager->micInput(), nullptr);
+    EXPECT_EQ(manager->videoOutput(), nullptr);
+    EXPECT_EQ(manager->audioOutput(), nullptr);
+}
+
+MainScreen screenWith(std::map<std::string, DeviceDescriptionValue> description) {
+    MainScreen screen;
+    screen.widthPoints = 1920;
+    screen.heightPoints = 1080;
+    screen.deviceDescription = std::move(description);
+    return screen;
+}
+
+using Session = FakeCaptureSession;
+const std::string kNoDisplay = "No display found for screen recording";
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, ScreenSetupFailureTest,
+    ::testing::Values(
+        ScreenFailure{"NoMainScreen",
+                      [](FakeCaptureFactory&, FakeDisplayProvider& d, Session&) {
+                          d.setScreen(std::nullopt);
+                      },
+                      Kind::noDisplay,
+                      kNoDisplay,
+                      "noDisplay",
+                      0,
+                      0,
+                      {false, false, false, false}},
+        ScreenFailure{"EmptyDescription",
+                      [](FakeCaptureFactory&, FakeDisplayProvider& d, Session&) {
+                          d.setScreen(screenWith({}));
+                      },
+                      Kind::noDisplay,
+                      kNoDisplay,
+                      "noDisplay",
+                      0,
+                      0,
+                      {false, false, false, false}},
+        ScreenFailure{"NoScreenNumber",
+                      [](FakeCaptureFactory&, FakeDisplayProvider& d, Session&) {
+                          d.setScreen(screenWith({{"NSDeviceSize", std::string("1920x1080")}}));
+                      },
+                      Kind::noDisplay,
+                      kNoDisplay,
+                      "noDisplay",
+                      0,
+                      0,
+                      {false, false, false, false}},
+        ScreenFailure{"ScreenNumberSigned",
+                      [](FakeCaptureFactory&, FakeDisplayProvider& d, Session&) {
+                          d.setScreen(screenWith({{kScreenNumberKey, int64_t{1}}}));
+                      },
+                      Kind::noDisplay,
+                      kNoDisplay,
+                      "noDisplay",
+                      0,
+                      0,
+                      {false, false, false, false}},
+        ScreenFailure{"ScreenNumberDouble",
+                      [](FakeCaptureFactory&, FakeDisplayProvider& d, Session&) {
+                          d.setScreen(screenWith({{kScreenNumberKey, 1.0}}));
+                      },
+                      Kind::noDisplay,
+                      kNoDisplay,
+                      "noDisplay",
+                      0,
+                      0,
+                      {false, false, false, false}},
+        ScreenFailure{"ScreenNumberText",
+                      [](FakeCaptureFactory&, FakeDisplayProvider& d, Session&) {
+                          d.setScreen(screenWith({{kScreenNumberKey, std::string("1")}}));
+                      },
+                      Kind::noDisplay,
+                      kNoDisplay,
+                      "noDisplay",
+                      0,
+                      0,
+                      {false, false, false, false}},
+        ScreenFailure{"NoScreenRecordingPermission",
+                      [](FakeCaptureFactory& f, FakeDisplayProvider&, Session&) {
+                          f.setScreenCaptureAllowed(false);
+                      },
+                      Kind::screenCaptureUnavailable,
+                      "Screen capture is unavailable. Please grant screen recording permission.",
+                      "screenCaptureUnavailable",
+                      0,
+                      0,
+                      {false, false, false, false}},
+        ScreenFailure{"SessionRefusesScreenInput",
+                      [](FakeCaptureFactory&, FakeDisplayProvider&, Session& s) {
+                          s.setSwitches({.acceptVideoInput = false});
+                      },
+                      Kind::cannotAddScreenInput,
+                      "Cannot add screen input to capture session",
+                      "cannotAddScreenInput",
+                      0,
+                      0,
+                      {true, false, false, false}},
+        ScreenFailure{
+            "NoMicrophone",
+            [](FakeCaptureFactory& f, FakeDisplayProvider&, Session&) { f.setMicrophone(nullptr); },
+            Kind::microphoneUnavailable,
+            "No microphone found",
+            "microphoneUnavailable",
+            1,
+            0,
+            {true, false, false, false}},
+        ScreenFailure{"MicrophoneInputNotCreated",
+                      [](FakeCaptureFactory& f, FakeDisplayProvider&, Session&) {
+                          f.setDeviceInputFailure(
+                              MediaType::audio,
+                              PlatformError{"CaptureErrorDomain", -11814, "Cannot Record"});
+                      },
+                      Kind::microphoneSetupFailed,
+                      "Microphone setup failed: Cannot Record",
+                      "microphoneSetupFailed(\"Cannot Record\")",
+                      1,
+                      0,
+                      {true, false, false, false}},
+        ScreenFailure{"SessionRefusesMicrophoneInput",
+                      [](FakeCaptureFactory&, FakeDisplayProvider&, Session& s) {
+                          s.setSwitches({.acceptAudioInput = false});
+                      },
+                      Kind::microphoneSetupFailed,
+                      "Microphone setup failed: Cannot add microphone input to capture session",
+                      "microphoneSetupFailed(\"Cannot add microphone input to capture session\")",
+                      1,
+                      0,
+                      {true, true, false, false}},
+        ScreenFailure{"SessionRefusesVideoOutput",
+                      [](FakeCaptureFactory&, FakeDisplayProvider&, Session& s) {
+                          s.setSwitches({.acceptVideoOutput = false});
+                      },
+                      Kind::cannotAddVideoOutput,
+                      "Cannot add video output to capture session",
+                      "cannotAddVideoOutput",
+                      2,
+                      0,
+                      {true, true, true, false}},
+        ScreenFailure{"SessionRefusesAudioOutput",
+                      [](FakeCaptureFactory&, FakeDisplayProvider&, Session& s) {
+                          s.setSwitches({.acceptAudioOutput = false});
+                      },
+                      Kind::cannotAddAudioOutput,
+                      "Cannot add audio output to capture session",
+                      "cannotAddAudioOutput",
+                      2,
+                      1,
+                      {true, true, true, true}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// ---- camera set-up ---------------------------------------------------------------------------
+
+const std::vector<std::string> kUsbListingAndChoice = {
+    "🔍 Available camera devices:",
+    "  0: USB Camera - ID: usb-1",
+    "     Position: 0, Connected: true",
+    "     Suspended: false",
+    "     Active format: 1920x1080",
+    "     Available formats:",
+    "       [0]: 1920x1080 (ACTIVE)",
+    "       [1]: 1280x720",
+    "🎯 Selecting best camera from 1 available devices...",
+    "📊 Camera categorization:",
+    "   Built-in cameras: 0",
+    "   External cameras: 1",
+    "   Virtual cameras: 0",
+    "✅ Selected external camera: USB Camera"};
+
+std::vector<std::string> joined(std::vector<std::string> a, const std::vector<std::string>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+TEST_F(CaptureSessionManagerTest, CameraSetupLogsEveryStepAndAttachesTheCamera) {
+    manager->setupCamera();
+    EXPECT_EQ(log.lines(),
+              joined(joined({"📷 Camera overlay enabled - setting up camera"}, kUsbListingAndChoice),
+                     {"📷 Selected camera: USB Camera - ID: usb-1", "📷 Camera validation: ✅ Valid",
+                      "🔧 Configuring optimal camera format for medium...",
+                      "✅ Found preferred format: 1280x720", "🎯 Setting camera to format: 1280x720",
+                      "✅ Camera format configured successfully",
+                      "✅ Camera input added successfully", "✅ Camera output added successfully",
+                      "📷 Camera setup complete - delegate set to self on queue: "
+                      "glimmerbox.recording"}));
+    EXPECT_THAT(cameraSession().journal(),
+                ElementsAre("begin", "canAddInput video", "addInput video", "canAddOutput video",
+                            "addOutput video", "commit"));
+    EXPECT_EQ(cameraSession().outputsAddedWithoutDelegate(), 0);
+    EXPECT_THAT(usbCamera->activeFormatChanges(), ElementsAre(1));
+    ASSERT_NE(manager->cameraInput(), nullptr);
+    EXPECT_EQ(factory.deviceInputs().back()->device(), usbCamera);
+    EXPECT_THAT(cameraSession().inputs(), ElementsAre(manager->cameraInput()));
+    EXPECT_THAT(cameraSession().outputs(), ElementsAre(manager->cameraOutput()));
+    EXPECT_THAT(screenSession().journal(), IsEmpty());
+}
+
+TEST_F(CaptureSessionManagerTest, CameraAndScreenOutputsAreDistinctWithTheSameSettings) {
+    manager->setupScreenCapture();
+    manager->setupCamera();
+    ASSERT_EQ(factory.videoOutputs().size(), 2u);
+    const auto screen = factory.videoOutputs()[0];
+    const auto camera = factory.videoOutputs()[1];
+    EXPECT_EQ(manager->videoOutput(), screen);
+    EXPECT_EQ(manager->cameraOutput(), camera);
+    EXPECT_NE(screen, camera);
+    EXPECT_EQ(camera->videoSettings()->pixelFormat, screen->videoSettings()->pixelFormat);
+    EXPECT_EQ(camera->state().queue(), screen->state().queue());
+    EXPECT_EQ(camera->state().delegate().lock(), screen->state().delegate().lock());
+}
+
+TEST_F(CaptureSessionManagerTest, CameraFormatFollowsTheOverlayPreset) {
+    usbCamera->setInfo(cameraInfo("USB Camera", "usb-1", {{1280, 720}, {640, 480}}));
+    manager->setCameraOverlayPreset(CameraOverlayPreset::small);
+    manager->setupCamera();
+    EXPECT_TRUE(log.contains("🔧 Configuring optimal camera format for small..."));
+    EXPECT_THAT(usbCamera->activeFormatChanges(), ElementsAre(1));
+}
+
+TEST_F(CaptureSessionManagerTest, OverlayOffOpensNoTransactionAndLogsNothing) {
+    manager->setCameraOverlayEnabled(false);
+    manager->setupCamera();
+    EXPECT_THAT(cameraSession().journal(), IsEmpty());
+    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_EQ(usbCamera->infoReads(), 0);
+}
+
+TEST_F(CaptureSessionManagerTest, NoCameraIsNotAFailure) {
+    factory.setCameras({});
+    EXPECT_NO_THROW(manager->setupCamera());
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre("📷 Camera overlay enabled - setting up camera", "🔍 Available camera devices:",
+                    "🎯 Selecting best camera from 0 available devices...",
+                    "📊 Camera categorization:", "   Built-in cameras: 0", "   External cameras: 0",
+                    "   Virtual cameras: 0", "❌ No suitable camera found",
+                    "❌ No camera available for overlay"));
+    EXPECT_THAT(cameraSession().journal(), ElementsAre("begin", "commit"));
+    EXPECT_EQ(manager->cameraInput(), nullptr);
+    EXPECT_EQ(manager->cameraOutput(), nullptr);
+}
+
+TEST_F(CaptureSessionManagerTest, SuspendedCameraIsLoggedAndAttachedAllTheSame) {
+    // Chosen while usable, suspended by the time it is checked.
+    usbCamera->setInfoAfterReads(
+        1, cameraInfo("USB Camera", "usb-1", {{1920, 1080}, {1280, 720}}, true, true));
+    manager->setupCamera();
+    const auto lines = log.lines();
+    const auto selected =
+        std::find(lines.begin(), lines.end(), "📷 Selected camera: USB Camera - ID: usb-1");
+    ASSERT_NE(selected, lines.end());
+    EXPECT_EQ(*(selected + 1), "📷 Camera validation: ❌ Invalid");
+    EXPECT_EQ(*(selected + 2), "⚠️ Camera warning: Camera is suspended");
+    EXPECT_EQ(*(selected + 3), "🔧 Configuring optimal camera format for medium...");
+    EXPECT_THAT(cameraSession().inputs(), ElementsAre(manager->cameraInput()));
+    EXPECT_THAT(cameraSession().outputs(), ElementsAre(manager->cameraOutput()));
+}
+
+TEST_F(CaptureSessionManagerTest, VirtualCameraWarningsInOrder) {
+    auto obs = std::make_shared<FakeCaptureDevice>(cameraInfo("OBS Virtual Camera", "obs"));
+    factory.setCameras({obs});
+    manager->setupCamera();
+    EXPECT_TRUE(
+        log.contains("⚠️ Selected virtual camera: OBS Virtual Camera (may contain screen "
+                     "content)"));
+    EXPECT_TRUE(log.contains("📷 Camera validation: ✅ Valid"));
+    EXPECT_TRUE(log.contains(
+        "⚠️ Camera warning: Camera appears to be virtual - may contain screen content"));
+}
+
+TEST_F(CaptureSessionManagerTest, FailedFormatConfigurationIsLoggedAndSetupGoesOn) {
+    usbCamera->setLockFailure(PlatformError{"CaptureErrorDomain", -11852, "Cannot use USB Camera"});
+    EXPECT_NO_THROW(manager->setupCamera());
+    const auto lines = log.lines();
+    const auto failed =
+        std::find(lines.begin(), lines.end(),
+                  "⚠️ Camera format configuration failed: Error Domain=CaptureErrorDomain "
+                  "Code=-11852 \"Cannot use USB Camera\"");
+    ASSERT_NE(failed, lines.end());
+    EXPECT_EQ(*(failed - 1), "🎯 Setting camera to format: 1280x720");
+    EXPECT_EQ(*(failed + 1), "✅ Camera input added successfully");
+    EXPECT_THAT(usbCamera->activeFormatChanges(), IsEmpty());
+    EXPECT_EQ(cameraSession().commitCount(), 1);
+    EXPECT_EQ(cameraSession().inputs().size(), 1u);
+}
+
+struct CameraFailure {
+    const char* name;
+    std::function<void(FakeCaptureFactory&, FakeCaptureSession&)> arrange;
+    std::string description;
+    size_t inputsAttached;
+    bool inputStored;
+    bool outputStored;
+    std::string lastLine;
+};
+
+class CameraSetupFailureTest : public CaptureSessionManagerTest,
+                               public ::testing::WithParamInterface<CameraFailure> {};
+
+TEST_P(CameraSetupFailureTest, AttachFailuresBecomeCameraSetupFailed) {
+    const CameraFailure& c = GetParam();
+    c.arrange(factory, cameraSession());
+    const CaptureSessionError error = errorFrom([&] { manager->setupCamera(); });
+    EXPECT_EQ(error.kind(), Kind::cameraSetupFailed);
+    EXPECT_EQ(error.errorDescription(), c.description);
+    EXPECT_EQ(cameraSession().beginCount(), 1);
+    EXPECT_EQ(cameraSession().commitCount(), 1);
+    EXPECT_EQ(cameraSession().journal().back(), "commit");
+    EXPECT_EQ(cameraSession().inputs().size(), c.inputsAttached);
+    EXPECT_THAT(cameraSession().outputs(), IsEmpty());
+    EXPECT_EQ(manager->cameraInput() != nullptr, c.inputStored);
+    EXPECT_EQ(manager->cameraOutput() != nullptr, c.outputStored);
+    EXPECT_EQ(log.lines().back(), c.lastLine);
+
+    manager->cleanup();
+    EXPECT_THAT(cameraSession().inputs(), IsEmpty());
+    EXPECT_EQ(manager->cameraInput(), nullptr);
+    EXPECT_EQ(manager->cameraOutput(), nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, CameraSetupFailureTest,
+    ::testing::Values(
+        CameraFailure{"InputNotCreated",
+                      [](FakeCaptureFactory& f, FakeCaptureSession&) {
+                          f.setDeviceInputFailure(
+                              MediaType::video,
+                              PlatformError{"CaptureErrorDomain", -11814, "Device in use"});
+                      },
+                      "Camera setup failed: Device in use", 0, false, false,
+                      "✅ Camera format configured successfully"},
+        CameraFailure{"SessionRefusesInput",
+                      [](FakeCaptureFactory&, FakeCaptureSession& s) {
+                          s.setSwitches({.acceptVideoInput = false});
+                      },
+                      "Camera setup failed: Cannot add camera input to capture session", 0, true,
+                      false, "✅ Camera format configured successfully"},
+        CameraFailure{"SessionRefusesOutput",
+                      [](FakeCaptureFactory&, FakeCaptureSession& s) {
+                          s.setSwitches({.acceptVideoOutput = false});
+                      },
+                      "Camera setup failed: Cannot add camera output to capture session", 1, true,
+                      true, "✅ Camera input added successfully"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// ---- cleanup ---------------------------------------------------------------------------------
+
+TEST_F(CaptureSessionManagerTest, CleanupStopsRemovesInSessionOrderAndForgets) {
+    manager->setupScreenCapture();
+    manager->setupCamera();
+    screenSession().startRunning();
+    cameraSession().startRunning();
+    screenSession().clearJournal();
+    cameraSession().clearJournal();
+
+    manager->cleanup();
+    EXPECT_THAT(screenSession().journal(),
+                ElementsAre("stop", "removeInput video", "removeInput audio", "removeOutput video",
+                            "removeOutput audio"));
+    EXPECT_THAT(cameraSession().journal(),
+                ElementsAre("stop", "removeInput video", "removeOutput video"));
+    EXPECT_FALSE(screenSession().isRunning());
+    EXPECT_FALSE(cameraSession().isRunning());
+    EXPECT_EQ(manager->screenInput(), nullptr);
+    EXPECT_EQ(manager->micInput(), nullptr);
+    EXPECT_EQ(manager->cameraInput(), nullptr);
+    EXPECT_EQ(manager->videoOutput(), nullptr);
+    EXPECT_EQ(manager->audioOutput(), nullptr);
+    EXPECT_EQ(manager->cameraOutput(), nullptr);
+    EXPECT_TRUE(manager->cameraOverlayEnabled());
+
+    // Ready for the next recording.
+    log.clear();
+    manager->setupScreenCapture();
+    EXPECT_EQ(screenSession().inputs().size(), 2u);
+}
+
+TEST_F(CaptureSessionManagerTest, CleanupWithOverlaySwitchedOffLeavesCameraRunningButEmpties) {
+    manager->setupScreenCapture();
+    manager->setupCamera();
+    cameraSession().startRunning();
+    manager->setCameraOverlayEnabled(false);
+    cameraSession().clearJournal();
+
+    manager->cleanup();
+    EXPECT_THAT(cameraSession().journal(), ElementsAre("removeInput video", "removeOutput video"));
+    EXPECT_TRUE(cameraSession().isRunning());
+    EXPECT_EQ(manager->cameraOutput(), nullptr);
+}
+
+TEST_F(CaptureSessionManagerTest, CleanupBeforeSetupOrTwiceOnlyStops) {
+    manager->cleanup();
+    manager->cleanup();
+    EXPECT_THAT(screenSession().journal(), ElementsAre("stop", "stop"));
+    EXPECT_THAT(cameraSession().journal(), ElementsAre("stop", "stop"));
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+// ---- sample hand-off -------------------------------------------------------------------------
+
+TEST_F(CaptureSessionManagerTest, EverySampleReachesTheDelegateOnTheRecordingQueueInOrder) {
+    auto delegate = std::make_shared<RecordingDelegate>();
+    manager->setDelegate(delegate);
+    manager->setupScreenCapture();
+    manager->setupCamera();
+    const auto screen = factory.videoOutputs()[0];
+    const auto camera = factory.videoOutputs()[1];
+    const auto audio = factory.audioOutputs()[0];
+
+    const auto s1 = videoSample(1);
+    const auto c1 = videoSample(2);
+    const auto a1 = SampleBuffer::audio(std::make_shared<AudioBuffer>(), {});
+    screen->deliver(s1);
+    camera->deliver(c1);
+    audio->deliver(a1);
+    EXPECT_TRUE(delegate->deliveries.empty());  // nothing outside the queue
+
+    EXPECT_EQ(recordingQueue().runPending(), 3);
+    ASSERT_EQ(delegate->deliveries.size(), 3u);
+    EXPECT_EQ(delegate->deliveries[0].manager, manager.get());
+    EXPECT_EQ(delegate->deliveries[0].sample, s1);  // the very sample, not a copy
+    EXPECT_EQ(delegate->deliveries[0].output, manager->videoOutput().get());
+    EXPECT_EQ(delegate->deliveries[1].sample, c1);
+    EXPECT_EQ(delegate->deliveries[1].output, manager->cameraOutput().get());
+    EXPECT_EQ(delegate->deliveries[2].sample, a1);
+    EXPECT_EQ(delegate->deliveries[2].output, manager->audioOutput().get());
+    EXPECT_THAT(log.lines(), ::testing::Not(::testing::Contains(::testing::HasSubstr("📺"))));
+}
+
+TEST_F(CaptureSessionManagerTest, SamplesAfterTheDelegateWentAreDroppedSilently) {
+    auto delegate = std::make_shared<RecordingDelegate>();
+    manager->setDelegate(delegate);
+    manager->setupScreenCapture();
+    log.clear();
+    const auto screen = factory.videoOutputs()[0];
+    screen->deliver(videoSample(1));
+    delegate.reset();
+    EXPECT_EQ(recordingQueue().runPending(), 1);
+    EXPECT_THAT(log.lines(), IsEmpty());
+
+    // Or even the manager itself: the output holds it weakly.
+    screen->deliver(videoSample(2));
+    manager.reset();
+    EXPECT_EQ(recordingQueue().runPending(), 1);
+}
+
+}  // namespace
+}  // namespace gb

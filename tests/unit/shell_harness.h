@@ -1,0 +1,147 @@
+// The application shell wired to fakes: the user-interface fakes, a real ScreenRecorder over the
+// engine's fake services, a real VSCodeIntegration over fake scripting, all driven by FakeDispatch
+// (nothing runs until the test drains the queues).
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "app/app_delegate.h"
+#include "automation/vscode_integration.h"
+#include "fakes/fake_access.h"
+#include "fakes/fake_dispatch.h"
+#include "fakes/fake_display.h"
+#include "fakes/fake_files.h"
+#include "fakes/fake_recording_services.h"
+#include "fakes/fake_scripting.h"
+#include "fakes/fake_user_interface.h"
+#include "fakes/fake_writer.h"
+#include "fakes/log_capture.h"
+#include "recording/permission_manager.h"
+#include "recording/recording_file_manager.h"
+#include "recording/screen_recorder.h"
+
+namespace gb::testing {
+
+inline constexpr const char* kVSCode = "com.microsoft.VSCode";
+inline constexpr const char* kStart = "\u23FA Start Recording";
+inline constexpr const char* kStop = "\u23F9 Stop Recording";
+
+struct ShellHarness {
+    ShellHarness() {
+        access.setAnswer(MediaType::audio, true);
+        access.setAnswer(MediaType::video, true);
+        application.journal = &calls;
+        statusBar.journal = &calls;
+        alerts.journal = &calls;
+        notifications.journal = &calls;
+    }
+    ShellHarness(const ShellHarness&) = delete;
+    ShellHarness& operator=(const ShellHarness&) = delete;
+    ~ShellHarness() {
+        // Work still queued holds the delegate; drop it before the fakes go.
+        dispatch.runAll();
+    }
+
+    // The recorder exactly as the program builds it, over fake platform services.
+    std::shared_ptr<ScreenRecorder> makeRecorder() {
+        calls.add("recorder.create");
+        ++recordersMade;
+        capture = std::make_shared<fakes::FakeCaptureService>();
+        composer = std::make_shared<fakes::FakeCompositionService>();
+        ScreenRecorder::Services services{
+            std::make_shared<PermissionManager>(access), capture, composer,
+            std::make_shared<RecordingFileManager>(files, defaults, dates, writers, display,
+                                                   folderPicker)};
+        return ScreenRecorder::create(std::move(services), dispatch);
+    }
+
+    AppDelegate::Platform platform() {
+        return {application,   statusBar, windows, alerts,   workspace,
+                notifications, defaults,  files,   dispatch, display};
+    }
+
+    void launch() {
+        delegate = std::make_shared<AppDelegate>(
+            platform(), [this] { return makeRecorder(); }, vsCode);
+        delegate->applicationDidFinishLaunching();
+    }
+
+    [[nodiscard]] fakes::FakeStatusItem& item() { return *statusBar.item(); }
+    [[nodiscard]] ScreenRecorder& recorder() { return *delegate->recorder(); }
+    [[nodiscard]] const std::vector<MenuEntry>& menu() { return item().menu(); }
+    // Chooses a menu entry as the user would; fails the test when there is none.
+    void choose(const std::vector<std::string>& titlePath) {
+        ASSERT_TRUE(item().choose(titlePath)) << "no menu entry " << titlePath.back();
+    }
+    void runAll() { dispatch.runAll(); }
+
+    // A whole recording: start, let everything run, stop, let everything run.
+    void record() {
+        choose({kStart});
+        runAll();
+        choose({kStop});
+        runAll();
+    }
+
+    void enableAutomation() { defaults.setBool(true, AppDelegate::kVSCodeAutomationEnabledKey); }
+
+    fakes::LogCapture log;  // first: captures everything, restored last
+    fakes::CallLog calls;
+    fakes::FakeDispatch dispatch;
+    fakes::FakeDisplayProvider display;
+
+    fakes::FakeApplication application;
+    fakes::FakeStatusBar statusBar;
+    fakes::FakeWindowSystem windows;
+    fakes::FakeAlertPresenter alerts;
+    fakes::FakeWorkspace workspace;
+    fakes::FakeNotificationCenter notifications;
+    fakes::FakeDefaultsStore defaults;
+    fakes::FakeFileSystem files;
+
+    fakes::FakeAccessRequester access;
+    fakes::FakeDateFormatter dates;
+    fakes::FakeAssetWriterFactory writers{&files, &calls};
+    fakes::FakeFolderPicker folderPicker;
+    std::shared_ptr<fakes::FakeCaptureService> capture;
+    std::shared_ptr<fakes::FakeCompositionService> composer;
+    int recordersMade = 0;
+
+    fakes::FakeApplicationFinder finder;
+    fakes::RecordingScriptRunner runner;
+    VSCodeIntegration vsCode{finder, runner, dispatch.sleeperImpl};
+
+    std::shared_ptr<AppDelegate> delegate;
+};
+
+// The menu in a compact form: "---" for separators, "✓ " before checked entries, " >" after
+// entries with a submenu, " (disabled)" and " ⌘<key>" after the title.
+inline std::vector<std::string> render(const std::vector<MenuEntry>& entries) {
+    std::vector<std::string> out;
+    for (const auto& e : entries) {
+        if (e.kind == MenuEntry::Kind::separator) {
+            out.emplace_back("---");
+            continue;
+        }
+        std::string s = (e.checked ? "\u2713 " : "") + e.title;
+        if (e.submenu) s += " >";
+        if (!e.enabled) s += " (disabled)";
+        if (!e.keyEquivalent.empty()) s += " \u2318" + e.keyEquivalent;
+        out.push_back(s);
+    }
+    return out;
+}
+
+inline const std::vector<MenuEntry>& submenu(const std::vector<MenuEntry>& menu,
+                                             const std::string& title) {
+    for (const auto& e : menu)
+        if (e.title == title && e.submenu) return *e.submenu;
+    throw std::runtime_error("no submenu " + title);
+}
+
+}  // namespace gb::testing
