@@ -133,7 +133,7 @@ void logEntries(const QMenu& menu) {
     logLine("[menu] end");
 }
 
-// Logs where a menu's entries are on screen each time it opens.
+// Logs where a menu's entries are on screen each time it opens, and when it closes.
 class MenuGeometryLogger final : public QObject {
 public:
     using QObject::QObject;
@@ -161,6 +161,11 @@ public:
                             .toStdString());
             }
             logLine("[menu] end");
+        }
+        if (menu != nullptr && event->type() == QEvent::Hide) {
+            logLine(QStringLiteral("[menu] hidden \"%1\"")
+                        .arg(menu->property(kPathProperty).toString())
+                        .toStdString());
         }
         return QObject::eventFilter(watched, event);
     }
@@ -311,11 +316,29 @@ void QtStatusItem::showWhenTrayAvailable() {
 void QtStatusItem::setMenu(const std::vector<MenuEntry>& entries) {
     std::unique_ptr<QMenu> menu =
         buildMenu(entries, [this](const MenuEntry& entry) { choose(entry); });
+    if (menu_ && menu_->isVisible()) {
+        // Opening the menu may itself bring a rebuild (the application becomes active); an open
+        // menu is never pulled from under the pointer: the new one follows when it closes.
+        pendingMenu_ = std::move(menu);
+        return;
+    }
+    install(std::move(menu));
+}
+
+void QtStatusItem::install(std::unique_ptr<QMenu> menu) {
     if (debugMenu_) {
         logEntries(*menu);
-        if (auto* logger = context_->findChild<MenuGeometryLogger*>())
+        if (auto* logger = context_->findChild<MenuGeometryLogger*>()) {
             watchGeometry(*menu, *logger);
+        }
     }
+    // Queued: the chosen entry's signal comes after the menu hides.
+    QObject::connect(
+        menu.get(), &QMenu::aboutToHide, context_.get(),
+        [this] {
+            if (pendingMenu_) install(std::move(pendingMenu_));
+        },
+        Qt::QueuedConnection);
     tray_->setContextMenu(menu.get());
     // The old menu may be the one whose entry is being handled: let it go after that.
     if (menu_) menu_.release()->deleteLater();

@@ -65,7 +65,8 @@ public:
     void setMenu(const std::vector<MenuEntry>& entries) override;
     void setActionHandler(std::function<void(const MenuEntry& chosen)> handler) override;
 
-    // What the item shows now.
+    // What the item shows now. A menu installed while the current one is open replaces it
+    // once it closes.
     [[nodiscard]] QSystemTrayIcon& trayIcon() { return *tray_; }
     [[nodiscard]] QMenu* menu() const { return menu_.get(); }
     [[nodiscard]] const std::optional<SymbolImage>& image() const { return image_; }
@@ -77,6 +78,7 @@ public:
 
 private:
     std::optional<QIcon> loadSymbol(const std::string& name);
+    void install(std::unique_ptr<QMenu> menu);
     void refreshIcon();
     void showWhenTrayAvailable();
     void choose(const MenuEntry& entry);
@@ -85,7 +87,8 @@ private:
     const bool debugMenu_;
     std::unique_ptr<QObject> context_;  // receives the menus' and the tray's signals
     std::unique_ptr<QSystemTrayIcon> tray_;
-    std::unique_ptr<QMenu> menu_;
+    std::unique_ptr<QMenu> menu_;         // the tray's menu
+    std::unique_ptr<QMenu> pendingMenu_;  // its successor, while it is open
     std::unique_ptr<QTimer> trayWatch_;
     std::map<std::string, QIcon> symbols_;  // loaded icons by symbol name
     std::optional<SymbolImage> image_;

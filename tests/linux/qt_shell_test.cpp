@@ -207,6 +207,32 @@ TEST_F(QtShellTest, StatusItemRunsTheHandlerAfterTheMenuAndReplacesMenus) {
     EXPECT_TRUE(processUntil([&] { return first.isNull(); })) << "the old menu is deleted";
 }
 
+TEST_F(QtShellTest, MenuInstalledWhileTheOldOneIsOpenFollowsWhenItCloses) {
+    QtStatusItem status;
+    std::vector<MenuAction> handled;
+    status.setActionHandler([&](const MenuEntry& e) { handled.push_back(e.action); });
+    status.setMenu(sampleMenu());
+    QPointer<QMenu> open = status.menu();
+    status.popUpMenu();
+    ASSERT_TRUE(processUntil([&] { return open->isVisible(); }));
+
+    std::vector<MenuEntry> next = sampleMenu();
+    next[0] = item("⏹ Stop Recording", MenuAction::stopRecording);
+    status.setMenu(next);
+    status.setMenu(next);  // a second rebuild while open replaces the waiting one
+    EXPECT_EQ(status.menu(), open.data()) << "not while it is open";
+    EXPECT_EQ(status.trayIcon().contextMenu(), open.data());
+
+    // Choosing from the open menu closes it, hands over the entry and installs the new menu.
+    open->actions()[0]->trigger();
+    open->hide();
+    ASSERT_TRUE(processUntil([&] { return open.isNull() && !handled.empty(); }));
+    EXPECT_EQ(handled, std::vector<MenuAction>{MenuAction::startRecording});
+    ASSERT_NE(status.menu(), nullptr);
+    EXPECT_EQ(status.menu()->actions()[0]->text(), "⏹ Stop Recording");
+    EXPECT_EQ(status.trayIcon().contextMenu(), status.menu());
+}
+
 // ---- status symbols -----------------------------------------------------------------------------
 
 // The share of light (glyph-coloured) pixels in a square around the icon's centre.

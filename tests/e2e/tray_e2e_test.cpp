@@ -1,0 +1,710 @@
+// The tray application end to end: the real binary in a desktop session of its own (Xvfb, the
+// openbox window manager, the trayer tray host, a D-Bus session bus with the dunst notification
+// server and a dbus-monitor listening to it, a PulseAudio null sink as the microphone), driven
+// with xdotool like a user would: click the tray icon, click menu entries, type into dialogs.
+//
+// The program runs with GLIMMERBOX_DEBUG_UI, so its log tells the menus it installs, where an
+// open menu's entries are on screen and which alerts it shows; the tests click by those
+// positions and read the menu from those lines. A screenshot of the open menu is kept in
+// <build>/artifacts/tray-menu.png.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "e2e/e2e_support.h"
+
+namespace gb::e2e {
+namespace {
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (condition()) return true;
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(50ms);
+    }
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+size_t countOf(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+struct Point {
+    int x = 0;
+    int y = 0;
+};
+
+// One entry of an installed menu as the program logged it: its title path ("Video Quality >
+// High (1080p)"; "--" for a separator) and its state words ("enabled checked", ...).
+struct LoggedEntry {
+    std::string path;
+    std::string flags;
+    [[nodiscard]] bool has(const std::string& flag) const {
+        return (" " + flags + " ").find(" " + flag + " ") != std::string::npos;
+    }
+};
+
+// The notifications that went over the bus, as dbus-monitor printed the Notify calls.
+struct Notification {
+    std::string appName;
+    std::string summary;
+    std::string body;
+    std::string soundName;
+    int timeout = 0;
+};
+
+std::vector<Notification> parseNotifications(const std::string& monitorOutput) {
+    std::vector<Notification> found;
+    std::optional<Notification> current;
+    std::vector<std::string> strings;
+    std::string lastKey;
+    const std::regex stringLine(R"re(^\s+(?:variant\s+)?string "(.*)"$)re");
+    const std::regex int32Line(R"(^\s+int32 (-?\d+)$)");
+    auto flush = [&] {
+        if (current && strings.size() >= 4) {
+            current->appName = strings[0];
+            current->summary = strings[2];
+            current->body = strings[3];
+            found.push_back(*current);
+        }
+        current.reset();
+        strings.clear();
+    };
+    for (const std::string& line : linesOf(monitorOutput)) {
+        std::smatch m;
+        if (line.starts_with("method call") || line.starts_with("signal") ||
+            line.starts_with("method return")) {
+            flush();
+            if (line.find("member=Notify") != std::string::npos) current.emplace();
+        } else if (current && std::regex_match(line, m, stringLine)) {
+            if (lastKey == "sound-name" && line.find("variant") != std::string::npos) {
+                current->soundName = m[1];
+            }
+            lastKey = m[1];
+            strings.push_back(m[1]);
+        } else if (current && std::regex_match(line, m, int32Line)) {
+            current->timeout = std::stoi(m[1]);
+        }
+    }
+    flush();
+    return found;
+}
+
+// A desktop session of its own; everything stops when it goes.
+class TrayDesktop {
+public:
+    struct Options {
+        bool microphone = true;
+        bool tray = true;  // false: no tray host until startTray()
+    };
+
+    explicit TrayDesktop(Options options) : display_(1280, 720) {
+        if (!display_.ok()) return;
+        fs::create_directories(runtime_.path() + "/run");
+        chmod((runtime_.path() + "/run").c_str(), 0700);
+
+        bus_.emplace(
+            std::vector<std::string>{"dbus-daemon", "--session", "--nofork", "--print-address=1"});
+        if (!bus_->waitForOutput("\n", 10s)) return;
+        busAddress_ = linesOf(bus_->stdoutText()).front();
+
+        if (options.microphone) {
+            microphone_.emplace();
+            if (!microphone_->ok()) return;
+        }
+
+        const auto x = xEnv();
+        windowManager_.emplace(std::vector<std::string>{"openbox", "--sm-disable"}, x);
+        if (!waitUntil(
+                [&] {
+                    return runCommand({"xprop", "-root", "_NET_SUPPORTING_WM_CHECK"}, x)
+                               .value_or("")
+                               .find("window id") != std::string::npos;
+                },
+                10s)) {
+            return;
+        }
+        if (options.tray && !startTray()) return;
+        notifications_.emplace(std::vector<std::string>{"dunst"}, x);
+        monitor_.emplace(
+            std::vector<std::string>{
+                "dbus-monitor", "--address", busAddress_,
+                "type='method_call',interface='org.freedesktop.Notifications',member='Notify'"},
+            x);
+        if (!monitor_->waitForOutput("member=NameLost", 10s)) return;
+        // The notification server is up once it owns its name.
+        if (!waitUntil(
+                [&] {
+                    return runCommand({"dbus-send", "--session", "--print-reply",
+                                       "--dest=org.freedesktop.DBus", "/",
+                                       "org.freedesktop.DBus.GetNameOwner",
+                                       "string:org.freedesktop.Notifications"},
+                                      x)
+                        .has_value();
+                },
+                10s)) {
+            return;
+        }
+        ok_ = true;
+    }
+
+    [[nodiscard]] bool ok() const { return ok_; }
+
+    // Starts the tray host (trayer, an XEmbed tray); true once its window is there.
+    bool startTray() {
+        tray_.emplace(
+            std::vector<std::string>{"trayer", "--edge", "top", "--align", "right", "--widthtype",
+                                     "pixel", "--width", "120", "--height", "28", "--SetDockType",
+                                     "true", "--transparent", "false", "--tint", "0xdddddd"},
+            xEnv());
+        return waitUntil(
+            [&] {
+                return x({"xdotool", "search", "--class", "trayer"}).has_value();
+            },
+            10s);
+    }
+
+    // The environment of programs in this session (no Qt platform override, no Wayland).
+    [[nodiscard]] std::map<std::string, std::string> xEnv() const {
+        std::map<std::string, std::string> env{{"DISPLAY", display_.name()},
+                                               {"DBUS_SESSION_BUS_ADDRESS", busAddress_},
+                                               {"HOME", home_.path()},
+                                               {"XDG_CONFIG_HOME", home_.path() + "/.config"},
+                                               {"XDG_RUNTIME_DIR", runtime_.path() + "/run"},
+                                               {"XDG_DOCUMENTS_DIR", ""},
+                                               {"XDG_SESSION_TYPE", "x11"},
+                                               {"WAYLAND_DISPLAY", ""},
+                                               {"QT_QPA_PLATFORM", ""}};
+        if (microphone_) {
+            for (const auto& [k, v] : microphone_->env()) env[k] = v;
+        } else {
+            env["PULSE_SERVER"] = "unix:" + runtime_.path() + "/no-such-socket";
+        }
+        return env;
+    }
+
+    [[nodiscard]] const std::string& home() const { return home_.path(); }
+    [[nodiscard]] std::string recordingsFolder() const {
+        return home_.path() + "/Documents/Glimmerbox Recordings";
+    }
+    [[nodiscard]] std::vector<Notification> notifications() const {
+        return parseNotifications(monitor_->stdoutText());
+    }
+    bool waitForNotifications(size_t count, std::chrono::milliseconds timeout) const {
+        return waitUntil([&] { return notifications().size() >= count; }, timeout);
+    }
+
+    // xdotool and friends in this session; their output, or nothing when they failed.
+    std::optional<std::string> x(const std::vector<std::string>& argv) const {
+        return runCommand(argv, xEnv(), 20s);
+    }
+
+    // The visible windows whose title is exactly `title`.
+    [[nodiscard]] std::vector<std::string> windowsNamed(const std::string& title) const {
+        return linesOf(
+            x({"xdotool", "search", "--onlyvisible", "--name", "^" + title + "$"}).value_or(""));
+    }
+    bool waitForWindow(const std::string& title, std::chrono::milliseconds timeout) const {
+        return waitUntil([&] { return !windowsNamed(title).empty(); }, timeout);
+    }
+
+    // (No --sync: it waits for a pointer motion that never comes when the pointer is there
+    // already. XTest events are handled in order anyway.)
+    void click(Point p) const {
+        x({"xdotool", "mousemove", std::to_string(p.x), std::to_string(p.y), "click", "1"});
+    }
+
+    bool screenshot(const std::string& path) const {
+        fs::create_directories(fs::path(path).parent_path());
+        return x({"import", "-window", "root", path}).has_value();
+    }
+
+private:
+    VirtualDisplay display_;
+    TempDir runtime_;
+    TempDir home_;
+    std::optional<Process> bus_;
+    std::string busAddress_;
+    std::optional<VirtualMicrophone> microphone_;
+    std::optional<Process> windowManager_;
+    std::optional<Process> tray_;
+    std::optional<Process> notifications_;
+    std::optional<Process> monitor_;
+    bool ok_ = false;
+};
+
+// The program under test in a desktop session.
+class TrayApp {
+public:
+    explicit TrayApp(const TrayDesktop& desktop) : desktop_(desktop) {
+        auto env = desktop.xEnv();
+        env["GLIMMERBOX_DEBUG_UI"] = "1";
+        env["GLIMMERBOX_TEST_CAMERA"] = "1";  // the overlay is on by default
+        process_.emplace(std::vector<std::string>{binaryPath()}, env);
+    }
+
+    [[nodiscard]] std::string log() const { return process_->stdoutText(); }
+    [[nodiscard]] std::string errors() const { return process_->stderrText(); }
+    [[nodiscard]] bool running() { return process_->running(); }
+    std::optional<int> wait(std::chrono::milliseconds timeout) { return process_->wait(timeout); }
+
+    bool waitForLog(const std::string& text, std::chrono::milliseconds timeout = 20s) {
+        return process_->waitForOutput(text, timeout);
+    }
+    // Waits until the log holds `text` `count` times.
+    bool waitForLogCount(const std::string& text, size_t count,
+                         std::chrono::milliseconds timeout = 20s) {
+        return waitUntil([&] { return countOf(log(), text) >= count; }, timeout);
+    }
+
+    // Ready once the first menu is installed and the tray icon is on screen.
+    bool waitUntilReady() {
+        return waitForLog("Menu update - Recording state: false") && waitForLog("[menu] end") &&
+               waitUntil([&] { return trayIcon().has_value(); }, 20s);
+    }
+
+    // The centre of the tray icon: the program's small visible window.
+    [[nodiscard]] std::optional<Point> trayIcon() const {
+        for (const std::string& id :
+             linesOf(desktop_.x({"xdotool", "search", "--onlyvisible", "--class", "Glimmerbox"})
+                         .value_or(""))) {
+            const auto g = desktop_.x({"xdotool", "getwindowgeometry", "--shell", id});
+            if (!g) continue;
+            std::map<std::string, int> v;
+            for (const std::string& line : linesOf(*g)) {
+                const auto eq = line.find('=');
+                if (eq != std::string::npos)
+                    v[line.substr(0, eq)] = std::atoi(line.c_str() + eq + 1);
+            }
+            if (v["WIDTH"] > 0 && v["WIDTH"] <= 64 && v["HEIGHT"] <= 64) {
+                return Point{v["X"] + v["WIDTH"] / 2, v["Y"] + v["HEIGHT"] / 2};
+            }
+        }
+        return std::nullopt;
+    }
+
+    // The last installed menu, entry by entry.
+    [[nodiscard]] std::vector<LoggedEntry> installedMenu() const {
+        return lastBlock<LoggedEntry>("[menu] installed", [](const std::string& line, auto& out) {
+            if (line == "[menu] separator") {
+                out.push_back({"--", ""});
+            } else if (line.starts_with("[menu] entry ")) {
+                const std::string rest = line.substr(13);
+                const auto bar = rest.rfind(" | ");
+                out.push_back({rest.substr(0, bar), rest.substr(bar + 3)});
+            }
+        });
+    }
+    [[nodiscard]] std::vector<std::string> topLevelTitles() const {
+        std::vector<std::string> titles;
+        for (const LoggedEntry& e : installedMenu()) {
+            if (e.path.find(" > ") == std::string::npos) titles.push_back(e.path);
+        }
+        return titles;
+    }
+    [[nodiscard]] std::optional<LoggedEntry> entry(const std::string& path) const {
+        for (const LoggedEntry& e : installedMenu()) {
+            if (e.path == path) return e;
+        }
+        return std::nullopt;
+    }
+
+    // Clicks the tray icon and waits for the menu; where its entries are, by title.
+    std::map<std::string, Point> openMenu() {
+        const size_t shown = countOf(log(), "[menu] shown \"\"");
+        const std::optional<Point> icon = trayIcon();
+        if (!icon) return {};
+        // A menu that has just closed may still hold the pointer: the click would go to it.
+        if (!desktop_.x({toolPath("wait_pointer_free")})) return {};
+        desktop_.click(*icon);
+        if (!waitForLogCount("[menu] shown \"\"", shown + 1, 10s) ||
+            !waitUntil([&] { return openMenuEntries().size() > 0; }, 5s)) {
+            return {};
+        }
+        return openMenuEntries();
+    }
+
+    // Closes the open menu with Escape and waits until it is gone.
+    bool closeMenu() {
+        const size_t hidden = countOf(log(), "[menu] hidden \"\"");
+        desktop_.x({"xdotool", "key", "Escape"});
+        return waitForLogCount("[menu] hidden \"\"", hidden + 1, 10s);
+    }
+
+    // Opens the menu and clicks the entry with this title; false when there is no such entry.
+    // Returns once the menu has closed.
+    bool choose(const std::string& title) {
+        const auto entries = openMenu();
+        const auto it = entries.find(title);
+        if (it == entries.end()) {
+            closeMenu();
+            return false;
+        }
+        const size_t hidden = countOf(log(), "[menu] hidden \"\"");
+        desktop_.click(it->second);
+        return waitForLogCount("[menu] hidden \"\"", hidden + 1, 10s);
+    }
+
+private:
+    // The lines of the last complete block that begins with `start`, parsed into Ts.
+    template <class T, class Parse>
+    std::vector<T> lastBlock(const std::string& start, Parse parse) const {
+        const std::vector<std::string> lines = linesOf(log());
+        size_t begin = lines.size();
+        for (size_t i = lines.size(); i-- > 0;) {
+            if (lines[i].starts_with(start)) {
+                begin = i;
+                break;
+            }
+        }
+        std::vector<T> out;
+        bool ended = false;
+        for (size_t i = begin + 1; i < lines.size(); ++i) {
+            if (lines[i] == "[menu] end") {
+                ended = true;
+                break;
+            }
+            parse(lines[i], out);
+        }
+        if (!ended) out.clear();  // still being written
+        return out;
+    }
+    // The entries of the top-level menu that opened last.
+    [[nodiscard]] std::map<std::string, Point> openMenuEntries() const {
+        std::map<std::string, Point> at;
+        const std::regex placed(R"(^\[menu\] at (-?\d+),(-?\d+) (\d+)x(\d+) (.*)$)");
+        const auto rows = lastBlock<std::pair<std::string, Point>>(
+            "[menu] shown \"\"", [&](const std::string& line, auto& out) {
+                std::smatch m;
+                if (std::regex_match(line, m, placed)) {
+                    out.emplace_back(m[5], Point{std::stoi(m[1]) + std::stoi(m[3]) / 2,
+                                                 std::stoi(m[2]) + std::stoi(m[4]) / 2});
+                }
+            });
+        for (const auto& [title, point] : rows) at[title] = point;
+        return at;
+    }
+
+    const TrayDesktop& desktop_;
+    std::optional<Process> process_;
+};
+
+// The key lines fake_editor logs for the screencast toggle: the command palette, the command's
+// text and Return.
+std::vector<std::string> screencastToggleKeys() {
+    std::vector<std::string> keys{"key ctrl+shift+p"};
+    for (const char* k : {"T", "o", "g", "g", "l", "e", "space", "S", "c", "r", "e",
+                          "e", "n", "c", "a", "s", "t", "space", "M", "o", "d", "e"}) {
+        keys.push_back(std::string("key ") + k);
+    }
+    keys.push_back("key Return");
+    return keys;
+}
+
+std::vector<std::string> readLines(const std::string& path) {
+    std::ifstream in(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+std::vector<fs::path> moviesIn(const std::string& folder) {
+    std::vector<fs::path> movies;
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator(folder, ec)) {
+        if (e.path().extension() == ".mov") movies.push_back(e.path());
+    }
+    std::sort(movies.begin(), movies.end());
+    return movies;
+}
+
+// Checks a finished recording: a QuickTime movie with H.264 video and AAC audio, about as long
+// as it was recorded.
+void expectMovie(const fs::path& file, double seconds) {
+    const auto info = probe(file.string());
+    ASSERT_TRUE(info) << file;
+    EXPECT_NE(info->formatName.find("mov"), std::string::npos) << info->formatName;
+    const StreamInfo* video = info->stream("video");
+    const StreamInfo* audio = info->stream("audio");
+    ASSERT_TRUE(video != nullptr && audio != nullptr) << file;
+    EXPECT_EQ(video->get("codec_name"), "h264");
+    EXPECT_EQ(audio->get("codec_name"), "aac");
+    EXPECT_NEAR(info->durationSeconds, seconds, 1.5);
+    EXPECT_TRUE(std::regex_match(file.filename().string(),
+                                 std::regex(R"(glimmerbox-\d{4}-\d\d-\d\d_\d\d-\d\d-\d\d\.mov)")))
+        << file.filename();
+}
+
+std::string artifactsDir() {
+    return std::string(GLIMMERBOX_BUILD_DIR) + "/artifacts";
+}
+
+#define ASSERT_DESKTOP(desktop)                                                                 \
+    ASSERT_TRUE((desktop).ok()) << "the test's desktop session (Xvfb, openbox, trayer, dunst, " \
+                                   "D-Bus, PulseAudio) did not start"
+
+TEST(TrayE2ETest, RecordsFromTheTrayMenuAndNotifiesAtStartAndSave) {
+    TrayDesktop desktop({});
+    ASSERT_DESKTOP(desktop);
+    TrayApp app(desktop);
+    ASSERT_TRUE(app.waitUntilReady()) << app.log() << app.errors();
+
+    // The idle menu as installed.
+    EXPECT_EQ(app.topLevelTitles(),
+              (std::vector<std::string>{
+                  "⏺ Start Recording", "--", "Video Quality", "Camera Overlay", "Camera Size",
+                  "Camera Position", "--", "VS Code Automation", "--",
+                  "Saving to: Documents/Glimmerbox Recordings", "Choose Save Location...",
+                  "Open Recordings Folder", "--", "About Glimmerbox", "Quit Glimmerbox"}));
+    ASSERT_TRUE(app.entry("Saving to: Documents/Glimmerbox Recordings"));
+    EXPECT_TRUE(app.entry("Saving to: Documents/Glimmerbox Recordings")->has("disabled"));
+    EXPECT_TRUE(app.entry("Camera Overlay")->has("checked"));
+    EXPECT_TRUE(app.entry("VS Code Automation")->has("unchecked"));
+    EXPECT_TRUE(app.entry("Quit Glimmerbox")->has("shortcut=Ctrl+Q"));
+    EXPECT_TRUE(app.entry("Camera Size > Medium (320×180)")->has("checked"));
+    EXPECT_TRUE(app.entry("Camera Position > Bottom Right")->has("checked"));
+
+    // Open it with the mouse, keep a picture of it, then start.
+    const auto entries = app.openMenu();
+    ASSERT_TRUE(entries.contains("⏺ Start Recording")) << app.log();
+    ASSERT_TRUE(desktop.screenshot(artifactsDir() + "/tray-menu.png"));
+    desktop.click(entries.at("⏺ Start Recording"));
+
+    ASSERT_TRUE(app.waitForLog("Recording start completed. Current state: true", 30s)) << app.log();
+    ASSERT_TRUE(desktop.waitForNotifications(1, 10s));
+    std::this_thread::sleep_for(3s);  // the recording itself
+
+    const auto recordingEntries = app.openMenu();
+    ASSERT_TRUE(recordingEntries.contains("⏹ Stop Recording")) << app.log();
+    ASSERT_TRUE(desktop.screenshot(artifactsDir() + "/tray-menu-recording.png"));
+    desktop.click(recordingEntries.at("⏹ Stop Recording"));
+    ASSERT_TRUE(desktop.waitForNotifications(2, 60s)) << app.log();
+
+    const auto movies = moviesIn(desktop.recordingsFolder());
+    ASSERT_EQ(movies.size(), 1U);
+    expectMovie(movies[0], 3.0);
+
+    const auto notes = desktop.notifications();
+    ASSERT_EQ(notes.size(), 2U);
+    EXPECT_EQ(notes[0].appName, "Glimmerbox");
+    EXPECT_EQ(notes[0].summary, "Recording Started");
+    EXPECT_EQ(notes[0].body, "Glimmerbox recording in progress");
+    EXPECT_EQ(notes[0].soundName, "message-new-instant");
+    EXPECT_EQ(notes[0].timeout, -1);
+    EXPECT_EQ(notes[1].summary, "Recording Saved");
+    EXPECT_EQ(notes[1].body, "Screencast saved to: " + movies[0].filename().string());
+
+    // Back to idle, and the menu says so.
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            const auto titles = app.topLevelTitles();
+            return !titles.empty() && titles.front() == "⏺ Start Recording";
+        },
+        10s))
+        << app.log();
+
+    // Quit from the menu ends the program normally.
+    ASSERT_TRUE(app.choose("Quit Glimmerbox")) << app.log();
+    EXPECT_EQ(app.wait(10s), 0) << app.errors();
+}
+
+TEST(TrayE2ETest, FailedStartShowsOneAlertAndLeavesTheProgramIdle) {
+    TrayDesktop desktop({.microphone = false});
+    ASSERT_DESKTOP(desktop);
+    TrayApp app(desktop);
+    ASSERT_TRUE(app.waitUntilReady()) << app.log() << app.errors();
+
+    ASSERT_TRUE(app.choose("⏺ Start Recording")) << app.log();
+    ASSERT_TRUE(desktop.waitForWindow("Recording Failed", 30s)) << app.log();
+    ASSERT_TRUE(app.waitForLog("[alert] shown \"Recording Failed\"")) << app.log();
+    EXPECT_TRUE(
+        app.waitForLog("[alert] shown \"Recording Failed\" | Setup failed: No microphone "
+                       "found | buttons: OK",
+                       1s))
+        << app.log();
+
+    desktop.x({"xdotool", "key", "Return"});
+    ASSERT_TRUE(app.waitForLog("[alert] closed with button 0", 10s)) << app.log();
+    EXPECT_TRUE(waitUntil([&] { return desktop.windowsNamed("Recording Failed").empty(); }, 5s));
+    EXPECT_TRUE(app.running());
+    EXPECT_TRUE(app.waitForLog("Recording start completed. Current state: false"));
+
+    // Still idle: the menu offers to start, and nothing was notified or written.
+    const auto entries = app.openMenu();
+    EXPECT_TRUE(entries.contains("⏺ Start Recording"));
+    EXPECT_TRUE(app.closeMenu());
+    EXPECT_TRUE(desktop.notifications().empty());
+    EXPECT_TRUE(moviesIn(desktop.recordingsFolder()).empty());
+    EXPECT_EQ(countOf(app.log(), "[alert] shown"), 1U);
+}
+
+TEST(TrayE2ETest, EditorAutomationTogglesScreencastModeAroundARecording) {
+    TrayDesktop desktop({});
+    ASSERT_DESKTOP(desktop);
+    TempDir scratch;
+    const std::string keyLog = scratch.path() + "/editor.log";
+    auto editor = std::make_unique<Process>(
+        std::vector<std::string>{toolPath("fake_editor"), "--class", "Code", "--log", keyLog},
+        desktop.xEnv());
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            return desktop.x({"xdotool", "search", "--onlyvisible", "--class", "^Code$"})
+                .has_value();
+        },
+        10s));
+
+    TrayApp app(desktop);
+    ASSERT_TRUE(app.waitUntilReady()) << app.log() << app.errors();
+    ASSERT_TRUE(app.choose("VS Code Automation")) << app.log();
+    ASSERT_TRUE(app.waitForLog("🔧 VS Code automation enabled")) << app.log();
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            return app.entry("VS Code Automation") &&
+                   app.entry("VS Code Automation")->has("checked");
+        },
+        10s));
+
+    const auto toggle = screencastToggleKeys();
+    ASSERT_TRUE(app.choose("⏺ Start Recording")) << app.log();
+    ASSERT_TRUE(app.waitForLog("🔧 VS Code automation: Enabled screencast mode")) << app.log();
+    ASSERT_TRUE(app.waitForLog("Recording start completed. Current state: true", 30s)) << app.log();
+    ASSERT_TRUE(waitUntil([&] { return readLines(keyLog).size() >= toggle.size(); }, 15s))
+        << app.log();
+    EXPECT_EQ(readLines(keyLog), toggle);
+
+    ASSERT_TRUE(app.choose("⏹ Stop Recording")) << app.log();
+    ASSERT_TRUE(app.waitForLog("🔧 VS Code automation: Disabled screencast mode", 20s)) << app.log();
+    ASSERT_TRUE(desktop.waitForNotifications(2, 60s)) << app.log();
+    std::vector<std::string> twice = toggle;
+    twice.insert(twice.end(), toggle.begin(), toggle.end());
+    EXPECT_EQ(readLines(keyLog), twice);
+    ASSERT_EQ(moviesIn(desktop.recordingsFolder()).size(), 1U);
+
+    // Without the editor the recording goes ahead all the same.
+    editor.reset();
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            return !desktop.x({"xdotool", "search", "--class", "^Code$"}).has_value();
+        },
+        10s));
+    std::this_thread::sleep_for(1s);  // file names have one-second resolution
+    ASSERT_TRUE(app.choose("⏺ Start Recording")) << app.log();
+    ASSERT_TRUE(app.waitForLog("🔧 VS Code automation: VS Code not running")) << app.log();
+    ASSERT_TRUE(app.waitForLogCount("Recording start completed. Current state: true", 2, 30s))
+        << app.log();
+    std::this_thread::sleep_for(1s);
+    ASSERT_TRUE(app.choose("⏹ Stop Recording")) << app.log();
+    ASSERT_TRUE(desktop.waitForNotifications(4, 60s)) << app.log();
+    const auto movies = moviesIn(desktop.recordingsFolder());
+    ASSERT_EQ(movies.size(), 2U);
+    expectMovie(movies[1], 1.0);
+}
+
+TEST(TrayE2ETest, ChosenSaveFolderShowsInTheMenuAndSurvivesARestart) {
+    TrayDesktop desktop({});
+    ASSERT_DESKTOP(desktop);
+    const std::string casts = desktop.home() + "/Screencasts/Casts";
+    fs::create_directories(casts);
+    {
+        TrayApp app(desktop);
+        ASSERT_TRUE(app.waitUntilReady()) << app.log() << app.errors();
+        ASSERT_TRUE(app.choose("Choose Save Location...")) << app.log();
+        ASSERT_TRUE(desktop.waitForWindow("Choose Save Location", 20s)) << app.log();
+        desktop.x({"xdotool", "type", "--delay", "10", casts});
+        desktop.x({"xdotool", "key", "Return"});
+        ASSERT_TRUE(
+            waitUntil([&] { return desktop.windowsNamed("Choose Save Location").empty(); }, 10s));
+
+        // The menu shows the folder from its next rebuild on; switching the overlay off and on
+        // again brings two.
+        for (int i = 0; i < 2; ++i) {
+            const size_t builds = countOf(app.log(), "Menu update - Recording state: false");
+            ASSERT_TRUE(app.choose("Camera Overlay")) << app.log();
+            ASSERT_TRUE(app.waitForLogCount("Menu update - Recording state: false", builds + 1))
+                << app.log();
+        }
+        ASSERT_TRUE(waitUntil([&] { return app.entry("Saving to: Casts").has_value(); }, 10s))
+            << app.log();
+        EXPECT_TRUE(app.entry("Saving to: Casts")->has("disabled"));
+        EXPECT_TRUE(app.entry("Camera Overlay")->has("checked"));
+        EXPECT_FALSE(app.entry("Saving to: Documents/Glimmerbox Recordings"));
+        EXPECT_TRUE(app.openMenu().contains("Saving to: Casts")) << app.log();
+        ASSERT_TRUE(desktop.screenshot(artifactsDir() + "/tray-menu-save-folder.png"));
+        ASSERT_TRUE(app.closeMenu());
+
+        // The About window: 400 x 300; closing it hides it and the program goes on.
+        ASSERT_TRUE(app.choose("About Glimmerbox")) << app.log();
+        ASSERT_TRUE(desktop.waitForWindow("About Glimmerbox", 10s)) << app.log();
+        const auto about = desktop.windowsNamed("About Glimmerbox");
+        ASSERT_EQ(about.size(), 1U);
+        const auto geometry =
+            desktop.x({"xdotool", "getwindowgeometry", "--shell", about.front()}).value_or("");
+        EXPECT_NE(geometry.find("WIDTH=400\nHEIGHT=300"), std::string::npos) << geometry;
+        ASSERT_TRUE(desktop.screenshot(artifactsDir() + "/about-window.png"));
+        desktop.x({"xdotool", "windowactivate", "--sync", about.front(), "key", "--clearmodifiers",
+                   "alt+F4"});
+        EXPECT_TRUE(
+            waitUntil([&] { return desktop.windowsNamed("About Glimmerbox").empty(); }, 5s));
+        EXPECT_TRUE(app.running());
+
+        ASSERT_TRUE(app.choose("Quit Glimmerbox")) << app.log();
+        EXPECT_EQ(app.wait(10s), 0);
+    }
+    TrayApp restarted(desktop);
+    ASSERT_TRUE(restarted.waitUntilReady()) << restarted.log() << restarted.errors();
+    EXPECT_TRUE(restarted.entry("Saving to: Casts")) << restarted.log();
+    EXPECT_TRUE(restarted.entry("Saving to: Casts")->has("disabled"));
+}
+
+TEST(TrayE2ETest, SecondLaunchSaysSoAndExits) {
+    TrayDesktop desktop({});
+    ASSERT_DESKTOP(desktop);
+    TrayApp first(desktop);
+    ASSERT_TRUE(first.waitUntilReady()) << first.log() << first.errors();
+
+    Process second({binaryPath()}, desktop.xEnv());
+    EXPECT_EQ(second.wait(15s), 0);
+    EXPECT_NE(second.stdoutText().find("Glimmerbox is already running"), std::string::npos)
+        << second.stdoutText();
+    EXPECT_EQ(second.stdoutText().find("Menu update"), std::string::npos);
+    EXPECT_TRUE(first.running());
+}
+
+TEST(TrayE2ETest, WithoutATrayHostTheProgramWaitsForOne) {
+    TrayDesktop desktop({.tray = false});
+    ASSERT_DESKTOP(desktop);
+    TrayApp app(desktop);
+    ASSERT_TRUE(app.waitForLog("Glimmerbox: no system tray found; waiting for one to appear"))
+        << app.log() << app.errors();
+    ASSERT_TRUE(app.waitForLog("[menu] end"));
+    EXPECT_FALSE(app.trayIcon());
+
+    ASSERT_TRUE(desktop.startTray());
+    ASSERT_TRUE(app.waitForLog("Glimmerbox: system tray found; showing the status icon", 10s));
+    ASSERT_TRUE(waitUntil([&] { return app.trayIcon().has_value(); }, 10s));
+    EXPECT_TRUE(app.openMenu().contains("⏺ Start Recording")) << app.log();
+    EXPECT_TRUE(app.closeMenu());
+    EXPECT_TRUE(app.running());
+}
+
+}  // namespace
+}  // namespace gb::e2e
