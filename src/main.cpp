@@ -51,14 +51,14 @@ bool envFlag(const char* name) {
 class LinuxPlatform {
 public:
     LinuxPlatform(SerialQueue& mainQueue, bool testCamera, FolderPicker& folderPicker)
-        : dispatch_(mainQueue),
-          capture_(LinuxCaptureFactory::Parts{
+        : capture_(LinuxCaptureFactory::Parts{
               LinuxCaptureFactory::x11ScreenInputMaker(),
               [] { return defaultPulseMicrophone(); },
               [testCamera] { return discoverCameras(testCamera); },
           }),
           pixelBuffers_(std::make_shared<PooledPixelBufferFactory>()),
-          folderPicker_(folderPicker) {
+          folderPicker_(folderPicker),
+          dispatch_(mainQueue) {
         VSCodeIntegration::configureShared(applicationFinder_, scriptRunner_, dispatch_.sleeper());
     }
 
@@ -66,6 +66,20 @@ public:
         return RecorderPlatform{dispatch_,     access_,  capture_, display_,
                                 writers_,      files_,   defaults(), dates_,
                                 folderPicker_, compositor_, *pixelBuffers_, sampleMaker_};
+    }
+
+    // Prepares the main display's screen capture in the background, so that the first
+    // recording starts without waiting for it.
+    void prepareScreenCapture() {
+        dispatch_.backgroundExecutor().async([this] {
+            const auto screen = display_.mainScreen();
+            if (!screen) return;
+            const auto it = screen->deviceDescription.find(kScreenNumberKey);
+            if (it == screen->deviceDescription.end()) return;
+            if (const auto* id = std::get_if<uint32_t>(&it->second)) {
+                capture_.prepareScreenInput(*id);
+            }
+        });
     }
 
     Dispatch& dispatch() { return dispatch_; }
@@ -77,7 +91,6 @@ public:
     void setRecordingDefaults(DefaultsStore& store) { recordingDefaults_ = &store; }
 
 private:
-    ThreadDispatch dispatch_;
     X11DisplayProvider display_;
     LinuxCaptureFactory capture_;
     PulseAccessRequester access_;
@@ -92,6 +105,8 @@ private:
     XTestScriptRunner scriptRunner_;
     FolderPicker& folderPicker_;
     DefaultsStore* recordingDefaults_ = nullptr;
+    // Last, so it is destroyed first: its threads end before anything their work may use.
+    ThreadDispatch dispatch_;
 };
 
 // The headless command has no folder picker: choosing a folder is the tray's business.
@@ -233,6 +248,7 @@ int runTray(int argc, char** argv) {
                               services.dispatch(), services.display()},
         [&services] { return makeScreenRecorder(services.recorderPlatform()); });
     shell->mainQueue().async([delegate] { delegate->applicationDidFinishLaunching(); });
+    services.prepareScreenCapture();
     const int status = shell->run();
 
     // Quitting while recording asks the recorder to stop and ends the event loop at once; the
