@@ -1,6 +1,7 @@
 // Entry point: wires the Linux platform into the application.
 //   glimmerbox                the tray application
 //   glimmerbox record ...     a headless recording (see `glimmerbox record --help`)
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 
@@ -52,11 +53,12 @@ class LinuxPlatform {
 public:
     LinuxPlatform(SerialQueue& mainQueue, bool testCamera, FolderPicker& folderPicker)
         : capture_(LinuxCaptureFactory::Parts{
-              LinuxCaptureFactory::x11ScreenInputMaker(),
+              LinuxCaptureFactory::x11ScreenInputMaker(screenCaptureOptions()),
               [] { return defaultPulseMicrophone(); },
               [testCamera] { return discoverCameras(testCamera); },
           }),
-          pixelBuffers_(std::make_shared<PooledPixelBufferFactory>()),
+          writers_(writerOptions()),
+          pixelBuffers_(std::make_shared<PooledPixelBufferFactory>(kComposedFramesKept)),
           folderPicker_(folderPicker),
           dispatch_(mainQueue) {
         VSCodeIntegration::configureShared(applicationFinder_, scriptRunner_, dispatch_.sleeper());
@@ -91,6 +93,21 @@ public:
     void setRecordingDefaults(DefaultsStore& store) { recordingDefaults_ = &store; }
 
 private:
+    // Memory: a 1080p frame is 8 MB. Four screen buffers cover the frame being composed, the
+    // newest one and two on their way to the recording queue; two frames waiting for the encoder
+    // keep it busy without holding more. A frame that finds no room is dropped, never waited for.
+    static constexpr size_t kComposedFramesKept = 3;
+    static X11CaptureOptions screenCaptureOptions() {
+        X11CaptureOptions options;
+        options.poolSize = 4;
+        return options;
+    }
+    static FfmpegWriterOptions writerOptions() {
+        FfmpegWriterOptions options;
+        options.videoQueueCapacity = 2;
+        return options;
+    }
+
     X11DisplayProvider display_;
     LinuxCaptureFactory capture_;
     PulseAccessRequester access_;
@@ -278,6 +295,9 @@ void printUsage() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Frames are megabytes each. A fixed mmap threshold hands freed frames straight back to the
+    // system instead of letting glibc's adaptive threshold keep them in the heap.
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);
     installXErrorHandlers();
     const std::vector<std::string> args(argv + 1, argv + argc);
     if (!args.empty() && args[0] == "record") {
