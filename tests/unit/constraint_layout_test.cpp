@@ -1,0 +1,156 @@
+// The window layout solver on descriptions shaped like the About window and on broken ones.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "linux/portable/constraint_layout.h"
+
+namespace gb::linuxp {
+namespace {
+
+ViewDescription view(std::string id, ViewKind kind, std::string parent) {
+    ViewDescription v;
+    v.id = std::move(id);
+    v.kind = kind;
+    v.parent = std::move(parent);
+    return v;
+}
+
+LayoutConstraint pin(std::string first, Anchor a, std::string second, Anchor b, double c = 0,
+                     Relation r = Relation::equal) {
+    return LayoutConstraint{std::move(first), a, r, std::move(second), b, c};
+}
+
+LayoutConstraint fixed(std::string first, Anchor a, double c) {
+    return LayoutConstraint{std::move(first), a, Relation::equal, {}, Anchor::top, c};
+}
+
+// A box 400 x 300 with a container inset by 20, an icon hanging from its top, a label under
+// the icon and a label on its bottom edge.
+WindowDescription columnWindow() {
+    WindowDescription d;
+    d.attributes.contentWidth = 400;
+    d.attributes.contentHeight = 300;
+    d.views = {
+        view("container", ViewKind::plain, "content"), view("icon", ViewKind::image, "container"),
+        view("text", ViewKind::label, "container"), view("footer", ViewKind::label, "container")};
+    d.constraints = {
+        pin("container", Anchor::top, "content", Anchor::top, 20),
+        pin("container", Anchor::leading, "content", Anchor::leading, 20),
+        pin("container", Anchor::trailing, "content", Anchor::trailing, -20),
+        pin("container", Anchor::bottom, "content", Anchor::bottom, -20),
+        pin("icon", Anchor::top, "container", Anchor::top),
+        pin("icon", Anchor::centerX, "container", Anchor::centerX),
+        fixed("icon", Anchor::width, 64),
+        fixed("icon", Anchor::height, 64),
+        pin("text", Anchor::top, "icon", Anchor::bottom, 12),
+        pin("text", Anchor::leading, "container", Anchor::leading),
+        pin("text", Anchor::trailing, "container", Anchor::trailing),
+        pin("footer", Anchor::bottom, "container", Anchor::bottom),
+        pin("footer", Anchor::leading, "container", Anchor::leading),
+        pin("footer", Anchor::trailing, "container", Anchor::trailing),
+        pin("text", Anchor::bottom, "footer", Anchor::top, -12, Relation::lessThanOrEqual),
+    };
+    return d;
+}
+
+IntrinsicHeight heights(double text, double footer) {
+    return [=](const ViewDescription& v, std::optional<double>) -> std::optional<double> {
+        if (v.id == "text") return text;
+        if (v.id == "footer") return footer;
+        return std::nullopt;
+    };
+}
+
+void expectFrame(const LayoutFrame& f, double x, double y, double w, double h) {
+    EXPECT_DOUBLE_EQ(f.x, x);
+    EXPECT_DOUBLE_EQ(f.y, y);
+    EXPECT_DOUBLE_EQ(f.width, w);
+    EXPECT_DOUBLE_EQ(f.height, h);
+}
+
+TEST(ConstraintLayout, PlacesAColumnHangingFromTheTopAndAFooterOnTheBottom) {
+    const LayoutResult r = solveLayout(columnWindow(), heights(40, 14));
+    EXPECT_TRUE(r.problems.empty()) << r.problems.front();
+    expectFrame(r.frames.at("content"), 0, 0, 400, 300);
+    expectFrame(r.frames.at("container"), 20, 20, 360, 260);
+    expectFrame(r.frames.at("icon"), 168, 20, 64, 64);  // centred in the container
+    expectFrame(r.frames.at("text"), 20, 96, 360, 40);
+    expectFrame(r.frames.at("footer"), 20, 266, 360, 14);
+}
+
+TEST(ConstraintLayout, IntrinsicHeightIsAskedAtTheViewsWidth) {
+    std::optional<double> widthSeen;
+    const IntrinsicHeight measure = [&](const ViewDescription& v,
+                                        std::optional<double> width) -> std::optional<double> {
+        if (v.id == "text") widthSeen = width;
+        return v.kind == ViewKind::label ? std::optional<double>(10) : std::nullopt;
+    };
+    const LayoutResult r = solveLayout(columnWindow(), measure);
+    EXPECT_TRUE(r.problems.empty());
+    ASSERT_TRUE(widthSeen.has_value());
+    EXPECT_DOUBLE_EQ(*widthSeen, 360);
+}
+
+TEST(ConstraintLayout, UpperBoundCompressesTheViewThatRunsPastIt) {
+    // 300 high: the text would end at 96 + 200 = 296, past the footer's top (266) - 12.
+    const LayoutResult r = solveLayout(columnWindow(), heights(200, 14));
+    EXPECT_TRUE(r.problems.empty());
+    expectFrame(r.frames.at("text"), 20, 96, 360, 254 - 96);
+    expectFrame(r.frames.at("footer"), 20, 266, 360, 14);
+}
+
+TEST(ConstraintLayout, ReportsWhatItCannotPlaceOrSatisfy) {
+    WindowDescription d = columnWindow();
+    d.views.push_back(view("loose", ViewKind::plain, "container"));
+    d.constraints.push_back(pin("loose", Anchor::top, "container", Anchor::top));
+    d.constraints.push_back(pin("ghost", Anchor::top, "container", Anchor::top));
+    d.constraints.push_back(fixed("icon", Anchor::width, 80));  // the icon is 64 wide already
+    const LayoutResult r = solveLayout(d, heights(40, 14));
+
+    auto mentions = [&](const std::string& text) {
+        return std::any_of(r.problems.begin(), r.problems.end(),
+                           [&](const std::string& p) { return p.find(text) != std::string::npos; });
+    };
+    EXPECT_TRUE(mentions("\"loose\" is not fully placed"));
+    EXPECT_TRUE(mentions("ghost"));
+    EXPECT_TRUE(mentions("constraint 18 (icon.width = 80"));
+    EXPECT_EQ(r.problems.size(), 3U);
+    // What could be placed still is.
+    expectFrame(r.frames.at("icon"), 168, 20, 64, 64);
+    EXPECT_DOUBLE_EQ(r.frames.at("loose").y, 20);
+}
+
+TEST(ConstraintLayout, EqualitiesPropagateBackwardsToTheSecondView) {
+    WindowDescription d;
+    d.attributes.contentWidth = 200;
+    d.attributes.contentHeight = 100;
+    d.views = {view("a", ViewKind::plain, "content"), view("b", ViewKind::plain, "content")};
+    d.constraints = {
+        // b is placed only through a's constraints naming it second.
+        fixed("a", Anchor::width, 50),
+        fixed("a", Anchor::height, 10),
+        pin("a", Anchor::leading, "content", Anchor::leading, 10),
+        pin("a", Anchor::top, "content", Anchor::top, 5),
+        pin("a", Anchor::trailing, "b", Anchor::leading, -4),
+        pin("a", Anchor::bottom, "b", Anchor::top),
+        pin("b", Anchor::trailing, "content", Anchor::trailing),
+        pin("b", Anchor::bottom, "content", Anchor::bottom),
+    };
+    const LayoutResult r = solveLayout(d, nullptr);
+    EXPECT_TRUE(r.problems.empty());
+    expectFrame(r.frames.at("b"), 64, 15, 136, 85);
+}
+
+TEST(ConstraintLayout, UnsatisfiableUpperBoundIsReported) {
+    WindowDescription d = columnWindow();
+    // A top edge cannot give way.
+    d.constraints.push_back(
+        pin("text", Anchor::top, "container", Anchor::top, 0, Relation::lessThanOrEqual));
+    const LayoutResult r = solveLayout(d, heights(40, 14));
+    ASSERT_EQ(r.problems.size(), 1U);
+    EXPECT_NE(r.problems[0].find("cannot be met"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace gb::linuxp
