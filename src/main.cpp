@@ -1,6 +1,7 @@
 // Entry point: wires the Linux platform into the application.
 //   glimmerbox                the tray application
 //   glimmerbox record ...     a headless recording (see `glimmerbox record --help`)
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 
@@ -51,14 +52,15 @@ bool envFlag(const char* name) {
 class LinuxPlatform {
 public:
     LinuxPlatform(SerialQueue& mainQueue, bool testCamera, FolderPicker& folderPicker)
-        : dispatch_(mainQueue),
-          capture_(LinuxCaptureFactory::Parts{
-              LinuxCaptureFactory::x11ScreenInputMaker(),
+        : capture_(LinuxCaptureFactory::Parts{
+              LinuxCaptureFactory::x11ScreenInputMaker(screenCaptureOptions()),
               [] { return defaultPulseMicrophone(); },
               [testCamera] { return discoverCameras(testCamera); },
           }),
-          pixelBuffers_(std::make_shared<PooledPixelBufferFactory>()),
-          folderPicker_(folderPicker) {
+          writers_(writerOptions()),
+          pixelBuffers_(std::make_shared<PooledPixelBufferFactory>(kComposedFramesKept)),
+          folderPicker_(folderPicker),
+          dispatch_(mainQueue) {
         VSCodeIntegration::configureShared(applicationFinder_, scriptRunner_, dispatch_.sleeper());
     }
 
@@ -66,6 +68,20 @@ public:
         return RecorderPlatform{dispatch_,     access_,  capture_, display_,
                                 writers_,      files_,   defaults(), dates_,
                                 folderPicker_, compositor_, *pixelBuffers_, sampleMaker_};
+    }
+
+    // Prepares the main display's screen capture in the background, so that the first
+    // recording starts without waiting for it.
+    void prepareScreenCapture() {
+        dispatch_.backgroundExecutor().async([this] {
+            const auto screen = display_.mainScreen();
+            if (!screen) return;
+            const auto it = screen->deviceDescription.find(kScreenNumberKey);
+            if (it == screen->deviceDescription.end()) return;
+            if (const auto* id = std::get_if<uint32_t>(&it->second)) {
+                capture_.prepareScreenInput(*id);
+            }
+        });
     }
 
     Dispatch& dispatch() { return dispatch_; }
@@ -77,7 +93,21 @@ public:
     void setRecordingDefaults(DefaultsStore& store) { recordingDefaults_ = &store; }
 
 private:
-    ThreadDispatch dispatch_;
+    // Memory: a 1080p frame is 8 MB. Four screen buffers cover the frame being composed, the
+    // newest one and two on their way to the recording queue; two frames waiting for the encoder
+    // keep it busy without holding more. A frame that finds no room is dropped, never waited for.
+    static constexpr size_t kComposedFramesKept = 3;
+    static X11CaptureOptions screenCaptureOptions() {
+        X11CaptureOptions options;
+        options.poolSize = 4;
+        return options;
+    }
+    static FfmpegWriterOptions writerOptions() {
+        FfmpegWriterOptions options;
+        options.videoQueueCapacity = 2;
+        return options;
+    }
+
     X11DisplayProvider display_;
     LinuxCaptureFactory capture_;
     PulseAccessRequester access_;
@@ -92,6 +122,8 @@ private:
     XTestScriptRunner scriptRunner_;
     FolderPicker& folderPicker_;
     DefaultsStore* recordingDefaults_ = nullptr;
+    // Last, so it is destroyed first: its threads end before anything their work may use.
+    ThreadDispatch dispatch_;
 };
 
 // The headless command has no folder picker: choosing a folder is the tray's business.
@@ -233,6 +265,7 @@ int runTray(int argc, char** argv) {
                               services.dispatch(), services.display()},
         [&services] { return makeScreenRecorder(services.recorderPlatform()); });
     shell->mainQueue().async([delegate] { delegate->applicationDidFinishLaunching(); });
+    services.prepareScreenCapture();
     const int status = shell->run();
 
     // Quitting while recording asks the recorder to stop and ends the event loop at once; the
@@ -262,6 +295,9 @@ void printUsage() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Frames are megabytes each. A fixed mmap threshold hands freed frames straight back to the
+    // system instead of letting glibc's adaptive threshold keep them in the heap.
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);
     installXErrorHandlers();
     const std::vector<std::string> args(argv + 1, argv + argc);
     if (!args.empty() && args[0] == "record") {

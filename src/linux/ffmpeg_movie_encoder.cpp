@@ -110,7 +110,10 @@ Result<void> MovieEncoder::openVideo(const VideoOutputSettingsForWriter& setting
     av_dict_set(&options, "profile", profile, 0);
     av_dict_set(&options, "coder",
                 cabac && std::strcmp(profile, "baseline") != 0 ? "cabac" : "cavlc", 0);
-    av_dict_set(&options, "x264-params", "force-cfr=0", 0);
+    // x264 names the lowest profile that the stream's tools need; ultrafast uses only Baseline
+    // tools, so weighted P-prediction (a Main tool, cheap) keeps the requested profile.
+    const bool mainOrHigher = std::strcmp(profile, "baseline") != 0;
+    av_dict_set(&options, "x264-params", mainOrHigher ? "force-cfr=0:weightp=1" : "force-cfr=0", 0);
     const int rc = avcodec_open2(c, codec, &options);
     av_dict_free(&options);
     if (rc < 0) return fileOrCodecError(rc, "The H.264 encoder couldn't be started");

@@ -40,7 +40,7 @@ public:
         std::optional<AudioOutputSettingsForWriter> audio;
         // How often the growing file is sealed and made durable.
         std::chrono::milliseconds commitInterval{1000};
-        std::string x264Preset = "superfast";
+        std::string x264Preset = "ultrafast";
     };
 
     struct Stats {

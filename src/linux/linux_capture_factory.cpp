@@ -1,5 +1,7 @@
 #include "linux/linux_capture_factory.h"
 
+#include <map>
+#include <mutex>
 #include <utility>
 
 #include "linux/capture_source.h"
@@ -8,17 +10,44 @@
 
 namespace gb::linuxp {
 
-LinuxCaptureFactory::LinuxCaptureFactory(Parts parts) : parts_(std::move(parts)) {}
+LinuxCaptureFactory::LinuxCaptureFactory(Parts parts) : parts_(std::move(parts)) {
+    if (!parts_.screenInputMaker) parts_.screenInputMaker = x11ScreenInputMaker();
+}
+
+namespace {
+
+// Prepared screen inputs by display, kept between recordings.
+struct ScreenInputCache {
+    std::mutex mutex;
+    std::map<uint32_t, std::shared_ptr<X11ScreenInput>> inputs;  // guarded by mutex
+};
+
+}  // namespace
 
 LinuxCaptureFactory::ScreenInputMaker LinuxCaptureFactory::x11ScreenInputMaker(
     X11CaptureOptions options) {
-    return [options = std::move(options)](uint32_t displayID) -> std::shared_ptr<ScreenInput> {
+    return [options = std::move(options), cache = std::make_shared<ScreenInputCache>()](
+               uint32_t displayID) -> std::shared_ptr<ScreenInput> {
         if (isWaylandSessionFromEnvironment()) {
             logLine("❌ Screen capture through X11 cannot see a Wayland session's windows");
             return nullptr;
         }
-        return X11ScreenInput::create(displayID, options);
+        // Preparing an input costs about half a second (first-touch page faults of its shared
+        // frame buffers on both sides). An input that no session holds any more serves the next
+        // recording as it is; creation holds the lock, so a concurrent request waits for it.
+        std::lock_guard lock(cache->mutex);
+        auto& cached = cache->inputs[displayID];
+        if (cached && cached.use_count() == 1 && cached->screenSource().prepare().ok()) {
+            return cached;
+        }
+        cached = X11ScreenInput::create(displayID, options);
+        return cached;
     };
+}
+
+void LinuxCaptureFactory::prepareScreenInput(uint32_t displayID) {
+    // Made and dropped: the maker's cache keeps it for the first recording.
+    (void)makeScreenInput(displayID);
 }
 
 std::shared_ptr<CaptureSession> LinuxCaptureFactory::makeSession() {
@@ -26,8 +55,7 @@ std::shared_ptr<CaptureSession> LinuxCaptureFactory::makeSession() {
 }
 
 std::shared_ptr<ScreenInput> LinuxCaptureFactory::makeScreenInput(uint32_t displayID) {
-    if (parts_.screenInputMaker) return parts_.screenInputMaker(displayID);
-    return x11ScreenInputMaker()(displayID);
+    return parts_.screenInputMaker(displayID);
 }
 
 CaptureDeviceRef LinuxCaptureFactory::defaultAudioDevice() {

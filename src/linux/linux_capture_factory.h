@@ -30,6 +30,10 @@ public:
     // black frames there.
     [[nodiscard]] static ScreenInputMaker x11ScreenInputMaker(X11CaptureOptions options = {});
 
+    // Prepares the display's screen input ahead of the first recording, so that its start does
+    // not pay for it. Blocks for as long as that takes; call it off the main thread.
+    void prepareScreenInput(uint32_t displayID);
+
     [[nodiscard]] std::shared_ptr<CaptureSession> makeSession() override;
     [[nodiscard]] std::shared_ptr<ScreenInput> makeScreenInput(uint32_t displayID) override;
     [[nodiscard]] CaptureDeviceRef defaultAudioDevice() override;
@@ -41,7 +45,7 @@ public:
     [[nodiscard]] std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override;
 
 private:
-    const Parts parts_;
+    Parts parts_;  // fixed after construction
 };
 
 }  // namespace gb::linuxp
