@@ -254,6 +254,7 @@ int runRecord(const std::vector<std::string>& args) {
 
 #if __has_include("linux/qt_shell.h")
 int runTray(int argc, char** argv) {
+    SignalStopper::block();
     auto shell = QtShell::launch(argc, argv);
     if (!shell) return 0;  // another copy runs; it said so
     LinuxPlatform services(shell->mainQueue(), envFlag("GLIMMERBOX_TEST_CAMERA"),
@@ -266,6 +267,12 @@ int runTray(int argc, char** argv) {
         [&services] { return makeScreenRecorder(services.recorderPlatform()); });
     shell->mainQueue().async([delegate] { delegate->applicationDidFinishLaunching(); });
     services.prepareScreenCapture();
+    // SIGINT/SIGTERM quit like "Quit Glimmerbox": a running recording is stopped and finished.
+    SignalStopper stopper([&shell, weak = std::weak_ptr<AppDelegate>(delegate)](int) {
+        shell->mainQueue().async([weak] {
+            if (auto d = weak.lock()) d->quitApp();
+        });
+    });
     const int status = shell->run();
 
     // Quitting while recording asks the recorder to stop and ends the event loop at once; the
@@ -277,7 +284,11 @@ int runTray(int argc, char** argv) {
         QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    return status;
+    // Every recording is finished and the settings are written as they change. Work still queued
+    // between the event loop, the threads and the services could otherwise outlive what it
+    // uses while they are torn down, so end here.
+    std::fflush(nullptr);
+    std::_Exit(status);
 }
 #else
 int runTray(int, char**) {
