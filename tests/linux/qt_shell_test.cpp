@@ -709,10 +709,10 @@ public slots:
         calls.append({app, replaces, icon, summary, body, actions, hints, timeout});
         return static_cast<uint>(calls.size());
     }
-    QString GetServerInformation(QString& vendor, QString& version, QString& spec) {
+    QString GetServerInformation(QString& vendor, QString& version, QString& specVersion) {
         vendor = "test";
         version = "1";
-        spec = "1.2";
+        specVersion = "1.2";
         return "fake";
     }
 };

@@ -53,7 +53,7 @@ int main(int argc, char** argv) {
     XMapRaised(dpy, win);
     XSync(dpy, False);
 
-    pa_sample_spec spec{PA_SAMPLE_S16LE, kRate, kChannels};
+    pa_sample_spec format{PA_SAMPLE_S16LE, kRate, kChannels};
     pa_buffer_attr attr{};
     attr.maxlength = static_cast<uint32_t>(-1);
     attr.tlength = kRate * kChannels * 2 * 20 / 1000;  // 20 ms
@@ -62,7 +62,7 @@ int main(int argc, char** argv) {
     attr.fragsize = static_cast<uint32_t>(-1);
     int err = 0;
     pa_simple* pa = pa_simple_new(nullptr, "sync_beacon", PA_STREAM_PLAYBACK, nullptr, "beacon",
-                                  &spec, nullptr, &attr, &err);
+                                  &format, nullptr, &attr, &err);
     if (!pa) {
         std::fprintf(stderr, "sync_beacon: %s\n", pa_strerror(err));
         return 1;
