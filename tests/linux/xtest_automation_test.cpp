@@ -19,26 +19,25 @@
 
 #include "automation/system_events_scripts.h"
 #include "automation/vscode_integration.h"
+#include "fakes/test_environment.h"
+#include "fakes/xvfb_server.h"
 #include "linux/portable/thread_dispatch.h"
 #include "linux/x11_accessibility.h"
 #include "linux/x11_application_finder.h"
 #include "linux/xtest_script_runner.h"
-#include "x_session.h"
 
 namespace gb::linuxp {
 namespace {
 
-using testsupport::ChildProcess;
-using testsupport::eventually;
-using testsupport::ScratchDirectory;
-using testsupport::toolPath;
-using testsupport::XvfbServer;
+using fakes::ChildProcess;
+using fakes::eventually;
+using fakes::toolPath;
 
 constexpr const char* kStable = "com.microsoft.VSCode";
 constexpr const char* kInsiders = "com.microsoft.VSCodeInsiders";
 constexpr const char* kOss = "com.visualstudio.code.oss";
 
-std::vector<std::string> readLines(const std::filesystem::path& path) {
+std::vector<std::string> readLines(const std::string& path) {
     std::ifstream file(path);
     std::vector<std::string> lines;
     for (std::string line; std::getline(file, line);) lines.push_back(line);
@@ -55,23 +54,24 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(std::filesystem::exists(toolPath("fake_editor")))
             << "build the fake_editor tool next to " << toolPath("");
-        display_.reset(XOpenDisplay(xvfb_.name().c_str()));
+        ASSERT_NE(xvfb_, nullptr);
+        display_.reset(XOpenDisplay(name().c_str()));
         ASSERT_NE(display_, nullptr);
     }
 
     // Starts a fake editor with this WM_CLASS class; its key log is `logName` in the scratch dir.
     ChildProcess& startEditor(const std::string& windowClass, const std::string& logName) {
         ChildProcess::Options options;
-        options.environment = {{"DISPLAY", xvfb_.name()}};
+        options.environment = {{"DISPLAY", name()}};
         editors_.push_back(std::make_unique<ChildProcess>(
             std::vector<std::string>{toolPath("fake_editor"), "--class", windowClass, "--log",
-                                     (scratch_.path() / logName).string()},
+                                     scratch_ / logName},
             options));
         return *editors_.back();
     }
 
     std::vector<std::string> keyLog(const std::string& logName) const {
-        return readLines(scratch_.path() / logName);
+        return readLines(scratch_ / logName);
     }
 
     // Waits until the log has `count` lines and returns them (fewer on timeout).
@@ -108,8 +108,10 @@ protected:
         return findClass(DefaultRootWindow(display_.get()), windowClass);
     }
 
-    XvfbServer xvfb_;
-    ScratchDirectory scratch_;
+    [[nodiscard]] const std::string& name() const { return xvfb_->displayName(); }
+
+    std::unique_ptr<fakes::XvfbServer> xvfb_ = fakes::XvfbServer::start();
+    fakes::TempDirectory scratch_;
     std::unique_ptr<Display, DisplayCloser> display_;
     std::vector<std::unique_ptr<ChildProcess>> editors_;
 
@@ -143,7 +145,7 @@ const std::vector<std::string> kTypedCommand{
     "key t", "key space", "key M", "key o", "key d", "key e"};
 
 TEST_F(XAutomationTest, FinderFindsTheEditorByItsWindowClass) {
-    X11ApplicationFinder finder(xvfb_.name());
+    X11ApplicationFinder finder(name());
     startEditor("Code", "code.log");
     const auto stable = waitForApplications(finder, kStable, 1);
     ASSERT_EQ(stable.size(), 1u);
@@ -164,8 +166,8 @@ TEST_F(XAutomationTest, FinderFindsTheEditorByItsWindowClass) {
 }
 
 TEST_F(XAutomationTest, TheThreeScriptsTypeThePaletteCommandIntoTheEditor) {
-    X11ApplicationFinder finder(xvfb_.name());
-    XTestScriptRunner runner(xvfb_.name());
+    X11ApplicationFinder finder(name());
+    XTestScriptRunner runner(name());
     startEditor("Code", "code.log");
     const auto editors = waitForApplications(finder, kStable, 1);
     ASSERT_EQ(editors.size(), 1u);
@@ -189,8 +191,8 @@ TEST_F(XAutomationTest, TheThreeScriptsTypeThePaletteCommandIntoTheEditor) {
 }
 
 TEST_F(XAutomationTest, ScriptsItCannotRunFailAndTypeNothing) {
-    XTestScriptRunner runner(xvfb_.name());
-    X11ApplicationFinder finder(xvfb_.name());
+    XTestScriptRunner runner(name());
+    X11ApplicationFinder finder(name());
     startEditor("Code", "code.log");
     const auto editors = waitForApplications(finder, kStable, 1);
     ASSERT_EQ(editors.size(), 1u);
@@ -228,8 +230,8 @@ int emptyKeycodes(Display* display) {
 }
 
 TEST_F(XAutomationTest, CharactersMissingFromTheKeyboardAreTypedOnALentKey) {
-    XTestScriptRunner runner(xvfb_.name());
-    X11ApplicationFinder finder(xvfb_.name());
+    XTestScriptRunner runner(name());
+    X11ApplicationFinder finder(name());
     startEditor("Code", "code.log");
     const auto editors = waitForApplications(finder, kStable, 1);
     ASSERT_EQ(editors.size(), 1u);
@@ -245,7 +247,7 @@ TEST_F(XAutomationTest, CharactersMissingFromTheKeyboardAreTypedOnALentKey) {
 }
 
 TEST_F(XAutomationTest, AccessibilityNeedsXTestAndNoWaylandSession) {
-    EXPECT_TRUE(isAccessibilityTrustedX11(xvfb_.name()));
+    EXPECT_TRUE(isAccessibilityTrustedX11(name()));
     EXPECT_FALSE(isAccessibilityTrustedX11(":32767"));  // no such server
 }
 
@@ -256,7 +258,7 @@ protected:
         XAutomationTest::SetUp();
         if (HasFatalFailure()) return;
         ChildProcess::Options options;
-        options.environment = {{"DISPLAY", xvfb_.name()}};
+        options.environment = {{"DISPLAY", name()}};
         openbox_.emplace(std::vector<std::string>{"openbox", "--sm-disable"}, options);
         // Openbox announces itself before it manages new windows, and a window mapped in
         // between stays unmanaged: map probe windows until one is managed.
@@ -307,8 +309,8 @@ protected:
 };
 
 TEST_F(XAutomationWithWindowManagerTest, ActivationBringsTheEditorBackToTheKeyboard) {
-    X11ApplicationFinder finder(xvfb_.name());
-    XTestScriptRunner runner(xvfb_.name());
+    X11ApplicationFinder finder(name());
+    XTestScriptRunner runner(name());
     startEditor("Code", "code.log");
     const auto editors = waitForApplications(finder, kStable, 1);
     ASSERT_EQ(editors.size(), 1u);
@@ -329,8 +331,8 @@ TEST_F(XAutomationWithWindowManagerTest, ActivationBringsTheEditorBackToTheKeybo
 }
 
 TEST_F(XAutomationWithWindowManagerTest, ScreencastModeIsToggledInTheEditorFromTheBackground) {
-    X11ApplicationFinder finder(xvfb_.name());
-    XTestScriptRunner runner(xvfb_.name());
+    X11ApplicationFinder finder(name());
+    XTestScriptRunner runner(name());
     TokenSleeper sleeper;
     VSCodeIntegration integration(finder, runner, sleeper);
     ThreadPoolExecutor background(2);

@@ -8,15 +8,15 @@
 #include <vector>
 
 #include "fakes/fake_capture_platform.h"
-#include "unit/captured_log.h"
+#include "fakes/log_capture.h"
 
 namespace gb {
 namespace {
 
 using fakes::cameraInfo;
-using fakes::CapturedLog;
 using fakes::FakeCaptureDevice;
 using fakes::FakeCaptureFactory;
+using fakes::LogCapture;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -60,7 +60,7 @@ TEST(CameraCategoryTest, IdentifierMustContainCmioInUpperCase) {
 TEST(CameraSelectionTest, UsableExternalBeatsSuspendedBuiltIn) {
     FakeCaptureFactory factory;
     CameraManager manager(factory);
-    CapturedLog log;
+    LogCapture log;
     auto builtIn = camera("FaceTime HD Camera", "a", true, /*suspended=*/true);
     auto external = camera("Logitech C920", "b");
     auto chosen = manager.selectBestCamera({builtIn, external});
@@ -74,7 +74,7 @@ TEST(CameraSelectionTest, UsableExternalBeatsSuspendedBuiltIn) {
 TEST(CameraSelectionTest, CategoryOrderThenDiscoveryOrder) {
     FakeCaptureFactory factory;
     CameraManager manager(factory);
-    CapturedLog log;
+    LogCapture log;
     auto virtualCam = camera("OBS Virtual Camera", "v");
     auto externalA = camera("USB Camera A", "ea");
     auto builtInOff = camera("FaceTime HD Camera", "b1", /*connected=*/false);
@@ -94,7 +94,7 @@ TEST(CameraSelectionTest, CategoryOrderThenDiscoveryOrder) {
 TEST(CameraSelectionTest, VirtualOnlyWhenNothingRealIsUsable) {
     FakeCaptureFactory factory;
     CameraManager manager(factory);
-    CapturedLog log;
+    LogCapture log;
     auto virtualCam = camera("Lobster Cam", "v");
     auto external = camera("USB Camera", "e", true, /*suspended=*/true);
     EXPECT_EQ(manager.selectBestCamera({external, virtualCam}), virtualCam);
@@ -105,7 +105,7 @@ TEST(CameraSelectionTest, VirtualOnlyWhenNothingRealIsUsable) {
 TEST(CameraSelectionTest, NothingUsable) {
     FakeCaptureFactory factory;
     CameraManager manager(factory);
-    CapturedLog log;
+    LogCapture log;
     EXPECT_EQ(manager.selectBestCamera({camera("USB", "e", false), camera("OBS", "v", true, true)}),
               nullptr);
     EXPECT_EQ(log.lines().back(), "❌ No suitable camera found");
@@ -123,7 +123,7 @@ TEST(CameraSelectionTest, NothingUsable) {
 TEST(CameraValidationTest, WarningsInFixedOrder) {
     FakeCaptureFactory factory;
     CameraManager manager(factory);
-    CapturedLog log;
+    LogCapture log;
     const CameraValidation all =
         manager.validateCamera(camera("Virtual Cam", "v", /*connected=*/false, /*suspended=*/true));
     EXPECT_FALSE(all.isValid);
@@ -164,7 +164,7 @@ TEST_P(FormatChoiceTest, ChoosesAndLogs) {
     FakeCaptureFactory factory;
     CameraManager manager(factory);
     auto device = camera("USB", "e", true, false, c.formats);
-    CapturedLog log;
+    LogCapture log;
     manager.configureOptimalFormat(device, c.preset);
     if (c.expectedIndex < 0) {
         EXPECT_THAT(device->activeFormatChanges(), IsEmpty());
@@ -250,7 +250,7 @@ TEST(CameraFormatTest, LockFailureThrowsThePlatformErrorAndChangesNothing) {
     auto device = camera("USB", "e", true, false, {{1920, 1080}, {1280, 720}});
     const PlatformError busy{"CaptureErrorDomain", -11852, "Cannot use USB"};
     device->setLockFailure(busy);
-    CapturedLog log;
+    LogCapture log;
     try {
         manager.configureOptimalFormat(device, CameraOverlayPreset::medium);
         FAIL() << "expected a CameraConfigurationError";
@@ -289,7 +289,7 @@ TEST(CameraListingTest, ListsEveryDeviceThenSelects) {
                        {{640, 480}, {1280, 720}, {1920, 1080}, {320, 240}, {960, 540}});
     factory.setCameras({eight, six, five});
     CameraManager manager(factory);
-    CapturedLog log;
+    LogCapture log;
     const int readsBefore = eight->infoReads();
     EXPECT_EQ(manager.findBestCamera(), eight);
     EXPECT_EQ(eight->infoReads() - readsBefore, 1);  // one reading per operation
@@ -318,7 +318,7 @@ TEST(CameraListingTest, ListsEveryDeviceThenSelects) {
 TEST(CameraListingTest, NoDevices) {
     FakeCaptureFactory factory;
     CameraManager manager(factory);
-    CapturedLog log;
+    LogCapture log;
     EXPECT_EQ(manager.findBestCamera(), nullptr);
     EXPECT_THAT(log.lines(), ElementsAre("🔍 Available camera devices:",
                                          "🎯 Selecting best camera from 0 available devices...",

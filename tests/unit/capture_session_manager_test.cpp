@@ -14,19 +14,19 @@
 #include "fakes/fake_capture_platform.h"
 #include "fakes/fake_dispatch.h"
 #include "fakes/fake_display.h"
+#include "fakes/log_capture.h"
 #include "recording/errors.h"
-#include "unit/captured_log.h"
 
 namespace gb {
 namespace {
 
 using fakes::cameraInfo;
-using fakes::CapturedLog;
 using fakes::FakeCaptureDevice;
 using fakes::FakeCaptureFactory;
 using fakes::FakeCaptureSession;
 using fakes::FakeDispatch;
 using fakes::FakeDisplayProvider;
+using fakes::LogCapture;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -74,7 +74,7 @@ protected:
         return CaptureSessionError::noDisplay();
     }
 
-    CapturedLog log;
+    LogCapture log;
     FakeCaptureFactory factory;
     FakeDisplayProvider display;
     FakeDispatch dispatch;

@@ -9,19 +9,19 @@
 #include <vector>
 
 #include "fakes/fake_image_composition.h"
+#include "fakes/log_capture.h"
+#include "fakes/pixel_buffers.h"
 #include "linux/portable/cpu_image_compositor.h"
 #include "linux/portable/standard_sample_maker.h"
-#include "unit/captured_log.h"
-#include "unit/pixel_test_support.h"
 
 namespace gb {
 namespace {
 
 using fakes::bgra;
-using fakes::CapturedLog;
 using fakes::exactBuffer;
 using fakes::FakeImage;
 using fakes::FakeImageCompositionBackend;
+using fakes::LogCapture;
 using fakes::pixelAt;
 using fakes::ScriptedBufferFactory;
 using fakes::solidBuffer;
@@ -109,7 +109,7 @@ TEST(VideoComposerImagePathTest, ScalesMovesLaysOverAndRendersIntoANewFrame) {
     ScriptedBufferFactory buffers;
     StandardSampleMaker maker;
     VideoComposer composer(backend, buffers, maker);
-    CapturedLog log;
+    LogCapture log;
     const auto screen = exactBuffer(1920, 1080);
     const auto camera = exactBuffer(1280, 720);
 
@@ -170,7 +170,7 @@ protected:
     ScriptedBufferFactory buffers;
     StandardSampleMaker maker;
     VideoComposer composer{backend, buffers, maker};
-    CapturedLog log;
+    LogCapture log;
 };
 
 TEST_P(ComposedFrameTest, OverlayCoversItsCornerExactly) {
@@ -367,7 +367,7 @@ TEST(VideoComposerPixelPathTest, SamplesTheCameraByNearestNeighbour) {
     buffers.fails = [](int call) { return call == 0; };
     StandardSampleMaker maker;
     VideoComposer composer(backend, buffers, maker);
-    CapturedLog log;
+    LogCapture log;
     composer.setCameraOverlayPreset(S::small);
     composer.setCameraPosition(P::topLeft);
     const auto camera = exactBuffer(640, 480);
@@ -396,7 +396,7 @@ TEST(VideoComposerPixelPathTest, CameraAlphaIsCopiedNotBlended) {
     buffers.fails = [](int call) { return call == 0; };
     StandardSampleMaker maker;
     VideoComposer composer(backend, buffers, maker);
-    CapturedLog log;
+    LogCapture log;
     const uint32_t translucent = bgra(40, 40, 40, 128);
     const auto out =
         composer
@@ -411,7 +411,7 @@ TEST(VideoComposerPixelPathTest, WithoutAnyBufferTheScreenFrameIsWrapped) {
     buffers.fails = [](int) { return true; };
     StandardSampleMaker maker;
     VideoComposer composer(backend, buffers, maker);
-    CapturedLog log;
+    LogCapture log;
     const auto screen = solidBuffer(64, 48, kScreen);
     const auto sample = composer.composeFrame(screen, solidBuffer(4, 4, kCamera), kTime);
     ASSERT_NE(sample, nullptr);
@@ -427,7 +427,7 @@ TEST(VideoComposerPixelPathTest, MissingBaseAddressSkipsDrawingButStillWraps) {
     buffers.fails = [](int call) { return call == 0; };
     StandardSampleMaker maker;
     VideoComposer composer(backend, buffers, maker);
-    CapturedLog log;
+    LogCapture log;
     const auto camera = PixelBuffer::wrap(320, 180, 1280, nullptr, {});
     const auto sample = composer.composeFrame(solidBuffer(1920, 1080, kScreen), camera, kTime);
     ASSERT_NE(sample, nullptr);
