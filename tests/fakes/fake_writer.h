@@ -107,10 +107,10 @@ struct FakeWriterConfig {
     bool canAddVideoInput = true;
     bool canAddAudioInput = true;
     bool startWritingSucceeds = true;
-    std::optional<PlatformError> startWritingError;  // the error after a failed start
+    std::optional<PlatformError> startWritingError = std::nullopt;  // left by a failed start
     bool holdFinish = false;  // keep the finishWriting completion until releaseFinish()
     AssetWriterStatus finishStatus = AssetWriterStatus::completed;
-    std::optional<PlatformError> finishError;
+    std::optional<PlatformError> finishError = std::nullopt;
 };
 
 class FakeAssetWriter final : public AssetWriter {
