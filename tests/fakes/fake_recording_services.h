@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "fakes/locked.h"
 #include "fakes/log_capture.h"
 #include "platform/capture.h"
 #include "platform/dispatch.h"
@@ -57,18 +58,22 @@ public:
     void addInput(std::shared_ptr<CaptureInput> input) override;
     [[nodiscard]] bool canAddOutput(const std::shared_ptr<CaptureOutput>&) override { return true; }
     void addOutput(std::shared_ptr<CaptureOutput> output) override;
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureInput>> inputs() const override;
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureOutput>> outputs() const override;
+    [[nodiscard]] std::vector<std::shared_ptr<CaptureInput>> inputs() const override {
+        return lockedCopy(mutex_, inputs_);
+    }
+    [[nodiscard]] std::vector<std::shared_ptr<CaptureOutput>> outputs() const override {
+        return lockedCopy(mutex_, outputs_);
+    }
     void removeInput(const std::shared_ptr<CaptureInput>& input) override;
     void removeOutput(const std::shared_ptr<CaptureOutput>& output) override;
     void startRunning() override;
     void stopRunning() override;
-    [[nodiscard]] bool isRunning() const override;
+    [[nodiscard]] bool isRunning() const override { return lockedCopy(mutex_, running_); }
 
     // Runs inside stopRunning (the recorder's state can be checked "during" the stop).
     void setOnStopRunning(std::function<void()> hook);
-    [[nodiscard]] int startCount() const;
-    [[nodiscard]] int stopCount() const;
+    [[nodiscard]] int startCount() const { return lockedCopy(mutex_, starts_); }
+    [[nodiscard]] int stopCount() const { return lockedCopy(mutex_, stops_); }
     [[nodiscard]] bool overlappingCallSeen() const { return overlapping_.load(); }
 
 private:
@@ -102,15 +107,23 @@ public:
     explicit FakeCaptureService(CallLog* calls = nullptr);
 
     // ---- CaptureService
-    void setDelegate(std::weak_ptr<CaptureSessionManagerDelegate> delegate) override;
+    void setDelegate(std::weak_ptr<CaptureSessionManagerDelegate> delegate) override {
+        lockedSet(mutex_, delegate_, std::move(delegate));
+    }
     void setupScreenCapture() override;
     void setupCamera() override;
     void cleanup() override;
     [[nodiscard]] CaptureSession& screenCaptureSession() override { return screenSession_; }
     [[nodiscard]] CaptureSession& cameraCaptureSession() override { return cameraSession_; }
-    [[nodiscard]] std::shared_ptr<CaptureOutput> videoOutput() const override;
-    [[nodiscard]] std::shared_ptr<CaptureOutput> cameraOutput() const override;
-    [[nodiscard]] std::shared_ptr<CaptureOutput> audioOutput() const override;
+    [[nodiscard]] std::shared_ptr<CaptureOutput> videoOutput() const override {
+        return lockedCopy(mutex_, videoOutput_);
+    }
+    [[nodiscard]] std::shared_ptr<CaptureOutput> cameraOutput() const override {
+        return lockedCopy(mutex_, cameraOutput_);
+    }
+    [[nodiscard]] std::shared_ptr<CaptureOutput> audioOutput() const override {
+        return lockedCopy(mutex_, audioOutput_);
+    }
     [[nodiscard]] bool cameraOverlayEnabled() const override { return overlay_.load(); }
     void setCameraOverlayEnabled(bool enabled) override { overlay_.store(enabled); }
     [[nodiscard]] CameraOverlayPreset cameraOverlayPreset() const override {
@@ -119,14 +132,20 @@ public:
     void setCameraOverlayPreset(CameraOverlayPreset preset) override { preset_.store(preset); }
 
     // ---- set-up
-    void setScreenSetupError(std::optional<CaptureSessionError> error);
-    void setCameraSetupError(std::optional<CaptureSessionError> error);
+    void setScreenSetupError(std::optional<CaptureSessionError> error) {
+        lockedSet(mutex_, screenError_, std::move(error));
+    }
+    void setCameraSetupError(std::optional<CaptureSessionError> error) {
+        lockedSet(mutex_, cameraError_, std::move(error));
+    }
     // Without a camera, setupCamera succeeds and leaves cameraOutput absent.
-    void setCameraAvailable(bool available);
+    void setCameraAvailable(bool available) { lockedSet(mutex_, cameraAvailable_, available); }
     // Runs at the start of setupScreenCapture (to act "during" the start's set-up).
     void setOnSetupScreenCapture(std::function<void()> hook);
     // Where post*() delivers: the recording queue.
-    void setRecordingQueue(std::shared_ptr<SerialQueue> queue);
+    void setRecordingQueue(std::shared_ptr<SerialQueue> queue) {
+        lockedSet(mutex_, queue_, std::move(queue));
+    }
 
     // ---- delivery to the delegate
     // At once, on the calling thread, through the given output (which may be a foreign one).
@@ -143,9 +162,9 @@ public:
     // ---- inspection
     [[nodiscard]] StubCaptureSession& screenStub() { return screenSession_; }
     [[nodiscard]] StubCaptureSession& cameraStub() { return cameraSession_; }
-    [[nodiscard]] int cleanupCount() const;
-    [[nodiscard]] int setupScreenCount() const;
-    [[nodiscard]] int setupCameraCount() const;
+    [[nodiscard]] int cleanupCount() const { return lockedCopy(mutex_, cleanups_); }
+    [[nodiscard]] int setupScreenCount() const { return lockedCopy(mutex_, screenSetups_); }
+    [[nodiscard]] int setupCameraCount() const { return lockedCopy(mutex_, cameraSetups_); }
 
 private:
     bool post(const std::shared_ptr<CaptureOutput>& output, SampleBufferRef sample);
@@ -196,8 +215,10 @@ public:
 
     // Both operations then answer with nothing.
     void setReturnsNull(bool returnsNull) { returnsNull_.store(returnsNull); }
-    [[nodiscard]] std::vector<Call> composeCalls() const;
-    [[nodiscard]] std::vector<Call> plainCalls() const;
+    [[nodiscard]] std::vector<Call> composeCalls() const {
+        return lockedCopy(mutex_, composeCalls_);
+    }
+    [[nodiscard]] std::vector<Call> plainCalls() const { return lockedCopy(mutex_, plainCalls_); }
 
 private:
     std::atomic<bool> overlay_{true};
@@ -229,7 +250,7 @@ public:
 
     // Runs after each report has been recorded (on the reporting thread).
     void setOnReport(std::function<void(const Report&)> hook);
-    [[nodiscard]] std::vector<Report> reports() const;
+    [[nodiscard]] std::vector<Report> reports() const { return lockedCopy(mutex_, reports_); }
     [[nodiscard]] size_t count() const;
     // Blocks until there are at least `n` reports or the timeout passed.
     bool waitForCount(size_t n, std::chrono::milliseconds timeout) const;

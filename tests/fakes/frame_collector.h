@@ -11,6 +11,7 @@
 #include <set>
 #include <vector>
 
+#include "fakes/locked.h"
 #include "linux/capture_source.h"
 #include "platform/media.h"
 
@@ -43,21 +44,11 @@ public:
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] { return count_ >= n; });
     }
-    [[nodiscard]] size_t count() const {
-        std::lock_guard lock(mutex_);
-        return count_;
-    }
-    [[nodiscard]] SampleBufferRef last() const {
-        std::lock_guard lock(mutex_);
-        return last_;
-    }
-    [[nodiscard]] std::vector<SampleBufferRef> held() const {
-        std::lock_guard lock(mutex_);
-        return held_;
-    }
+    [[nodiscard]] size_t count() const { return lockedCopy(mutex_, count_); }
+    [[nodiscard]] SampleBufferRef last() const { return lockedCopy(mutex_, last_); }
+    [[nodiscard]] std::vector<SampleBufferRef> held() const { return lockedCopy(mutex_, held_); }
     [[nodiscard]] std::vector<int64_t> timesNanoseconds() const {
-        std::lock_guard lock(mutex_);
-        return times_;
+        return lockedCopy(mutex_, times_);
     }
     [[nodiscard]] size_t distinctAddresses() const {
         std::lock_guard lock(mutex_);
