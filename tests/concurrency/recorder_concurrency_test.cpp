@@ -310,9 +310,9 @@ TEST(RecorderConcurrencyTest, CyclesWithSamplesFromAnotherThreadLoseNoReport) {
     EXPECT_GT(videoFrames, static_cast<size_t>(kCycles));
     EXPECT_GT(audioSamples, static_cast<size_t>(kCycles));
     EXPECT_GT(engine.composer->composeCalls().size(), 0u);
-    EXPECT_FALSE(capture->screenStub().overlappingCallSeen());
-    EXPECT_FALSE(capture->cameraStub().overlappingCallSeen());
-    EXPECT_FALSE(capture->screenStub().isRunning());
+    EXPECT_FALSE(capture->screenSessionFake().overlappingCallSeen());
+    EXPECT_FALSE(capture->cameraSessionFake().overlappingCallSeen());
+    EXPECT_FALSE(capture->screenSessionFake().isRunning());
     EXPECT_FALSE(recorder->isRecording());
     EXPECT_EQ(engine.fileManager->currentOutputURL(), std::nullopt);
 }

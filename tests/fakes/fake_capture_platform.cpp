@@ -44,6 +44,14 @@ void FakeOutputState::deliver(CaptureOutput& self, std::weak_ptr<CaptureOutput> 
 
 // ---- session -----------------------------------------------------------------------------------
 
+struct FakeCaptureSession::CallScope {
+    explicit CallScope(FakeCaptureSession& s) : session(s) {
+        if (session.inCall_.fetch_add(1) != 0) session.overlapping_.store(true);
+    }
+    ~CallScope() { session.inCall_.fetch_sub(1); }
+    FakeCaptureSession& session;
+};
+
 void FakeCaptureSession::note(std::string entry, bool isChange) {
     journal_.push_back(std::move(entry));
     if (isChange && openTransactions_ == 0) ++changesOutside_;
@@ -73,6 +81,7 @@ bool FakeCaptureSession::canAddInput(const std::shared_ptr<CaptureInput>& input)
 }
 
 void FakeCaptureSession::addInput(std::shared_ptr<CaptureInput> input) {
+    CallScope scope(*this);
     std::lock_guard lock(mutex_);
     note(std::string("addInput ") + typeName(input->mediaType()), true);
     inputs_.push_back(std::move(input));
@@ -88,6 +97,7 @@ bool FakeCaptureSession::canAddOutput(const std::shared_ptr<CaptureOutput>& outp
 }
 
 void FakeCaptureSession::addOutput(std::shared_ptr<CaptureOutput> output) {
+    CallScope scope(*this);
     std::lock_guard lock(mutex_);
     note(std::string("addOutput ") + typeName(output->mediaType()), true);
     bool hasDelegate = false;
@@ -101,28 +111,42 @@ void FakeCaptureSession::addOutput(std::shared_ptr<CaptureOutput> output) {
 }
 
 void FakeCaptureSession::removeInput(const std::shared_ptr<CaptureInput>& input) {
+    CallScope scope(*this);
     std::lock_guard lock(mutex_);
     note(std::string("removeInput ") + typeName(input->mediaType()), false);
     std::erase(inputs_, input);
 }
 
 void FakeCaptureSession::removeOutput(const std::shared_ptr<CaptureOutput>& output) {
+    CallScope scope(*this);
     std::lock_guard lock(mutex_);
     note(std::string("removeOutput ") + typeName(output->mediaType()), false);
     std::erase(outputs_, output);
 }
 
 void FakeCaptureSession::startRunning() {
-    std::lock_guard lock(mutex_);
-    running_ = true;
-    note("start", false);
+    CallScope scope(*this);
+    {
+        std::lock_guard lock(mutex_);
+        running_ = true;
+        ++starts_;
+        note("start", false);
+    }
+    if (calls_) calls_->add(name_ + ".startRunning");
 }
 
 void FakeCaptureSession::stopRunning() {
-    std::lock_guard lock(mutex_);
-    running_ = false;
-    ++stops_;
-    note("stop", false);
+    CallScope scope(*this);
+    std::function<void()> hook;
+    {
+        std::lock_guard lock(mutex_);
+        running_ = false;
+        ++stops_;
+        note("stop", false);
+        hook = onStop_;
+    }
+    if (calls_) calls_->add(name_ + ".stopRunning");
+    if (hook) hook();
 }
 
 void FakeCaptureSession::clearJournal() {

@@ -4,7 +4,9 @@
 // Thread-safe enough for a recording queue to deliver while a test thread configures.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -14,6 +16,7 @@
 #include <vector>
 
 #include "fakes/locked.h"
+#include "fakes/log_capture.h"
 #include "platform/capture.h"
 
 namespace gb::fakes {
@@ -106,10 +109,15 @@ private:
 };
 
 // Records every call as a journal line ("begin", "commit", "addInput video", "removeOutput
-// audio", "start", "stop", ...) plus counters; the can-add answers come from switches per media
-// type. Tracks whether changes happen inside a configuration transaction.
+// audio", "start", "stop", ...) plus counters, and starts and stops also as "<name>.startRunning"
+// in a shared CallLog when given one; the can-add answers come from switches per media type.
+// Tracks whether changes happen inside a configuration transaction, and flags calls that overlap
+// in time, which the capture contract forbids for one session.
 class FakeCaptureSession final : public CaptureSession {
 public:
+    explicit FakeCaptureSession(std::string name = {}, CallLog* calls = nullptr)
+        : name_(std::move(name)), calls_(calls) {}
+
     struct Switches {
         bool acceptVideoInput = true;
         bool acceptAudioInput = true;
@@ -136,6 +144,12 @@ public:
     [[nodiscard]] bool isRunning() const override { return lockedCopy(mutex_, running_); }
 
     void setSwitches(Switches switches) { lockedSet(mutex_, switches_, switches); }
+    // Runs inside stopRunning (the recorder's state can be checked "during" the stop).
+    void setOnStopRunning(std::function<void()> hook) {
+        lockedSet(mutex_, onStop_, std::move(hook));
+    }
+    [[nodiscard]] int startCount() const { return lockedCopy(mutex_, starts_); }
+    [[nodiscard]] bool overlappingCallSeen() const { return overlapping_.load(); }
     [[nodiscard]] int beginCount() const { return lockedCopy(mutex_, begins_); }
     [[nodiscard]] int commitCount() const { return lockedCopy(mutex_, commits_); }
     [[nodiscard]] int stopCount() const { return lockedCopy(mutex_, stops_); }
@@ -151,10 +165,17 @@ public:
     }
 
 private:
+    struct CallScope;
     void note(std::string entry, bool isChange);
 
+    const std::string name_;
+    CallLog* const calls_;
+    std::atomic<int> inCall_{0};
+    std::atomic<bool> overlapping_{false};
     mutable std::mutex mutex_;
     Switches switches_;                                    // guarded by mutex_
+    std::function<void()> onStop_;                         // guarded by mutex_
+    int starts_ = 0;                                       // guarded by mutex_
     std::vector<std::shared_ptr<CaptureInput>> inputs_;    // guarded by mutex_
     std::vector<std::shared_ptr<CaptureOutput>> outputs_;  // guarded by mutex_
     std::vector<std::string> journal_;                     // guarded by mutex_

@@ -24,68 +24,6 @@ SampleBufferRef makeAudioSample(MediaTime time) {
         std::move(audio), SampleTiming{MediaTime::make(441, 44100), time, MediaTime::invalid()});
 }
 
-// ---- StubCaptureSession ------------------------------------------------------------------------
-
-struct StubCaptureSession::CallScope {
-    explicit CallScope(StubCaptureSession& s) : session(s) {
-        if (session.inCall_.fetch_add(1) != 0) session.overlapping_.store(true);
-    }
-    ~CallScope() { session.inCall_.fetch_sub(1); }
-    StubCaptureSession& session;
-};
-
-void StubCaptureSession::addInput(std::shared_ptr<CaptureInput> input) {
-    CallScope scope(*this);
-    std::lock_guard lock(mutex_);
-    inputs_.push_back(std::move(input));
-}
-
-void StubCaptureSession::addOutput(std::shared_ptr<CaptureOutput> output) {
-    CallScope scope(*this);
-    std::lock_guard lock(mutex_);
-    outputs_.push_back(std::move(output));
-}
-
-void StubCaptureSession::removeInput(const std::shared_ptr<CaptureInput>& input) {
-    CallScope scope(*this);
-    std::lock_guard lock(mutex_);
-    std::erase(inputs_, input);
-}
-
-void StubCaptureSession::removeOutput(const std::shared_ptr<CaptureOutput>& output) {
-    CallScope scope(*this);
-    std::lock_guard lock(mutex_);
-    std::erase(outputs_, output);
-}
-
-void StubCaptureSession::startRunning() {
-    CallScope scope(*this);
-    {
-        std::lock_guard lock(mutex_);
-        running_ = true;
-        ++starts_;
-    }
-    if (calls_) calls_->add(name_ + ".startRunning");
-}
-
-void StubCaptureSession::stopRunning() {
-    CallScope scope(*this);
-    std::function<void()> hook;
-    {
-        std::lock_guard lock(mutex_);
-        running_ = false;
-        ++stops_;
-        hook = onStop_;
-    }
-    if (calls_) calls_->add(name_ + ".stopRunning");
-    if (hook) hook();
-}
-
-void StubCaptureSession::setOnStopRunning(std::function<void()> hook) {
-    std::lock_guard lock(mutex_);
-    onStop_ = std::move(hook);
-}
-
 // ---- FakeCaptureService ------------------------------------------------------------------------
 
 FakeCaptureService::FakeCaptureService(CallLog* calls)

@@ -1,7 +1,7 @@
 // Fakes of the recorder's service contracts and of its application-side delegate, plus sample
-// buffers for tests: stub capture sessions and outputs, a capture service whose set-ups fail on
-// demand and through whose outputs tests deliver samples (at once, or on a recording queue), a
-// composition service that records its calls, and a delegate that records every report.
+// buffers for tests: stub capture outputs, a capture service (over two fake sessions) whose set-ups
+// fail on demand and through whose outputs tests deliver samples (at once, or on a recording
+// queue), a composition service that records its calls, and a delegate that records every report.
 // All thread-safe.
 #pragma once
 
@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "fakes/fake_capture_platform.h"
 #include "fakes/locked.h"
 #include "fakes/log_capture.h"
 #include "platform/capture.h"
@@ -44,52 +45,6 @@ struct ImageSize {
 }
 
 // ---- capture -----------------------------------------------------------------------------------
-
-// A session that only records being started and stopped. Flags calls that overlap in time,
-// which the capture contract forbids for one session.
-class StubCaptureSession final : public CaptureSession {
-public:
-    explicit StubCaptureSession(std::string name, CallLog* calls = nullptr)
-        : name_(std::move(name)), calls_(calls) {}
-
-    void beginConfiguration() override {}
-    void commitConfiguration() override {}
-    [[nodiscard]] bool canAddInput(const std::shared_ptr<CaptureInput>&) override { return true; }
-    void addInput(std::shared_ptr<CaptureInput> input) override;
-    [[nodiscard]] bool canAddOutput(const std::shared_ptr<CaptureOutput>&) override { return true; }
-    void addOutput(std::shared_ptr<CaptureOutput> output) override;
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureInput>> inputs() const override {
-        return lockedCopy(mutex_, inputs_);
-    }
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureOutput>> outputs() const override {
-        return lockedCopy(mutex_, outputs_);
-    }
-    void removeInput(const std::shared_ptr<CaptureInput>& input) override;
-    void removeOutput(const std::shared_ptr<CaptureOutput>& output) override;
-    void startRunning() override;
-    void stopRunning() override;
-    [[nodiscard]] bool isRunning() const override { return lockedCopy(mutex_, running_); }
-
-    // Runs inside stopRunning (the recorder's state can be checked "during" the stop).
-    void setOnStopRunning(std::function<void()> hook);
-    [[nodiscard]] int startCount() const { return lockedCopy(mutex_, starts_); }
-    [[nodiscard]] int stopCount() const { return lockedCopy(mutex_, stops_); }
-    [[nodiscard]] bool overlappingCallSeen() const { return overlapping_.load(); }
-
-private:
-    struct CallScope;
-    const std::string name_;
-    CallLog* const calls_;
-    std::atomic<int> inCall_{0};
-    std::atomic<bool> overlapping_{false};
-    mutable std::mutex mutex_;
-    bool running_ = false;                                 // guarded by mutex_
-    int starts_ = 0;                                       // guarded by mutex_
-    int stops_ = 0;                                        // guarded by mutex_
-    std::function<void()> onStop_;                         // guarded by mutex_
-    std::vector<std::shared_ptr<CaptureInput>> inputs_;    // guarded by mutex_
-    std::vector<std::shared_ptr<CaptureOutput>> outputs_;  // guarded by mutex_
-};
 
 class StubCaptureOutput final : public CaptureOutput {
 public:
@@ -160,8 +115,8 @@ public:
     bool postAudio(SampleBufferRef sample);
 
     // ---- inspection
-    [[nodiscard]] StubCaptureSession& screenStub() { return screenSession_; }
-    [[nodiscard]] StubCaptureSession& cameraStub() { return cameraSession_; }
+    [[nodiscard]] FakeCaptureSession& screenSessionFake() { return screenSession_; }
+    [[nodiscard]] FakeCaptureSession& cameraSessionFake() { return cameraSession_; }
     [[nodiscard]] int cleanupCount() const { return lockedCopy(mutex_, cleanups_); }
     [[nodiscard]] int setupScreenCount() const { return lockedCopy(mutex_, screenSetups_); }
     [[nodiscard]] int setupCameraCount() const { return lockedCopy(mutex_, cameraSetups_); }
@@ -170,8 +125,8 @@ private:
     bool post(const std::shared_ptr<CaptureOutput>& output, SampleBufferRef sample);
 
     CallLog* const calls_;
-    StubCaptureSession screenSession_;
-    StubCaptureSession cameraSession_;
+    FakeCaptureSession screenSession_;
+    FakeCaptureSession cameraSession_;
     std::atomic<bool> overlay_{true};
     std::atomic<CameraOverlayPreset> preset_{CameraOverlayPreset::medium};
     mutable std::mutex mutex_;

@@ -291,6 +291,7 @@ TEST_F(PulseMicrophoneTest, RecordsTheDefaultSourceInTimeAndStopsPromptly) {
     EXPECT_EQ(input->mediaType(), MediaType::audio);
     CaptureSource& source = sourceOf(input);
     EXPECT_EQ(source.mediaType(), MediaType::audio);
+    source.stop();  // not started: nothing to do
 
     LogCapture logs;
     Collector collector;
@@ -356,25 +357,14 @@ TEST_F(PulseMicrophoneTest, RecordsTheDefaultSourceInTimeAndStopsPromptly) {
     EXPECT_GE(*onset, playStarted);
     // The bound allows for starting the player on a busy machine.
     EXPECT_LT(*onset - playStarted, 1'000'000'000) << "tone heard late: player start-up or stamps";
-}
 
-TEST_F(PulseMicrophoneTest, SourceRecordsAgainAfterStop) {
-    PrivatePulseServer server({});
-    ASSERT_TRUE(server.ready()) << server.log();
-    const auto device = defaultPulseMicrophone();
-    ASSERT_NE(device, nullptr);
-    auto input = dynamic_cast<InputMakingDevice&>(*device).makeInput();
-    ASSERT_TRUE(input.ok());
-    CaptureSource& source = sourceOf(input.value());
-    source.stop();  // not started: nothing to do
-
-    for (int round = 0; round < 2; ++round) {
-        Collector collector;
-        ASSERT_TRUE(source.start(collector.deliver()).ok()) << round;
-        EXPECT_TRUE(collector.waitForSeconds(0.2, 5s)) << round;
-        source.stop();
-        source.stop();
-    }
+    // It records again after a stop; a second stop does nothing.
+    source.stop();
+    Collector again;
+    ASSERT_TRUE(source.start(again.deliver()).ok());
+    EXPECT_TRUE(again.waitForSeconds(0.2, 5s));
+    source.stop();
+    source.stop();
 }
 
 TEST_F(PulseMicrophoneTest, AServerThatDiesEndsTheStreamWithOneLine) {

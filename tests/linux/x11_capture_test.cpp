@@ -179,53 +179,39 @@ TEST_F(X11CaptureTest, UnknownDisplayIdentifierGivesNoInput) {
     EXPECT_NE(X11ScreenInput::create(rootID(), options()), nullptr);
 }
 
-TEST_F(X11CaptureTest, GrabsTheScreenAsOpaqueBgraThroughXShm) {
-    auto o = options();
-    o.capturesCursor = false;
-    X11ScreenSource source(rootID(), o);
-    FrameCollector frames(/*holdAll=*/true);
-    const int64_t before = monotonicNanoseconds();
-    ASSERT_TRUE(source.start(frames.deliver()).ok());
-    ASSERT_TRUE(frames.waitForCount(1));
-    const int64_t after = monotonicNanoseconds();
-    EXPECT_TRUE(source.stats().usingXShm);
-    source.stop();
+TEST_F(X11CaptureTest, GrabsTheScreenAsOpaqueBgraThroughXShmOrXGetImage) {
+    for (const bool forceXGetImage : {false, true}) {
+        SCOPED_TRACE(forceXGetImage ? "XGetImage" : "XShm");
+        auto o = options();
+        o.capturesCursor = false;
+        o.forceXGetImage = forceXGetImage;
+        X11ScreenSource source(rootID(), o);
+        FrameCollector frames(/*holdAll=*/true);
+        const int64_t before = monotonicNanoseconds();
+        ASSERT_TRUE(source.start(frames.deliver()).ok());
+        ASSERT_TRUE(frames.waitForCount(1));
+        const int64_t after = monotonicNanoseconds();
+        EXPECT_EQ(source.stats().usingXShm, !forceXGetImage);
+        source.stop();
 
-    const auto frame = frames.held().front();
-    const auto& image = *frame->imageBuffer();
-    EXPECT_EQ(image.width(), 1920);
-    EXPECT_EQ(image.height(), 1080);
-    EXPECT_EQ(image.bytesPerRow(), 1920u * 4);
-    const uint8_t* p = image.baseAddress();
-    EXPECT_EQ(p[0], 0xcc);  // blue
-    EXPECT_EQ(p[1], 0x66);  // green
-    EXPECT_EQ(p[2], 0x33);  // red
-    EXPECT_EQ(p[3], 0xff);  // alpha
-    for (auto [x, y] : {std::pair{0, 0}, {1919, 0}, {960, 540}, {0, 1079}, {1919, 1079}}) {
-        EXPECT_EQ(pixelAt(image, x, y), kBackgroundBgra) << x << "," << y;
-    }
-    // Stamped from the shared monotonic clock at the grab.
-    const int64_t stamp = frame->presentationTime().nanoseconds();
-    EXPECT_GE(stamp, before);
-    EXPECT_LE(stamp, after);
-    EXPECT_EQ(frame->timing().duration, MediaTime::fromNanoseconds(1'000'000'000 / 30));
-}
-
-TEST_F(X11CaptureTest, XGetImageFallbackGivesTheSamePixels) {
-    auto o = options();
-    o.capturesCursor = false;
-    o.forceXGetImage = true;
-    X11ScreenSource source(rootID(), o);
-    FrameCollector frames;
-    ASSERT_TRUE(source.start(frames.deliver()).ok());
-    ASSERT_TRUE(frames.waitForCount(1));
-    EXPECT_FALSE(source.stats().usingXShm);
-    source.stop();
-    const auto& image = *frames.last()->imageBuffer();
-    EXPECT_EQ(image.width(), 1920);
-    EXPECT_EQ(image.height(), 1080);
-    for (auto [x, y] : {std::pair{0, 0}, {1919, 1079}, {777, 333}}) {
-        EXPECT_EQ(pixelAt(image, x, y), kBackgroundBgra) << x << "," << y;
+        const auto frame = frames.held().front();
+        const auto& image = *frame->imageBuffer();
+        EXPECT_EQ(image.width(), 1920);
+        EXPECT_EQ(image.height(), 1080);
+        EXPECT_EQ(image.bytesPerRow(), 1920u * 4);
+        const uint8_t* p = image.baseAddress();
+        EXPECT_EQ(p[0], 0xcc);  // blue
+        EXPECT_EQ(p[1], 0x66);  // green
+        EXPECT_EQ(p[2], 0x33);  // red
+        EXPECT_EQ(p[3], 0xff);  // alpha
+        for (auto [x, y] : {std::pair{1919, 0}, {960, 540}, {777, 333}, {0, 1079}, {1919, 1079}}) {
+            EXPECT_EQ(pixelAt(image, x, y), kBackgroundBgra) << x << "," << y;
+        }
+        // Stamped from the shared monotonic clock at the grab.
+        const int64_t stamp = frame->presentationTime().nanoseconds();
+        EXPECT_GE(stamp, before);
+        EXPECT_LE(stamp, after);
+        EXPECT_EQ(frame->timing().duration, MediaTime::fromNanoseconds(1'000'000'000 / 30));
     }
 }
 

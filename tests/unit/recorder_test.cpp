@@ -288,7 +288,7 @@ TEST_P(CaptureErrorTest, EndsTheStartWithSetupFailed) {
     EXPECT_FALSE(recorder->isRecording());
     EXPECT_EQ(capture->cleanupCount(), 1);
     EXPECT_TRUE(factory.requests().empty());
-    EXPECT_EQ(capture->screenStub().startCount(), 0);
+    EXPECT_EQ(capture->screenSessionFake().startCount(), 0);
 }
 
 using CE = CaptureSessionError;
@@ -326,7 +326,7 @@ TEST_F(RecorderTest, CameraIsSetUpOnlyWhenTheCaptureServiceHasTheOverlayOn) {
     start();
     EXPECT_EQ(reports().at(0).kind, Report::Kind::didStart);
     EXPECT_EQ(capture->setupCameraCount(), 0);
-    EXPECT_EQ(capture->cameraStub().startCount(), 0);
+    EXPECT_EQ(capture->cameraSessionFake().startCount(), 0);
 }
 
 TEST_F(RecorderTest, NoCameraFoundIsNotAFailureAndNoCameraSamplesArrive) {
@@ -366,7 +366,7 @@ TEST_P(FileManagerErrorTest, BecomesWriterCreationFailed) {
     EXPECT_FALSE(recorder->isRecording());
     EXPECT_EQ(capture->cleanupCount(), 1);
     EXPECT_EQ(fileManager->currentOutputURL(), std::nullopt);  // cleared by the clean-up
-    EXPECT_EQ(capture->screenStub().startCount(), 0);
+    EXPECT_EQ(capture->screenSessionFake().startCount(), 0);
     // Samples after the failed start are ignored.
     EXPECT_FALSE(capture->deliverScreen(screenAt(1)));
 }
@@ -438,9 +438,9 @@ TEST_F(RecorderTest, CancelledPauseEndsTheStartThroughTheCommonFailurePath) {
                      ScreenRecorderError::Kind::setupFailed);
     EXPECT_FALSE(recorder->isRecording());
     // The sessions had been started; the clean-up stopped them and forgot the writer.
-    EXPECT_EQ(capture->screenStub().startCount(), 1);
+    EXPECT_EQ(capture->screenSessionFake().startCount(), 1);
     EXPECT_EQ(capture->cleanupCount(), 1);
-    EXPECT_FALSE(capture->screenStub().isRunning());
+    EXPECT_FALSE(capture->screenSessionFake().isRunning());
     EXPECT_EQ(fileManager->currentOutputURL(), std::nullopt);
     EXPECT_EQ(writer()->finishCalls(), 0);
     recorder->stopRecording();
@@ -535,7 +535,7 @@ TEST_F(RecorderTest, StopWhileIdleAndStopTwice) {
 TEST_F(RecorderTest, SamplesAreIgnoredOnceTheStopClearedTheFlag) {
     startAndClearLog();
     // The flag is already clear when the sessions stop, so a late delivery is ignored.
-    capture->screenStub().setOnStopRunning([&] {
+    capture->screenSessionFake().setOnStopRunning([&] {
         EXPECT_FALSE(recorder->isRecording());
         capture->deliverScreen(screenAt(99));
         capture->deliverAudio(audioAt(99));
