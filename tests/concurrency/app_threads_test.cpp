@@ -10,21 +10,11 @@
 #include <memory>
 #include <thread>
 
-#include "app/app_delegate.h"
 #include "automation/vscode_integration.h"
-#include "fakes/fake_access.h"
 #include "fakes/fake_dispatch.h"
-#include "fakes/fake_display.h"
-#include "fakes/fake_files.h"
-#include "fakes/fake_recording_services.h"
-#include "fakes/fake_scripting.h"
-#include "fakes/fake_user_interface.h"
-#include "fakes/fake_writer.h"
+#include "fakes/fake_shell_platform.h"
 #include "fakes/log_capture.h"
 #include "linux/portable/thread_dispatch.h"
-#include "recording/permission_manager.h"
-#include "recording/recording_file_manager.h"
-#include "recording/screen_recorder.h"
 
 namespace gb {
 namespace {
@@ -33,10 +23,8 @@ constexpr const char* kStart = "\u23FA Start Recording";
 constexpr const char* kStop = "\u23F9 Stop Recording";
 constexpr const char* kDisabledLine = "\U0001F527 VS Code automation: Disabled screencast mode";
 
-struct ThreadedShell {
+struct ThreadedShell : fakes::FakeShellPlatform {
     ThreadedShell() {
-        access.setAnswer(MediaType::audio, true);
-        access.setAnswer(MediaType::video, true);
         defaults.setBool(true, AppDelegate::kVSCodeAutomationEnabledKey);
         finder.launch("com.microsoft.VSCode");
         recordingQueue =
@@ -53,17 +41,10 @@ struct ThreadedShell {
 
     void launch() {
         delegate = std::make_shared<AppDelegate>(
-            AppDelegate::Platform{application, statusBar, windows, alerts, workspace, notifications,
-                                  defaults, files, dispatch, display},
+            platform(dispatch),
             [this] {
-                capture = std::make_shared<fakes::FakeCaptureService>();
+                recorder = makeRecorder(dispatch);
                 capture->setRecordingQueue(recordingQueue);
-                ScreenRecorder::Services services{
-                    std::make_shared<PermissionManager>(access), capture,
-                    std::make_shared<fakes::FakeCompositionService>(),
-                    std::make_shared<RecordingFileManager>(files, defaults, dates, writers, display,
-                                                           folderPicker)};
-                recorder = ScreenRecorder::create(std::move(services), dispatch);
                 return recorder;
             },
             vsCode);
@@ -93,29 +74,9 @@ struct ThreadedShell {
     RunLoopQueue main;
     ThreadDispatch dispatch{main, 3};
     std::shared_ptr<SerialQueue> recordingQueue;
-    fakes::FakeDisplayProvider display;
-
-    fakes::FakeApplication application;
-    fakes::FakeStatusBar statusBar;
-    fakes::FakeWindowSystem windows;
-    fakes::FakeAlertPresenter alerts;
-    fakes::FakeWorkspace workspace;
-    fakes::FakeNotificationCenter notifications;
-    fakes::FakeDefaultsStore defaults;
-    fakes::FakeFileSystem files;
-
-    fakes::FakeAccessRequester access;
-    fakes::FakeDateFormatter dates;
-    fakes::FakeAssetWriterFactory writers{&files};
-    fakes::FakeFolderPicker folderPicker;
-    std::shared_ptr<fakes::FakeCaptureService> capture;
     std::shared_ptr<ScreenRecorder> recorder;
-
-    fakes::FakeApplicationFinder finder;
-    fakes::RecordingScriptRunner runner;
     fakes::FakeSleeper editorPauses;  // the editor's pauses pass at once
     VSCodeIntegration vsCode{finder, runner, editorPauses};
-
     std::shared_ptr<AppDelegate> delegate;
 };
 

@@ -10,16 +10,8 @@
 #include <mutex>
 #include <thread>
 
-#include "fakes/fake_access.h"
-#include "fakes/fake_display.h"
-#include "fakes/fake_files.h"
-#include "fakes/fake_recording_services.h"
-#include "fakes/fake_writer.h"
-#include "fakes/log_capture.h"
+#include "fakes/fake_engine.h"
 #include "linux/portable/thread_dispatch.h"
-#include "recording/permission_manager.h"
-#include "recording/recording_file_manager.h"
-#include "recording/screen_recorder.h"
 
 namespace gb {
 namespace {
@@ -241,26 +233,15 @@ TEST(RecorderConcurrencyTest, CyclesWithSamplesFromAnotherThreadLoseNoReport) {
     LogCapture log;
     RunLoopQueue mainQueue;
     QuickDispatch dispatch(mainQueue);
-    FakeAccessRequester access;
-    access.grantAll();
-    FakeFileSystem files;
-    FakeDefaultsStore defaults;
-    FakeDateFormatter dates;
-    FakeAssetWriterFactory factory(&files);
-    FakeDisplayProvider display;
-    FakeFolderPicker picker;
-    auto capture = std::make_shared<FakeCaptureService>();
-    auto composer = std::make_shared<FakeCompositionService>();
-    auto fileManager =
-        std::make_shared<RecordingFileManager>(files, defaults, dates, factory, display, picker);
+    FakeEngine engine;
+    auto& factory = engine.factory;
+    auto recorder = engine.makeRecorder(dispatch);
+    const auto capture = engine.capture;
     auto delegate = std::make_shared<FakeRecorderDelegate>();
+    recorder->setDelegate(delegate);
     auto recordingQueue =
         dispatch.makeSerialQueue("glimmerbox.recording", QualityOfService::userInitiated);
     capture->setRecordingQueue(recordingQueue);
-
-    auto recorder = ScreenRecorder::create(
-        {std::make_shared<PermissionManager>(access), capture, composer, fileManager}, dispatch);
-    recorder->setDelegate(delegate);
 
     Feeder feeder(*capture, recordingQueue);
     Driver driver(mainQueue, *recorder, factory, log, feeder);
@@ -328,12 +309,12 @@ TEST(RecorderConcurrencyTest, CyclesWithSamplesFromAnotherThreadLoseNoReport) {
     }
     EXPECT_GT(videoFrames, static_cast<size_t>(kCycles));
     EXPECT_GT(audioSamples, static_cast<size_t>(kCycles));
-    EXPECT_GT(composer->composeCalls().size(), 0u);
-    EXPECT_FALSE(capture->screenStub().overlappingCallSeen());
-    EXPECT_FALSE(capture->cameraStub().overlappingCallSeen());
-    EXPECT_FALSE(capture->screenStub().isRunning());
+    EXPECT_GT(engine.composer->composeCalls().size(), 0u);
+    EXPECT_FALSE(capture->screenSessionFake().overlappingCallSeen());
+    EXPECT_FALSE(capture->cameraSessionFake().overlappingCallSeen());
+    EXPECT_FALSE(capture->screenSessionFake().isRunning());
     EXPECT_FALSE(recorder->isRecording());
-    EXPECT_EQ(fileManager->currentOutputURL(), std::nullopt);
+    EXPECT_EQ(engine.fileManager->currentOutputURL(), std::nullopt);
 }
 
 }  // namespace

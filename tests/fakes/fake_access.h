@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "fakes/locked.h"
 #include "platform/access.h"
 
 namespace gb::fakes {
@@ -63,15 +64,9 @@ public:
         setAnswer(MediaType::audio, true);
         setAnswer(MediaType::video, true);
     }
-    void setDelivery(Delivery delivery) {
-        std::lock_guard lock(mutex_);
-        delivery_ = delivery;
-    }
+    void setDelivery(Delivery delivery) { lockedSet(mutex_, delivery_, delivery); }
 
-    [[nodiscard]] std::vector<MediaType> requests() const {
-        std::lock_guard lock(mutex_);
-        return requests_;
-    }
+    [[nodiscard]] std::vector<MediaType> requests() const { return lockedCopy(mutex_, requests_); }
     [[nodiscard]] size_t requestCount(MediaType type) const {
         std::lock_guard lock(mutex_);
         size_t n = 0;
@@ -79,10 +74,7 @@ public:
         return n;
     }
     // The most requests that were waiting for an answer at the same time.
-    [[nodiscard]] int maxUnanswered() const {
-        std::lock_guard lock(mutex_);
-        return maxUnanswered_;
-    }
+    [[nodiscard]] int maxUnanswered() const { return lockedCopy(mutex_, maxUnanswered_); }
 
 private:
     void answered() {

@@ -14,16 +14,6 @@ const char* typeName(MediaType type) {
 
 // ---- screen input ------------------------------------------------------------------------------
 
-void FakeScreenInput::setMinFrameDuration(MediaTime duration) {
-    std::lock_guard lock(mutex_);
-    minFrameDuration_ = duration;
-}
-
-std::optional<MediaTime> FakeScreenInput::minFrameDuration() const {
-    std::lock_guard lock(mutex_);
-    return minFrameDuration_;
-}
-
 // ---- outputs -----------------------------------------------------------------------------------
 
 void FakeOutputState::setDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
@@ -32,21 +22,6 @@ void FakeOutputState::setDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
     delegate_ = std::move(delegate);
     queue_ = std::move(queue);
     delegateSet_ = true;
-}
-
-std::weak_ptr<CaptureOutputDelegate> FakeOutputState::delegate() const {
-    std::lock_guard lock(mutex_);
-    return delegate_;
-}
-
-std::shared_ptr<SerialQueue> FakeOutputState::queue() const {
-    std::lock_guard lock(mutex_);
-    return queue_;
-}
-
-bool FakeOutputState::hasDelegate() const {
-    std::lock_guard lock(mutex_);
-    return delegateSet_;
 }
 
 void FakeOutputState::deliver(CaptureOutput& self, std::weak_ptr<CaptureOutput> selfRef,
@@ -67,17 +42,15 @@ void FakeOutputState::deliver(CaptureOutput& self, std::weak_ptr<CaptureOutput> 
     });
 }
 
-void FakeVideoDataOutput::setVideoSettings(const VideoOutputSettings& settings) {
-    std::lock_guard lock(mutex_);
-    settings_ = settings;
-}
-
-std::optional<VideoOutputSettings> FakeVideoDataOutput::videoSettings() const {
-    std::lock_guard lock(mutex_);
-    return settings_;
-}
-
 // ---- session -----------------------------------------------------------------------------------
+
+struct FakeCaptureSession::CallScope {
+    explicit CallScope(FakeCaptureSession& s) : session(s) {
+        if (session.inCall_.fetch_add(1) != 0) session.overlapping_.store(true);
+    }
+    ~CallScope() { session.inCall_.fetch_sub(1); }
+    FakeCaptureSession& session;
+};
 
 void FakeCaptureSession::note(std::string entry, bool isChange) {
     journal_.push_back(std::move(entry));
@@ -108,6 +81,7 @@ bool FakeCaptureSession::canAddInput(const std::shared_ptr<CaptureInput>& input)
 }
 
 void FakeCaptureSession::addInput(std::shared_ptr<CaptureInput> input) {
+    CallScope scope(*this);
     std::lock_guard lock(mutex_);
     note(std::string("addInput ") + typeName(input->mediaType()), true);
     inputs_.push_back(std::move(input));
@@ -123,6 +97,7 @@ bool FakeCaptureSession::canAddOutput(const std::shared_ptr<CaptureOutput>& outp
 }
 
 void FakeCaptureSession::addOutput(std::shared_ptr<CaptureOutput> output) {
+    CallScope scope(*this);
     std::lock_guard lock(mutex_);
     note(std::string("addOutput ") + typeName(output->mediaType()), true);
     bool hasDelegate = false;
@@ -135,84 +110,48 @@ void FakeCaptureSession::addOutput(std::shared_ptr<CaptureOutput> output) {
     outputs_.push_back(std::move(output));
 }
 
-std::vector<std::shared_ptr<CaptureInput>> FakeCaptureSession::inputs() const {
-    std::lock_guard lock(mutex_);
-    return inputs_;
-}
-
-std::vector<std::shared_ptr<CaptureOutput>> FakeCaptureSession::outputs() const {
-    std::lock_guard lock(mutex_);
-    return outputs_;
-}
-
 void FakeCaptureSession::removeInput(const std::shared_ptr<CaptureInput>& input) {
+    CallScope scope(*this);
     std::lock_guard lock(mutex_);
     note(std::string("removeInput ") + typeName(input->mediaType()), false);
     std::erase(inputs_, input);
 }
 
 void FakeCaptureSession::removeOutput(const std::shared_ptr<CaptureOutput>& output) {
+    CallScope scope(*this);
     std::lock_guard lock(mutex_);
     note(std::string("removeOutput ") + typeName(output->mediaType()), false);
     std::erase(outputs_, output);
 }
 
 void FakeCaptureSession::startRunning() {
-    std::lock_guard lock(mutex_);
-    running_ = true;
-    note("start", false);
+    CallScope scope(*this);
+    {
+        std::lock_guard lock(mutex_);
+        running_ = true;
+        ++starts_;
+        note("start", false);
+    }
+    if (calls_) calls_->add(name_ + ".startRunning");
 }
 
 void FakeCaptureSession::stopRunning() {
-    std::lock_guard lock(mutex_);
-    running_ = false;
-    ++stops_;
-    note("stop", false);
-}
-
-bool FakeCaptureSession::isRunning() const {
-    std::lock_guard lock(mutex_);
-    return running_;
-}
-
-void FakeCaptureSession::setSwitches(Switches switches) {
-    std::lock_guard lock(mutex_);
-    switches_ = switches;
-}
-
-int FakeCaptureSession::beginCount() const {
-    std::lock_guard lock(mutex_);
-    return begins_;
-}
-
-int FakeCaptureSession::commitCount() const {
-    std::lock_guard lock(mutex_);
-    return commits_;
-}
-
-int FakeCaptureSession::stopCount() const {
-    std::lock_guard lock(mutex_);
-    return stops_;
-}
-
-std::vector<std::string> FakeCaptureSession::journal() const {
-    std::lock_guard lock(mutex_);
-    return journal_;
+    CallScope scope(*this);
+    std::function<void()> hook;
+    {
+        std::lock_guard lock(mutex_);
+        running_ = false;
+        ++stops_;
+        note("stop", false);
+        hook = onStop_;
+    }
+    if (calls_) calls_->add(name_ + ".stopRunning");
+    if (hook) hook();
 }
 
 void FakeCaptureSession::clearJournal() {
     std::lock_guard lock(mutex_);
     journal_.clear();
-}
-
-int FakeCaptureSession::changesOutsideTransaction() const {
-    std::lock_guard lock(mutex_);
-    return changesOutside_;
-}
-
-int FakeCaptureSession::outputsAddedWithoutDelegate() const {
-    std::lock_guard lock(mutex_);
-    return outputsWithoutDelegate_;
 }
 
 // ---- device ------------------------------------------------------------------------------------
@@ -222,11 +161,6 @@ CameraDeviceInfo FakeCaptureDevice::info() const {
     ++infoReads_;
     if (later_ && infoReads_ > later_->first) return later_->second;
     return info_;
-}
-
-void FakeCaptureDevice::setInfoAfterReads(int reads, CameraDeviceInfo later) {
-    std::lock_guard lock(mutex_);
-    later_ = std::make_pair(infoReads_ + reads, std::move(later));
 }
 
 Result<void> FakeCaptureDevice::lockForConfiguration() {
@@ -250,41 +184,6 @@ void FakeCaptureDevice::unlockForConfiguration() {
     locked_ = false;
 }
 
-void FakeCaptureDevice::setInfo(CameraDeviceInfo info) {
-    std::lock_guard lock(mutex_);
-    info_ = std::move(info);
-}
-
-void FakeCaptureDevice::setLockFailure(std::optional<PlatformError> error) {
-    std::lock_guard lock(mutex_);
-    lockError_ = std::move(error);
-}
-
-std::vector<int> FakeCaptureDevice::activeFormatChanges() const {
-    std::lock_guard lock(mutex_);
-    return activeFormatChanges_;
-}
-
-int FakeCaptureDevice::lockCount() const {
-    std::lock_guard lock(mutex_);
-    return locks_;
-}
-
-int FakeCaptureDevice::unlockCount() const {
-    std::lock_guard lock(mutex_);
-    return unlocks_;
-}
-
-int FakeCaptureDevice::infoReads() const {
-    std::lock_guard lock(mutex_);
-    return infoReads_;
-}
-
-int FakeCaptureDevice::unlockedChanges() const {
-    std::lock_guard lock(mutex_);
-    return unlockedChanges_;
-}
-
 // ---- factory -----------------------------------------------------------------------------------
 
 FakeCaptureFactory::FakeCaptureFactory()
@@ -304,11 +203,6 @@ std::shared_ptr<ScreenInput> FakeCaptureFactory::makeScreenInput(uint32_t displa
     auto input = std::make_shared<FakeScreenInput>(displayID);
     screenInputs_.push_back(input);
     return input;
-}
-
-CaptureDeviceRef FakeCaptureFactory::defaultAudioDevice() {
-    std::lock_guard lock(mutex_);
-    return microphone_;
 }
 
 std::vector<CaptureDeviceRef> FakeCaptureFactory::discoverVideoDevices() {
@@ -343,21 +237,6 @@ std::shared_ptr<AudioDataOutput> FakeCaptureFactory::makeAudioDataOutput() {
     return output;
 }
 
-void FakeCaptureFactory::setScreenCaptureAllowed(bool allowed) {
-    std::lock_guard lock(mutex_);
-    screenCaptureAllowed_ = allowed;
-}
-
-void FakeCaptureFactory::setMicrophone(std::shared_ptr<FakeCaptureDevice> microphone) {
-    std::lock_guard lock(mutex_);
-    microphone_ = std::move(microphone);
-}
-
-void FakeCaptureFactory::setCameras(std::vector<std::shared_ptr<FakeCaptureDevice>> cameras) {
-    std::lock_guard lock(mutex_);
-    cameras_ = std::move(cameras);
-}
-
 void FakeCaptureFactory::setDeviceInputFailure(MediaType type, std::optional<PlatformError> error) {
     std::lock_guard lock(mutex_);
     if (error) {
@@ -365,36 +244,6 @@ void FakeCaptureFactory::setDeviceInputFailure(MediaType type, std::optional<Pla
     } else {
         inputFailures_.erase(type);
     }
-}
-
-std::vector<std::shared_ptr<FakeCaptureSession>> FakeCaptureFactory::sessions() const {
-    std::lock_guard lock(mutex_);
-    return sessions_;
-}
-
-std::vector<std::shared_ptr<FakeScreenInput>> FakeCaptureFactory::screenInputs() const {
-    std::lock_guard lock(mutex_);
-    return screenInputs_;
-}
-
-std::vector<std::shared_ptr<FakeDeviceInput>> FakeCaptureFactory::deviceInputs() const {
-    std::lock_guard lock(mutex_);
-    return deviceInputs_;
-}
-
-std::vector<std::shared_ptr<FakeVideoDataOutput>> FakeCaptureFactory::videoOutputs() const {
-    std::lock_guard lock(mutex_);
-    return videoOutputs_;
-}
-
-std::vector<std::shared_ptr<FakeAudioDataOutput>> FakeCaptureFactory::audioOutputs() const {
-    std::lock_guard lock(mutex_);
-    return audioOutputs_;
-}
-
-std::shared_ptr<FakeCaptureDevice> FakeCaptureFactory::microphone() const {
-    std::lock_guard lock(mutex_);
-    return microphone_;
 }
 
 CameraDeviceInfo cameraInfo(std::string name, std::string uniqueID,

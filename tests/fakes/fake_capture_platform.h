@@ -4,7 +4,9 @@
 // Thread-safe enough for a recording queue to deliver while a test thread configures.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -13,6 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include "fakes/locked.h"
+#include "fakes/log_capture.h"
 #include "platform/capture.h"
 
 namespace gb::fakes {
@@ -20,9 +24,13 @@ namespace gb::fakes {
 class FakeScreenInput final : public ScreenInput {
 public:
     explicit FakeScreenInput(uint32_t displayID) : displayID_(displayID) {}
-    void setMinFrameDuration(MediaTime duration) override;
+    void setMinFrameDuration(MediaTime duration) override {
+        lockedSet(mutex_, minFrameDuration_, duration);
+    }
     [[nodiscard]] uint32_t displayID() const { return displayID_; }
-    [[nodiscard]] std::optional<MediaTime> minFrameDuration() const;
+    [[nodiscard]] std::optional<MediaTime> minFrameDuration() const {
+        return lockedCopy(mutex_, minFrameDuration_);
+    }
 
 private:
     const uint32_t displayID_;
@@ -48,9 +56,11 @@ class FakeOutputState {
 public:
     void setDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
                      std::shared_ptr<SerialQueue> queue);
-    [[nodiscard]] std::weak_ptr<CaptureOutputDelegate> delegate() const;
-    [[nodiscard]] std::shared_ptr<SerialQueue> queue() const;
-    [[nodiscard]] bool hasDelegate() const;
+    [[nodiscard]] std::weak_ptr<CaptureOutputDelegate> delegate() const {
+        return lockedCopy(mutex_, delegate_);
+    }
+    [[nodiscard]] std::shared_ptr<SerialQueue> queue() const { return lockedCopy(mutex_, queue_); }
+    [[nodiscard]] bool hasDelegate() const { return lockedCopy(mutex_, delegateSet_); }
     // Posts the hand-off to the queue; the delegate is looked up when the closure runs.
     void deliver(CaptureOutput& self, std::weak_ptr<CaptureOutput> selfRef,
                  const SampleBufferRef& sample);
@@ -69,8 +79,12 @@ public:
                                  std::shared_ptr<SerialQueue> queue) override {
         state_.setDelegate(std::move(delegate), std::move(queue));
     }
-    void setVideoSettings(const VideoOutputSettings& settings) override;
-    [[nodiscard]] std::optional<VideoOutputSettings> videoSettings() const;
+    void setVideoSettings(const VideoOutputSettings& settings) override {
+        lockedSet(mutex_, settings_, settings);
+    }
+    [[nodiscard]] std::optional<VideoOutputSettings> videoSettings() const {
+        return lockedCopy(mutex_, settings_);
+    }
     [[nodiscard]] const FakeOutputState& state() const { return state_; }
     void deliver(const SampleBufferRef& sample) { state_.deliver(*this, weak_from_this(), sample); }
 
@@ -95,10 +109,15 @@ private:
 };
 
 // Records every call as a journal line ("begin", "commit", "addInput video", "removeOutput
-// audio", "start", "stop", ...) plus counters; the can-add answers come from switches per media
-// type. Tracks whether changes happen inside a configuration transaction.
+// audio", "start", "stop", ...) plus counters, and starts and stops also as "<name>.startRunning"
+// in a shared CallLog when given one; the can-add answers come from switches per media type.
+// Tracks whether changes happen inside a configuration transaction, and flags calls that overlap
+// in time, which the capture contract forbids for one session.
 class FakeCaptureSession final : public CaptureSession {
 public:
+    explicit FakeCaptureSession(std::string name = {}, CallLog* calls = nullptr)
+        : name_(std::move(name)), calls_(calls) {}
+
     struct Switches {
         bool acceptVideoInput = true;
         bool acceptAudioInput = true;
@@ -112,30 +131,51 @@ public:
     void addInput(std::shared_ptr<CaptureInput> input) override;
     [[nodiscard]] bool canAddOutput(const std::shared_ptr<CaptureOutput>& output) override;
     void addOutput(std::shared_ptr<CaptureOutput> output) override;
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureInput>> inputs() const override;
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureOutput>> outputs() const override;
+    [[nodiscard]] std::vector<std::shared_ptr<CaptureInput>> inputs() const override {
+        return lockedCopy(mutex_, inputs_);
+    }
+    [[nodiscard]] std::vector<std::shared_ptr<CaptureOutput>> outputs() const override {
+        return lockedCopy(mutex_, outputs_);
+    }
     void removeInput(const std::shared_ptr<CaptureInput>& input) override;
     void removeOutput(const std::shared_ptr<CaptureOutput>& output) override;
     void startRunning() override;
     void stopRunning() override;
-    [[nodiscard]] bool isRunning() const override;
+    [[nodiscard]] bool isRunning() const override { return lockedCopy(mutex_, running_); }
 
-    void setSwitches(Switches switches);
-    [[nodiscard]] int beginCount() const;
-    [[nodiscard]] int commitCount() const;
-    [[nodiscard]] int stopCount() const;
-    [[nodiscard]] std::vector<std::string> journal() const;
+    void setSwitches(Switches switches) { lockedSet(mutex_, switches_, switches); }
+    // Runs inside stopRunning (the recorder's state can be checked "during" the stop).
+    void setOnStopRunning(std::function<void()> hook) {
+        lockedSet(mutex_, onStop_, std::move(hook));
+    }
+    [[nodiscard]] int startCount() const { return lockedCopy(mutex_, starts_); }
+    [[nodiscard]] bool overlappingCallSeen() const { return overlapping_.load(); }
+    [[nodiscard]] int beginCount() const { return lockedCopy(mutex_, begins_); }
+    [[nodiscard]] int commitCount() const { return lockedCopy(mutex_, commits_); }
+    [[nodiscard]] int stopCount() const { return lockedCopy(mutex_, stops_); }
+    [[nodiscard]] std::vector<std::string> journal() const { return lockedCopy(mutex_, journal_); }
     void clearJournal();
     // Changes made while no transaction was open (should stay 0 for set-ups).
-    [[nodiscard]] int changesOutsideTransaction() const;
+    [[nodiscard]] int changesOutsideTransaction() const {
+        return lockedCopy(mutex_, changesOutside_);
+    }
     // Outputs added before their delegate was set (should stay 0).
-    [[nodiscard]] int outputsAddedWithoutDelegate() const;
+    [[nodiscard]] int outputsAddedWithoutDelegate() const {
+        return lockedCopy(mutex_, outputsWithoutDelegate_);
+    }
 
 private:
+    struct CallScope;
     void note(std::string entry, bool isChange);
 
+    const std::string name_;
+    CallLog* const calls_;
+    std::atomic<int> inCall_{0};
+    std::atomic<bool> overlapping_{false};
     mutable std::mutex mutex_;
     Switches switches_;                                    // guarded by mutex_
+    std::function<void()> onStop_;                         // guarded by mutex_
+    int starts_ = 0;                                       // guarded by mutex_
     std::vector<std::shared_ptr<CaptureInput>> inputs_;    // guarded by mutex_
     std::vector<std::shared_ptr<CaptureOutput>> outputs_;  // guarded by mutex_
     std::vector<std::string> journal_;                     // guarded by mutex_
@@ -160,18 +200,24 @@ public:
     void setActiveFormat(int formatIndex) override;
     void unlockForConfiguration() override;
 
-    void setInfo(CameraDeviceInfo info);
+    void setInfo(CameraDeviceInfo info) { lockedSet(mutex_, info_, std::move(info)); }
     // After `reads` more readings, info() answers `later`: a device that changes state (gets
     // suspended, say) between two readings.
-    void setInfoAfterReads(int reads, CameraDeviceInfo later);
+    void setInfoAfterReads(int reads, CameraDeviceInfo later) {
+        lockedSet(mutex_, later_, std::make_pair(infoReads_ + reads, std::move(later)));
+    }
     // The next locks fail with this error (nothing: they succeed).
-    void setLockFailure(std::optional<PlatformError> error);
-    [[nodiscard]] std::vector<int> activeFormatChanges() const;
-    [[nodiscard]] int lockCount() const;
-    [[nodiscard]] int unlockCount() const;
-    [[nodiscard]] int infoReads() const;
+    void setLockFailure(std::optional<PlatformError> error) {
+        lockedSet(mutex_, lockError_, std::move(error));
+    }
+    [[nodiscard]] std::vector<int> activeFormatChanges() const {
+        return lockedCopy(mutex_, activeFormatChanges_);
+    }
+    [[nodiscard]] int lockCount() const { return lockedCopy(mutex_, locks_); }
+    [[nodiscard]] int unlockCount() const { return lockedCopy(mutex_, unlocks_); }
+    [[nodiscard]] int infoReads() const { return lockedCopy(mutex_, infoReads_); }
     // setActiveFormat calls made while not locked.
-    [[nodiscard]] int unlockedChanges() const;
+    [[nodiscard]] int unlockedChanges() const { return lockedCopy(mutex_, unlockedChanges_); }
 
 private:
     const MediaType type_;
@@ -195,25 +241,43 @@ public:
 
     std::shared_ptr<CaptureSession> makeSession() override;
     std::shared_ptr<ScreenInput> makeScreenInput(uint32_t displayID) override;
-    CaptureDeviceRef defaultAudioDevice() override;
+    CaptureDeviceRef defaultAudioDevice() override { return lockedCopy(mutex_, microphone_); }
     std::vector<CaptureDeviceRef> discoverVideoDevices() override;
     Result<std::shared_ptr<CaptureInput>> makeDeviceInput(const CaptureDeviceRef& device) override;
     std::shared_ptr<VideoDataOutput> makeVideoDataOutput() override;
     std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override;
 
-    void setScreenCaptureAllowed(bool allowed);
+    void setScreenCaptureAllowed(bool allowed) {
+        lockedSet(mutex_, screenCaptureAllowed_, allowed);
+    }
     // Null: no microphone.
-    void setMicrophone(std::shared_ptr<FakeCaptureDevice> microphone);
-    void setCameras(std::vector<std::shared_ptr<FakeCaptureDevice>> cameras);
+    void setMicrophone(std::shared_ptr<FakeCaptureDevice> microphone) {
+        lockedSet(mutex_, microphone_, std::move(microphone));
+    }
+    void setCameras(std::vector<std::shared_ptr<FakeCaptureDevice>> cameras) {
+        lockedSet(mutex_, cameras_, std::move(cameras));
+    }
     // Device inputs of that media type fail with the error (nothing: they succeed).
     void setDeviceInputFailure(MediaType type, std::optional<PlatformError> error);
 
-    [[nodiscard]] std::vector<std::shared_ptr<FakeCaptureSession>> sessions() const;
-    [[nodiscard]] std::vector<std::shared_ptr<FakeScreenInput>> screenInputs() const;
-    [[nodiscard]] std::vector<std::shared_ptr<FakeDeviceInput>> deviceInputs() const;
-    [[nodiscard]] std::vector<std::shared_ptr<FakeVideoDataOutput>> videoOutputs() const;
-    [[nodiscard]] std::vector<std::shared_ptr<FakeAudioDataOutput>> audioOutputs() const;
-    [[nodiscard]] std::shared_ptr<FakeCaptureDevice> microphone() const;
+    [[nodiscard]] std::vector<std::shared_ptr<FakeCaptureSession>> sessions() const {
+        return lockedCopy(mutex_, sessions_);
+    }
+    [[nodiscard]] std::vector<std::shared_ptr<FakeScreenInput>> screenInputs() const {
+        return lockedCopy(mutex_, screenInputs_);
+    }
+    [[nodiscard]] std::vector<std::shared_ptr<FakeDeviceInput>> deviceInputs() const {
+        return lockedCopy(mutex_, deviceInputs_);
+    }
+    [[nodiscard]] std::vector<std::shared_ptr<FakeVideoDataOutput>> videoOutputs() const {
+        return lockedCopy(mutex_, videoOutputs_);
+    }
+    [[nodiscard]] std::vector<std::shared_ptr<FakeAudioDataOutput>> audioOutputs() const {
+        return lockedCopy(mutex_, audioOutputs_);
+    }
+    [[nodiscard]] std::shared_ptr<FakeCaptureDevice> microphone() const {
+        return lockedCopy(mutex_, microphone_);
+    }
 
 private:
     mutable std::mutex mutex_;

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "fakes/locked.h"
 #include "platform/dispatch.h"
 
 namespace gb::fakes {
@@ -78,19 +79,12 @@ public:
         now_ += duration;
         return true;
     }
-    void setOnSleep(std::function<void()> hook) {
-        std::lock_guard lock(mutex_);
-        onSleep_ = std::move(hook);
-    }
+    void setOnSleep(std::function<void()> hook) { lockedSet(mutex_, onSleep_, std::move(hook)); }
     [[nodiscard]] std::vector<std::chrono::nanoseconds> sleeps() const {
-        std::lock_guard lock(mutex_);
-        return sleeps_;
+        return lockedCopy(mutex_, sleeps_);
     }
     // Fake time: the sum of all completed sleeps.
-    [[nodiscard]] std::chrono::nanoseconds now() const {
-        std::lock_guard lock(mutex_);
-        return now_;
-    }
+    [[nodiscard]] std::chrono::nanoseconds now() const { return lockedCopy(mutex_, now_); }
 
 private:
     mutable std::mutex mutex_;
@@ -116,12 +110,10 @@ public:
 
     // The serial queues made so far, in creation order.
     [[nodiscard]] std::vector<std::shared_ptr<ManualQueue>> serialQueues() const {
-        std::lock_guard lock(mutex_);
-        return queues_;
+        return lockedCopy(mutex_, queues_);
     }
     [[nodiscard]] std::vector<QualityOfService> serialQueueQualities() const {
-        std::lock_guard lock(mutex_);
-        return qualities_;
+        return lockedCopy(mutex_, qualities_);
     }
     // Drains every queue until all are empty.
     void runAll() {
@@ -140,7 +132,7 @@ public:
 private:
     mutable std::mutex mutex_;
     std::vector<std::shared_ptr<ManualQueue>> queues_;  // guarded by mutex_
-    std::vector<QualityOfService> qualities_;          // guarded by mutex_
+    std::vector<QualityOfService> qualities_;           // guarded by mutex_
 };
 
 }  // namespace gb::fakes

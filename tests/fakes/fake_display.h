@@ -4,6 +4,7 @@
 #include <mutex>
 #include <optional>
 
+#include "fakes/locked.h"
 #include "platform/display.h"
 
 namespace gb::fakes {
@@ -26,8 +27,7 @@ public:
         screen_ = s;
     }
     void setScreen(std::optional<MainScreen> screen) {
-        std::lock_guard lock(mutex_);
-        screen_ = std::move(screen);
+        lockedSet(mutex_, screen_, std::move(screen));
     }
 
 private:

@@ -11,6 +11,7 @@
 #include <variant>
 #include <vector>
 
+#include "fakes/locked.h"
 #include "platform/files.h"
 #include "platform/user_interface.h"
 
@@ -64,25 +65,18 @@ public:
 
     // ---- set-up
     void setDocumentsDirectory(std::optional<std::string> path) {
-        std::lock_guard lock(mutex_);
-        documents_ = std::move(path);
+        lockedSet(mutex_, documents_, std::move(path));
     }
     // Every later createDirectory fails with this error; nullopt lets them succeed again.
     void setCreateDirectoryError(std::optional<PlatformError> error) {
-        std::lock_guard lock(mutex_);
-        createError_ = std::move(error);
+        lockedSet(mutex_, createError_, std::move(error));
     }
     void setRemoveError(std::optional<PlatformError> error) {
-        std::lock_guard lock(mutex_);
-        removeError_ = std::move(error);
+        lockedSet(mutex_, removeError_, std::move(error));
     }
     void addDirectory(const std::string& path) {
         std::lock_guard lock(mutex_);
         directories_.insert(path);
-    }
-    void removeDirectory(const std::string& path) {
-        std::lock_guard lock(mutex_);
-        directories_.erase(path);
     }
     // Writes a file; `contents` tells files apart (e.g. which recording wrote it).
     void writeFile(const std::string& path, std::string contents = {}) {
@@ -106,12 +100,10 @@ public:
         bool intermediates = false;
     };
     [[nodiscard]] std::vector<CreateCall> createDirectoryCalls() const {
-        std::lock_guard lock(mutex_);
-        return createCalls_;
+        return lockedCopy(mutex_, createCalls_);
     }
     [[nodiscard]] std::vector<std::string> removeCalls() const {
-        std::lock_guard lock(mutex_);
-        return removeCalls_;
+        return lockedCopy(mutex_, removeCalls_);
     }
 
 private:
@@ -185,22 +177,12 @@ public:
         return formatted_;
     }
 
-    void setNow(std::chrono::system_clock::time_point now) {
-        std::lock_guard lock(mutex_);
-        now_ = now;
-    }
-    void setFormatted(std::string text) {
-        std::lock_guard lock(mutex_);
-        formatted_ = std::move(text);
-    }
+    void setFormatted(std::string text) { lockedSet(mutex_, formatted_, std::move(text)); }
     struct Request {
         std::string pattern;
         std::chrono::system_clock::time_point date;
     };
-    [[nodiscard]] std::vector<Request> requests() const {
-        std::lock_guard lock(mutex_);
-        return requests_;
-    }
+    [[nodiscard]] std::vector<Request> requests() const { return lockedCopy(mutex_, requests_); }
 
 private:
     mutable std::mutex mutex_;
@@ -216,13 +198,9 @@ public:
         shown_.push_back(options);
         return result_;
     }
-    void setResult(FolderPickerResult result) {
-        std::lock_guard lock(mutex_);
-        result_ = std::move(result);
-    }
+    void setResult(FolderPickerResult result) { lockedSet(mutex_, result_, std::move(result)); }
     [[nodiscard]] std::vector<FolderPickerOptions> shown() const {
-        std::lock_guard lock(mutex_);
-        return shown_;
+        return lockedCopy(mutex_, shown_);
     }
 
 private:

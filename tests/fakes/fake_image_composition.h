@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "fakes/locked.h"
 #include "platform/image_composition.h"
 
 namespace gb::fakes {
@@ -72,8 +73,6 @@ public:
                                                bottom ? bottom->extent() : Rect{});
         out->source = top;
         out->bottom = bottom;
-        std::lock_guard lock(mutex_);
-        ++composites_;
         return out;
     }
     std::shared_ptr<ImageContext> makeContext() override {
@@ -83,31 +82,18 @@ public:
     }
 
     [[nodiscard]] std::vector<std::shared_ptr<FakeImage>> images() const {
-        std::lock_guard lock(mutex_);
-        return images_;
+        return lockedCopy(mutex_, images_);
     }
     [[nodiscard]] std::vector<AffineTransform> transforms() const {
-        std::lock_guard lock(mutex_);
-        return transforms_;
+        return lockedCopy(mutex_, transforms_);
     }
-    [[nodiscard]] int composites() const {
-        std::lock_guard lock(mutex_);
-        return composites_;
-    }
-    [[nodiscard]] int contextsMade() const {
-        std::lock_guard lock(mutex_);
-        return contextsMade_;
-    }
-    [[nodiscard]] std::vector<FakeRender> renders() const {
-        std::lock_guard lock(mutex_);
-        return renders_;
-    }
+    [[nodiscard]] int contextsMade() const { return lockedCopy(mutex_, contextsMade_); }
+    [[nodiscard]] std::vector<FakeRender> renders() const { return lockedCopy(mutex_, renders_); }
 
 private:
     mutable std::mutex mutex_;
     std::vector<std::shared_ptr<FakeImage>> images_;  // guarded by mutex_
     std::vector<AffineTransform> transforms_;         // guarded by mutex_
-    int composites_ = 0;                              // guarded by mutex_
     int contextsMade_ = 0;                            // guarded by mutex_
     std::vector<FakeRender> renders_;                 // guarded by mutex_
 };

@@ -24,104 +24,12 @@ SampleBufferRef makeAudioSample(MediaTime time) {
         std::move(audio), SampleTiming{MediaTime::make(441, 44100), time, MediaTime::invalid()});
 }
 
-// ---- StubCaptureSession ------------------------------------------------------------------------
-
-struct StubCaptureSession::CallScope {
-    explicit CallScope(StubCaptureSession& s) : session(s) {
-        if (session.inCall_.fetch_add(1) != 0) session.overlapping_.store(true);
-    }
-    ~CallScope() { session.inCall_.fetch_sub(1); }
-    StubCaptureSession& session;
-};
-
-void StubCaptureSession::addInput(std::shared_ptr<CaptureInput> input) {
-    CallScope scope(*this);
-    std::lock_guard lock(mutex_);
-    inputs_.push_back(std::move(input));
-}
-
-void StubCaptureSession::addOutput(std::shared_ptr<CaptureOutput> output) {
-    CallScope scope(*this);
-    std::lock_guard lock(mutex_);
-    outputs_.push_back(std::move(output));
-}
-
-std::vector<std::shared_ptr<CaptureInput>> StubCaptureSession::inputs() const {
-    std::lock_guard lock(mutex_);
-    return inputs_;
-}
-
-std::vector<std::shared_ptr<CaptureOutput>> StubCaptureSession::outputs() const {
-    std::lock_guard lock(mutex_);
-    return outputs_;
-}
-
-void StubCaptureSession::removeInput(const std::shared_ptr<CaptureInput>& input) {
-    CallScope scope(*this);
-    std::lock_guard lock(mutex_);
-    std::erase(inputs_, input);
-}
-
-void StubCaptureSession::removeOutput(const std::shared_ptr<CaptureOutput>& output) {
-    CallScope scope(*this);
-    std::lock_guard lock(mutex_);
-    std::erase(outputs_, output);
-}
-
-void StubCaptureSession::startRunning() {
-    CallScope scope(*this);
-    {
-        std::lock_guard lock(mutex_);
-        running_ = true;
-        ++starts_;
-    }
-    if (calls_) calls_->add(name_ + ".startRunning");
-}
-
-void StubCaptureSession::stopRunning() {
-    CallScope scope(*this);
-    std::function<void()> hook;
-    {
-        std::lock_guard lock(mutex_);
-        running_ = false;
-        ++stops_;
-        hook = onStop_;
-    }
-    if (calls_) calls_->add(name_ + ".stopRunning");
-    if (hook) hook();
-}
-
-bool StubCaptureSession::isRunning() const {
-    std::lock_guard lock(mutex_);
-    return running_;
-}
-
-void StubCaptureSession::setOnStopRunning(std::function<void()> hook) {
-    std::lock_guard lock(mutex_);
-    onStop_ = std::move(hook);
-}
-
-int StubCaptureSession::startCount() const {
-    std::lock_guard lock(mutex_);
-    return starts_;
-}
-
-int StubCaptureSession::stopCount() const {
-    std::lock_guard lock(mutex_);
-    return stops_;
-}
-
 // ---- FakeCaptureService ------------------------------------------------------------------------
 
 FakeCaptureService::FakeCaptureService(CallLog* calls)
     : calls_(calls),
       screenSession_("screenSession", calls),
       cameraSession_("cameraSession", calls) {}
-
-void FakeCaptureService::setDelegate(std::weak_ptr<CaptureSessionManagerDelegate> delegate) {
-    std::lock_guard lock(mutex_);
-    delegate_ = std::move(delegate);
-}
 
 void FakeCaptureService::setupScreenCapture() {
     std::function<void()> hook;
@@ -166,44 +74,9 @@ void FakeCaptureService::cleanup() {
     audioOutput_.reset();
 }
 
-std::shared_ptr<CaptureOutput> FakeCaptureService::videoOutput() const {
-    std::lock_guard lock(mutex_);
-    return videoOutput_;
-}
-
-std::shared_ptr<CaptureOutput> FakeCaptureService::cameraOutput() const {
-    std::lock_guard lock(mutex_);
-    return cameraOutput_;
-}
-
-std::shared_ptr<CaptureOutput> FakeCaptureService::audioOutput() const {
-    std::lock_guard lock(mutex_);
-    return audioOutput_;
-}
-
-void FakeCaptureService::setScreenSetupError(std::optional<CaptureSessionError> error) {
-    std::lock_guard lock(mutex_);
-    screenError_ = std::move(error);
-}
-
-void FakeCaptureService::setCameraSetupError(std::optional<CaptureSessionError> error) {
-    std::lock_guard lock(mutex_);
-    cameraError_ = std::move(error);
-}
-
-void FakeCaptureService::setCameraAvailable(bool available) {
-    std::lock_guard lock(mutex_);
-    cameraAvailable_ = available;
-}
-
 void FakeCaptureService::setOnSetupScreenCapture(std::function<void()> hook) {
     std::lock_guard lock(mutex_);
     onSetupScreen_ = std::move(hook);
-}
-
-void FakeCaptureService::setRecordingQueue(std::shared_ptr<SerialQueue> queue) {
-    std::lock_guard lock(mutex_);
-    queue_ = std::move(queue);
 }
 
 void FakeCaptureService::deliver(const SampleBufferRef& sample, CaptureOutput& output) {
@@ -259,21 +132,6 @@ bool FakeCaptureService::postAudio(SampleBufferRef sample) {
     return post(audioOutput(), std::move(sample));
 }
 
-int FakeCaptureService::cleanupCount() const {
-    std::lock_guard lock(mutex_);
-    return cleanups_;
-}
-
-int FakeCaptureService::setupScreenCount() const {
-    std::lock_guard lock(mutex_);
-    return screenSetups_;
-}
-
-int FakeCaptureService::setupCameraCount() const {
-    std::lock_guard lock(mutex_);
-    return cameraSetups_;
-}
-
 // ---- FakeCompositionService --------------------------------------------------------------------
 
 SampleBufferRef FakeCompositionService::composeFrame(const PixelBufferRef& screenBuffer,
@@ -299,16 +157,6 @@ SampleBufferRef FakeCompositionService::createSampleBuffer(const PixelBufferRef&
         buffer, SampleTiming{MediaTime::invalid(), presentationTime, MediaTime::invalid()});
 }
 
-std::vector<FakeCompositionService::Call> FakeCompositionService::composeCalls() const {
-    std::lock_guard lock(mutex_);
-    return composeCalls_;
-}
-
-std::vector<FakeCompositionService::Call> FakeCompositionService::plainCalls() const {
-    std::lock_guard lock(mutex_);
-    return plainCalls_;
-}
-
 // ---- FakeRecorderDelegate ----------------------------------------------------------------------
 
 void FakeRecorderDelegate::recorderDidStart() {
@@ -330,11 +178,6 @@ void FakeRecorderDelegate::recorderDidFail(const ScreenRecorderError& error) {
 void FakeRecorderDelegate::setOnReport(std::function<void(const Report&)> hook) {
     std::lock_guard lock(mutex_);
     onReport_ = std::move(hook);
-}
-
-std::vector<FakeRecorderDelegate::Report> FakeRecorderDelegate::reports() const {
-    std::lock_guard lock(mutex_);
-    return reports_;
 }
 
 size_t FakeRecorderDelegate::count() const {

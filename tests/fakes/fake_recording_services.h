@@ -1,7 +1,7 @@
 // Fakes of the recorder's service contracts and of its application-side delegate, plus sample
-// buffers for tests: stub capture sessions and outputs, a capture service whose set-ups fail on
-// demand and through whose outputs tests deliver samples (at once, or on a recording queue), a
-// composition service that records its calls, and a delegate that records every report.
+// buffers for tests: stub capture outputs, a capture service (over two fake sessions) whose set-ups
+// fail on demand and through whose outputs tests deliver samples (at once, or on a recording
+// queue), a composition service that records its calls, and a delegate that records every report.
 // All thread-safe.
 #pragma once
 
@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include "fakes/fake_capture_platform.h"
+#include "fakes/locked.h"
 #include "fakes/log_capture.h"
 #include "platform/capture.h"
 #include "platform/dispatch.h"
@@ -44,48 +46,6 @@ struct ImageSize {
 
 // ---- capture -----------------------------------------------------------------------------------
 
-// A session that only records being started and stopped. Flags calls that overlap in time,
-// which the capture contract forbids for one session.
-class StubCaptureSession final : public CaptureSession {
-public:
-    explicit StubCaptureSession(std::string name, CallLog* calls = nullptr)
-        : name_(std::move(name)), calls_(calls) {}
-
-    void beginConfiguration() override {}
-    void commitConfiguration() override {}
-    [[nodiscard]] bool canAddInput(const std::shared_ptr<CaptureInput>&) override { return true; }
-    void addInput(std::shared_ptr<CaptureInput> input) override;
-    [[nodiscard]] bool canAddOutput(const std::shared_ptr<CaptureOutput>&) override { return true; }
-    void addOutput(std::shared_ptr<CaptureOutput> output) override;
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureInput>> inputs() const override;
-    [[nodiscard]] std::vector<std::shared_ptr<CaptureOutput>> outputs() const override;
-    void removeInput(const std::shared_ptr<CaptureInput>& input) override;
-    void removeOutput(const std::shared_ptr<CaptureOutput>& output) override;
-    void startRunning() override;
-    void stopRunning() override;
-    [[nodiscard]] bool isRunning() const override;
-
-    // Runs inside stopRunning (the recorder's state can be checked "during" the stop).
-    void setOnStopRunning(std::function<void()> hook);
-    [[nodiscard]] int startCount() const;
-    [[nodiscard]] int stopCount() const;
-    [[nodiscard]] bool overlappingCallSeen() const { return overlapping_.load(); }
-
-private:
-    struct CallScope;
-    const std::string name_;
-    CallLog* const calls_;
-    std::atomic<int> inCall_{0};
-    std::atomic<bool> overlapping_{false};
-    mutable std::mutex mutex_;
-    bool running_ = false;                                 // guarded by mutex_
-    int starts_ = 0;                                       // guarded by mutex_
-    int stops_ = 0;                                        // guarded by mutex_
-    std::function<void()> onStop_;                         // guarded by mutex_
-    std::vector<std::shared_ptr<CaptureInput>> inputs_;    // guarded by mutex_
-    std::vector<std::shared_ptr<CaptureOutput>> outputs_;  // guarded by mutex_
-};
-
 class StubCaptureOutput final : public CaptureOutput {
 public:
     explicit StubCaptureOutput(MediaType type) : type_(type) {}
@@ -102,15 +62,23 @@ public:
     explicit FakeCaptureService(CallLog* calls = nullptr);
 
     // ---- CaptureService
-    void setDelegate(std::weak_ptr<CaptureSessionManagerDelegate> delegate) override;
+    void setDelegate(std::weak_ptr<CaptureSessionManagerDelegate> delegate) override {
+        lockedSet(mutex_, delegate_, std::move(delegate));
+    }
     void setupScreenCapture() override;
     void setupCamera() override;
     void cleanup() override;
     [[nodiscard]] CaptureSession& screenCaptureSession() override { return screenSession_; }
     [[nodiscard]] CaptureSession& cameraCaptureSession() override { return cameraSession_; }
-    [[nodiscard]] std::shared_ptr<CaptureOutput> videoOutput() const override;
-    [[nodiscard]] std::shared_ptr<CaptureOutput> cameraOutput() const override;
-    [[nodiscard]] std::shared_ptr<CaptureOutput> audioOutput() const override;
+    [[nodiscard]] std::shared_ptr<CaptureOutput> videoOutput() const override {
+        return lockedCopy(mutex_, videoOutput_);
+    }
+    [[nodiscard]] std::shared_ptr<CaptureOutput> cameraOutput() const override {
+        return lockedCopy(mutex_, cameraOutput_);
+    }
+    [[nodiscard]] std::shared_ptr<CaptureOutput> audioOutput() const override {
+        return lockedCopy(mutex_, audioOutput_);
+    }
     [[nodiscard]] bool cameraOverlayEnabled() const override { return overlay_.load(); }
     void setCameraOverlayEnabled(bool enabled) override { overlay_.store(enabled); }
     [[nodiscard]] CameraOverlayPreset cameraOverlayPreset() const override {
@@ -119,14 +87,20 @@ public:
     void setCameraOverlayPreset(CameraOverlayPreset preset) override { preset_.store(preset); }
 
     // ---- set-up
-    void setScreenSetupError(std::optional<CaptureSessionError> error);
-    void setCameraSetupError(std::optional<CaptureSessionError> error);
+    void setScreenSetupError(std::optional<CaptureSessionError> error) {
+        lockedSet(mutex_, screenError_, std::move(error));
+    }
+    void setCameraSetupError(std::optional<CaptureSessionError> error) {
+        lockedSet(mutex_, cameraError_, std::move(error));
+    }
     // Without a camera, setupCamera succeeds and leaves cameraOutput absent.
-    void setCameraAvailable(bool available);
+    void setCameraAvailable(bool available) { lockedSet(mutex_, cameraAvailable_, available); }
     // Runs at the start of setupScreenCapture (to act "during" the start's set-up).
     void setOnSetupScreenCapture(std::function<void()> hook);
     // Where post*() delivers: the recording queue.
-    void setRecordingQueue(std::shared_ptr<SerialQueue> queue);
+    void setRecordingQueue(std::shared_ptr<SerialQueue> queue) {
+        lockedSet(mutex_, queue_, std::move(queue));
+    }
 
     // ---- delivery to the delegate
     // At once, on the calling thread, through the given output (which may be a foreign one).
@@ -141,18 +115,18 @@ public:
     bool postAudio(SampleBufferRef sample);
 
     // ---- inspection
-    [[nodiscard]] StubCaptureSession& screenStub() { return screenSession_; }
-    [[nodiscard]] StubCaptureSession& cameraStub() { return cameraSession_; }
-    [[nodiscard]] int cleanupCount() const;
-    [[nodiscard]] int setupScreenCount() const;
-    [[nodiscard]] int setupCameraCount() const;
+    [[nodiscard]] FakeCaptureSession& screenSessionFake() { return screenSession_; }
+    [[nodiscard]] FakeCaptureSession& cameraSessionFake() { return cameraSession_; }
+    [[nodiscard]] int cleanupCount() const { return lockedCopy(mutex_, cleanups_); }
+    [[nodiscard]] int setupScreenCount() const { return lockedCopy(mutex_, screenSetups_); }
+    [[nodiscard]] int setupCameraCount() const { return lockedCopy(mutex_, cameraSetups_); }
 
 private:
     bool post(const std::shared_ptr<CaptureOutput>& output, SampleBufferRef sample);
 
     CallLog* const calls_;
-    StubCaptureSession screenSession_;
-    StubCaptureSession cameraSession_;
+    FakeCaptureSession screenSession_;
+    FakeCaptureSession cameraSession_;
     std::atomic<bool> overlay_{true};
     std::atomic<CameraOverlayPreset> preset_{CameraOverlayPreset::medium};
     mutable std::mutex mutex_;
@@ -196,8 +170,10 @@ public:
 
     // Both operations then answer with nothing.
     void setReturnsNull(bool returnsNull) { returnsNull_.store(returnsNull); }
-    [[nodiscard]] std::vector<Call> composeCalls() const;
-    [[nodiscard]] std::vector<Call> plainCalls() const;
+    [[nodiscard]] std::vector<Call> composeCalls() const {
+        return lockedCopy(mutex_, composeCalls_);
+    }
+    [[nodiscard]] std::vector<Call> plainCalls() const { return lockedCopy(mutex_, plainCalls_); }
 
 private:
     std::atomic<bool> overlay_{true};
@@ -229,7 +205,7 @@ public:
 
     // Runs after each report has been recorded (on the reporting thread).
     void setOnReport(std::function<void(const Report&)> hook);
-    [[nodiscard]] std::vector<Report> reports() const;
+    [[nodiscard]] std::vector<Report> reports() const { return lockedCopy(mutex_, reports_); }
     [[nodiscard]] size_t count() const;
     // Blocks until there are at least `n` reports or the timeout passed.
     bool waitForCount(size_t n, std::chrono::milliseconds timeout) const;

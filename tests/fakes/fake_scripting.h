@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "fakes/locked.h"
 #include "platform/scripting.h"
 
 namespace gb::fakes {
@@ -34,13 +35,9 @@ public:
 
     // Runs on every activation (after it was counted).
     void setOnActivate(std::function<void()> hook) {
-        std::lock_guard lock(mutex_);
-        onActivate_ = std::move(hook);
+        lockedSet(mutex_, onActivate_, std::move(hook));
     }
-    [[nodiscard]] int activations() const {
-        std::lock_guard lock(mutex_);
-        return activations_;
-    }
+    [[nodiscard]] int activations() const { return lockedCopy(mutex_, activations_); }
 
 private:
     const std::string bundleIdentifier_;
@@ -73,10 +70,7 @@ public:
         running_.erase(bundleIdentifier);
     }
     // The identifiers asked for, in order.
-    [[nodiscard]] std::vector<std::string> queries() const {
-        std::lock_guard lock(mutex_);
-        return queries_;
-    }
+    [[nodiscard]] std::vector<std::string> queries() const { return lockedCopy(mutex_, queries_); }
 
 private:
     mutable std::mutex mutex_;
@@ -101,22 +95,8 @@ public:
     }
 
     // Decides the outcome of every later run (it may also throw, like a broken runner).
-    void setResponder(Responder responder) {
-        std::lock_guard lock(mutex_);
-        responder_ = std::move(responder);
-    }
-    // Fails the scripts equal to `source` with the given description.
-    void failScript(std::string source, std::string description) {
-        setResponder([source = std::move(source),
-                      description = std::move(description)](const std::string& s) {
-            if (s != source) return ScriptOutcome{};
-            return ScriptOutcome{ScriptOutcome::Kind::failed, description};
-        });
-    }
-    [[nodiscard]] std::vector<std::string> scripts() const {
-        std::lock_guard lock(mutex_);
-        return scripts_;
-    }
+    void setResponder(Responder responder) { lockedSet(mutex_, responder_, std::move(responder)); }
+    [[nodiscard]] std::vector<std::string> scripts() const { return lockedCopy(mutex_, scripts_); }
 
 private:
     mutable std::mutex mutex_;

@@ -108,10 +108,6 @@ public:
         std::lock_guard lock(mutex_);
         links_.push_back({std::move(name), std::move(target)});
     }
-    void removeLinks() {
-        std::lock_guard lock(mutex_);
-        links_.clear();
-    }
     void setBusy(const std::string& path, bool busy) {
         std::lock_guard lock(mutex_);
         nodes_.at(path).config.busy = busy;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "fakes/fake_files.h"
+#include "fakes/locked.h"
 #include "fakes/log_capture.h"
 #include "platform/asset_writer.h"
 
@@ -51,23 +52,13 @@ public:
     }
 
     // ---- set-up
-    void setReady(bool ready) {
-        std::lock_guard lock(mutex_);
-        ready_ = ready;
-    }
-    void setAppendResult(bool ok) {
-        std::lock_guard lock(mutex_);
-        appendResult_ = ok;
-    }
+    void setReady(bool ready) { lockedSet(mutex_, ready_, ready); }
+    void setAppendResult(bool ok) { lockedSet(mutex_, appendResult_, ok); }
 
     // ---- inspection
-    [[nodiscard]] bool expectsMediaDataInRealTime() const {
-        std::lock_guard lock(mutex_);
-        return realTime_;
-    }
+    [[nodiscard]] bool expectsMediaDataInRealTime() const { return lockedCopy(mutex_, realTime_); }
     [[nodiscard]] std::vector<SampleBufferRef> appended() const {
-        std::lock_guard lock(mutex_);
-        return appended_;
+        return lockedCopy(mutex_, appended_);
     }
     [[nodiscard]] std::vector<MediaTime> appendedTimes() const {
         std::lock_guard lock(mutex_);
@@ -75,17 +66,9 @@ public:
         for (const auto& s : appended_) times.push_back(s->presentationTime());
         return times;
     }
-    [[nodiscard]] size_t appendAttempts() const {
-        std::lock_guard lock(mutex_);
-        return appendAttempts_;
-    }
+    [[nodiscard]] size_t appendAttempts() const { return lockedCopy(mutex_, appendAttempts_); }
     [[nodiscard]] size_t appendsAfterFinish() const {
-        std::lock_guard lock(mutex_);
-        return appendsAfterFinish_;
-    }
-    [[nodiscard]] bool isFinished() const {
-        std::lock_guard lock(mutex_);
-        return finished_;
+        return lockedCopy(mutex_, appendsAfterFinish_);
     }
 
 private:
@@ -107,10 +90,10 @@ struct FakeWriterConfig {
     bool canAddVideoInput = true;
     bool canAddAudioInput = true;
     bool startWritingSucceeds = true;
-    std::optional<PlatformError> startWritingError;  // the error after a failed start
+    std::optional<PlatformError> startWritingError = std::nullopt;  // left by a failed start
     bool holdFinish = false;  // keep the finishWriting completion until releaseFinish()
     AssetWriterStatus finishStatus = AssetWriterStatus::completed;
-    std::optional<PlatformError> finishError;
+    std::optional<PlatformError> finishError = std::nullopt;
 };
 
 class FakeAssetWriter final : public AssetWriter {
@@ -167,13 +150,9 @@ public:
     }
 
     // ---- set-up
-    void setStatus(AssetWriterStatus status) {
-        std::lock_guard lock(mutex_);
-        status_ = status;
-    }
+    void setStatus(AssetWriterStatus status) { lockedSet(mutex_, status_, status); }
     void setError(std::optional<PlatformError> error) {
-        std::lock_guard lock(mutex_);
-        error_ = std::move(error);
+        lockedSet(mutex_, error_, std::move(error));
     }
     // Runs a held finishWriting completion, on the calling thread. False when none is held.
     bool releaseFinish() {
@@ -191,21 +170,13 @@ public:
     // ---- inspection
     [[nodiscard]] const std::string& path() const { return path_; }
     [[nodiscard]] std::vector<AssetWriterInputRef> inputs() const {
-        std::lock_guard lock(mutex_);
-        return inputs_;
+        return lockedCopy(mutex_, inputs_);
     }
     [[nodiscard]] std::vector<MediaTime> sessionStarts() const {
-        std::lock_guard lock(mutex_);
-        return sessionStarts_;
+        return lockedCopy(mutex_, sessionStarts_);
     }
-    [[nodiscard]] int finishCalls() const {
-        std::lock_guard lock(mutex_);
-        return finishCalls_;
-    }
-    [[nodiscard]] int startWritingCalls() const {
-        std::lock_guard lock(mutex_);
-        return startWritingCalls_;
-    }
+    [[nodiscard]] int finishCalls() const { return lockedCopy(mutex_, finishCalls_); }
+    [[nodiscard]] int startWritingCalls() const { return lockedCopy(mutex_, startWritingCalls_); }
     [[nodiscard]] bool isFinishHeld() const {
         std::lock_guard lock(mutex_);
         return static_cast<bool>(held_);
@@ -266,14 +237,10 @@ public:
     }
 
     // ---- set-up
-    void setConfig(FakeWriterConfig config) {
-        std::lock_guard lock(mutex_);
-        config_ = std::move(config);
-    }
+    void setConfig(FakeWriterConfig config) { lockedSet(mutex_, config_, std::move(config)); }
     // Every later makeWriter fails with this error; nullopt lets them succeed again.
     void setMakeWriterError(std::optional<PlatformError> error) {
-        std::lock_guard lock(mutex_);
-        makeWriterError_ = std::move(error);
+        lockedSet(mutex_, makeWriterError_, std::move(error));
     }
 
     // ---- inspection
@@ -281,25 +248,19 @@ public:
         std::string path;
         FileType fileType;
     };
-    [[nodiscard]] std::vector<Request> requests() const {
-        std::lock_guard lock(mutex_);
-        return requests_;
-    }
+    [[nodiscard]] std::vector<Request> requests() const { return lockedCopy(mutex_, requests_); }
     [[nodiscard]] std::vector<WriterOutputSettings> inputSettings() const {
-        std::lock_guard lock(mutex_);
-        return inputSettings_;
+        return lockedCopy(mutex_, inputSettings_);
     }
     [[nodiscard]] std::vector<std::shared_ptr<FakeAssetWriter>> writers() const {
-        std::lock_guard lock(mutex_);
-        return writers_;
+        return lockedCopy(mutex_, writers_);
     }
     [[nodiscard]] std::shared_ptr<FakeAssetWriter> lastWriter() const {
         std::lock_guard lock(mutex_);
         return writers_.empty() ? nullptr : writers_.back();
     }
     [[nodiscard]] std::vector<std::shared_ptr<FakeAssetWriterInput>> inputs() const {
-        std::lock_guard lock(mutex_);
-        return inputs_;
+        return lockedCopy(mutex_, inputs_);
     }
     // The video and audio inputs made for the last writer.
     [[nodiscard]] std::shared_ptr<FakeAssetWriterInput> lastInput(MediaType type) const {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -38,27 +39,27 @@ public:
         std::lock_guard lock(mutex_);
         lines_.clear();
     }
+    // How many lines are `line` exactly.
     [[nodiscard]] size_t count(const std::string& line) const {
-        std::lock_guard lock(mutex_);
-        return static_cast<size_t>(std::count(lines_.begin(), lines_.end(), line));
-    }
-    [[nodiscard]] size_t countPrefix(const std::string& prefix) const {
-        std::lock_guard lock(mutex_);
-        return static_cast<size_t>(std::count_if(
-            lines_.begin(), lines_.end(), [&](const auto& l) { return l.rfind(prefix, 0) == 0; }));
+        return countIf([&](const std::string& l) { return l == line; });
     }
     [[nodiscard]] bool contains(const std::string& line) const { return count(line) > 0; }
+    [[nodiscard]] size_t countPrefix(const std::string& prefix) const {
+        return countIf([&](const std::string& l) { return l.starts_with(prefix); });
+    }
+    // How many lines contain `text` anywhere.
+    [[nodiscard]] size_t countContaining(const std::string& text) const {
+        return countIf([&](const std::string& l) { return l.find(text) != std::string::npos; });
+    }
     // The lines that start with one of the prefixes, in order.
     [[nodiscard]] std::vector<std::string> linesStartingWith(
         const std::vector<std::string>& prefixes) const {
         std::lock_guard lock(mutex_);
         std::vector<std::string> out;
         for (const auto& l : lines_) {
-            for (const auto& p : prefixes) {
-                if (l.rfind(p, 0) == 0) {
-                    out.push_back(l);
-                    break;
-                }
+            if (std::any_of(prefixes.begin(), prefixes.end(),
+                            [&](const std::string& p) { return l.starts_with(p); })) {
+                out.push_back(l);
             }
         }
         return out;
@@ -70,8 +71,23 @@ public:
             return static_cast<size_t>(std::count(lines_.begin(), lines_.end(), line)) >= times;
         });
     }
+    // Blocks until a line containing `text` was logged, or the timeout passed.
+    bool waitForContaining(const std::string& text,
+                           std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] {
+            return std::any_of(lines_.begin(), lines_.end(), [&](const std::string& l) {
+                return l.find(text) != std::string::npos;
+            });
+        });
+    }
 
 private:
+    size_t countIf(const std::function<bool(const std::string&)>& match) const {
+        std::lock_guard lock(mutex_);
+        return static_cast<size_t>(std::count_if(lines_.begin(), lines_.end(), match));
+    }
+
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<std::string> lines_;  // guarded by mutex_

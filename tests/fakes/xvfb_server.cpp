@@ -2,32 +2,18 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
+
+#include "fakes/test_environment.h"
 
 namespace gb::fakes {
-namespace {
 
-// Waits up to `timeoutMs` for the child to end and reaps it; true when it ended.
-bool waitForExit(pid_t pid, int timeoutMs) {
-    const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-    if (pidfd >= 0) {
-        pollfd pfd{pidfd, POLLIN, 0};
-        poll(&pfd, 1, timeoutMs);
-        close(pidfd);
-    }
-    int status = 0;
-    // Without pidfd (old kernels) wait blocking; Xvfb ends promptly on SIGTERM.
-    return waitpid(pid, &status, pidfd >= 0 ? WNOHANG : 0) == pid;
-}
+XvfbServer::XvfbServer(std::unique_ptr<ChildProcess> process, std::string displayName)
+    : process_(std::move(process)), displayName_(std::move(displayName)) {}
 
-}  // namespace
+XvfbServer::~XvfbServer() = default;
 
 std::unique_ptr<XvfbServer> XvfbServer::start(const Options& options) {
     int fds[2];
@@ -38,29 +24,9 @@ std::unique_ptr<XvfbServer> XvfbServer::start(const Options& options) {
                                      "-screen",   "0",          screen,
                                      "-nolisten", "tcp",        "-noreset"};
     args.insert(args.end(), options.extraArguments.begin(), options.extraArguments.end());
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-
-    const pid_t parent = getpid();
-    const pid_t pid = fork();
-    if (pid < 0) {
-        close(fds[0]);
-        close(fds[1]);
-        return nullptr;
-    }
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent) _exit(1);
-        fcntl(fds[1], F_SETFD, 0);  // Xvfb writes the display number here
-        const int devnull = open("/dev/null", O_WRONLY);
-        if (devnull >= 0) {
-            dup2(devnull, STDOUT_FILENO);
-            dup2(devnull, STDERR_FILENO);
-        }
-        execvp("Xvfb", argv.data());
-        _exit(127);
-    }
+    ChildProcess::Options childOptions;
+    childOptions.keepFd = fds[1];  // Xvfb writes the display number here
+    auto process = std::make_unique<ChildProcess>(std::move(args), childOptions);
     close(fds[1]);
 
     // Xvfb writes "N\n" once it accepts connections; EOF means it gave up.
@@ -77,26 +43,19 @@ std::unique_ptr<XvfbServer> XvfbServer::start(const Options& options) {
         }
     }
     close(fds[0]);
-    auto server = std::unique_ptr<XvfbServer>(new XvfbServer(pid, ":" + number));
     if (!complete || number.empty()) {
         std::fprintf(stderr, "Xvfb did not start (is it installed?)\n");
-        return nullptr;  // the destructor ends the child
+        return nullptr;  // the process handle ends the child
     }
-    return server;
+    return std::unique_ptr<XvfbServer>(new XvfbServer(std::move(process), ":" + number));
+}
+
+pid_t XvfbServer::pid() const {
+    return process_->pid();
 }
 
 void XvfbServer::kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGTERM);
-    if (!waitForExit(pid_, 5'000)) {
-        ::kill(pid_, SIGKILL);
-        waitForExit(pid_, 5'000);
-    }
-    pid_ = -1;
-}
-
-XvfbServer::~XvfbServer() {
-    kill();
+    process_->stop();
 }
 
 }  // namespace gb::fakes

@@ -11,6 +11,8 @@
 
 namespace gb::fakes {
 
+class ChildProcess;
+
 class XvfbServer {
 public:
     struct Options {
@@ -30,14 +32,13 @@ public:
 
     // ":N"
     [[nodiscard]] const std::string& displayName() const { return displayName_; }
-    [[nodiscard]] pid_t pid() const { return pid_; }
+    [[nodiscard]] pid_t pid() const;
     // Ends the server now (SIGTERM, then SIGKILL if it lingers) and waits for it.
     void kill();
 
 private:
-    XvfbServer(pid_t pid, std::string displayName)
-        : pid_(pid), displayName_(std::move(displayName)) {}
-    pid_t pid_;
+    XvfbServer(std::unique_ptr<ChildProcess> process, std::string displayName);
+    std::unique_ptr<ChildProcess> process_;
     std::string displayName_;
 };
 

@@ -535,43 +535,29 @@ TEST_F(FfmpegAssetWriterTest, StatusGoesUnknownWritingCompletedAndEachCompletion
     EXPECT_FALSE(video->isReadyForMoreMediaData());
     EXPECT_FALSE(video->append(videoSample(makePicture(320, 240, 10), start + 10 * kFrameNs)));
 
-    std::mutex m;
-    std::condition_variable cv;
-    int first = 0, second = 0;
-    std::thread::id firstThread;
-    writer->finishWriting([&] {
-        std::lock_guard lock(m);
-        ++first;
-        firstThread = std::this_thread::get_id();
-        cv.notify_all();
-    });
-    {
-        std::unique_lock lock(m);
-        ASSERT_TRUE(cv.wait_for(lock, 30s, [&] { return first > 0; }));
-    }
+    // Each finish calls its completion exactly once; the first on a thread of the writer's.
+    const auto finish = [&] {
+        auto calls = std::make_shared<std::atomic<int>>(0);
+        auto done = std::make_shared<std::promise<std::thread::id>>();
+        writer->finishWriting([calls, done] {
+            if (calls->fetch_add(1) == 0) done->set_value(std::this_thread::get_id());
+        });
+        auto thread = done->get_future();
+        EXPECT_EQ(thread.wait_for(30s), std::future_status::ready);
+        std::this_thread::sleep_for(50ms);  // a second call would show up here
+        EXPECT_EQ(calls->load(), 1);
+        return thread.get();
+    };
+    EXPECT_NE(finish(), std::this_thread::get_id());
     EXPECT_EQ(writer->status(), AssetWriterStatus::completed);
-    EXPECT_NE(firstThread, std::this_thread::get_id());
     struct stat before {};
     ASSERT_EQ(::stat(file.c_str(), &before), 0);
-
     // A second finish only gets its completion called; the file is not rewritten again.
-    writer->finishWriting([&] {
-        std::lock_guard lock(m);
-        ++second;
-        cv.notify_all();
-    });
-    {
-        std::unique_lock lock(m);
-        ASSERT_TRUE(cv.wait_for(lock, 10s, [&] { return second > 0; }));
-    }
-    std::this_thread::sleep_for(50ms);
+    (void)finish();
     struct stat after {};
     ASSERT_EQ(::stat(file.c_str(), &after), 0);
     EXPECT_EQ(before.st_ino, after.st_ino);
     EXPECT_EQ(before.st_size, after.st_size);
-    std::lock_guard lock(m);
-    EXPECT_EQ(first, 1);
-    EXPECT_EQ(second, 1);
     EXPECT_EQ(writer->status(), AssetWriterStatus::completed);
 }
 

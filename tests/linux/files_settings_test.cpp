@@ -11,18 +11,19 @@
 #include <thread>
 #include <vector>
 
-#include "linux/scoped_environment.h"
+#include "fakes/log_capture.h"
+#include "fakes/test_environment.h"
 #include "linux/xdg_files.h"
-#include "recording/log.h"
 
 namespace gb::linuxp {
 namespace {
 
+using fakes::LogCapture;
+using fakes::ScopedEnvironment;
+using fakes::TempDirectory;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
-using testsupport::ScopedEnvironment;
-using testsupport::TempDirectory;
 
 unsigned modeOf(const std::string& path) {
     struct stat info {};
@@ -53,24 +54,6 @@ protected:
 
     TempDirectory dir_;
     ScopedEnvironment environment_;
-};
-
-// Captures log lines for the life of the object.
-class LogLines {
-public:
-    LogLines()
-        : previous_(setLogSink([this](std::string_view line) { lines_.emplace_back(line); })) {}
-    ~LogLines() { setLogSink(std::move(previous_)); }
-    LogLines(const LogLines&) = delete;
-    LogLines& operator=(const LogLines&) = delete;
-    LogLines(LogLines&&) = delete;
-    LogLines& operator=(LogLines&&) = delete;
-    // Only read after the logging threads are done.
-    const std::vector<std::string>& lines() const { return lines_; }
-
-private:
-    std::vector<std::string> lines_;
-    LogSink previous_;
 };
 
 // ---- Documents -------------------------------------------------------------------------------
@@ -175,7 +158,7 @@ TEST_F(FileSystemTest, ReportsWhyAFolderCannotBeMade) {
     ASSERT_TRUE(std::filesystem::create_directory(locked));
     ::chmod(dir_.path().c_str(), 0755);
     ::chmod(locked.c_str(), 0555);
-    const int code = testsupport::runUnprivileged([&] {
+    const int code = fakes::runUnprivileged([&] {
         const auto result = XdgFileSystem().createDirectory(locked + "/Recordings/x", true);
         return result.ok() ? 0 : result.error().code;
     });
@@ -225,7 +208,7 @@ TEST_F(SettingsTest, TheFileLivesInTheXdgConfigFolder) {
 
     // With nowhere to keep them, settings read as absent and a write says why it failed.
     QSettingsDefaultsStore nowhere;
-    LogLines logs;
+    LogCapture logs;
     nowhere.setBool(true, "vsCodeAutomationEnabled");
     EXPECT_EQ(nowhere.boolForKey("vsCodeAutomationEnabled"), std::nullopt);
     ASSERT_EQ(logs.lines().size(), 1u);
@@ -255,7 +238,7 @@ TEST_F(SettingsTest, ValuesSurviveARestart) {
     EXPECT_EQ(QSettingsDefaultsStore().boolForKey("vsCodeAutomationEnabled"), false);
 
     // A relative path is not a folder URL: refused with a line, the old value kept.
-    LogLines logs;
+    LogCapture logs;
     restarted.setURL("relative/folder", "customSaveLocation");
     EXPECT_EQ(restarted.urlForKey("customSaveLocation"), folder);
     ASSERT_EQ(logs.lines().size(), 1u);
@@ -305,7 +288,7 @@ TEST_F(SettingsTest, ADamagedFileReadsAsEmptyAndIsKeptAsideWhenWritten) {
     // Qt parses part of it (vsCodeAutomationEnabled would read true) but flags it as damaged.
     const std::string damaged = "[General\nvsCodeAutomationEnabled=true\n\xff\xfe=1\nother=5\n";
     writeFile(file, damaged);
-    LogLines logs;
+    LogCapture logs;
     QSettingsDefaultsStore store;
     EXPECT_EQ(store.boolForKey("vsCodeAutomationEnabled"), std::nullopt);
     EXPECT_EQ(store.urlForKey("customSaveLocation"), std::nullopt);
@@ -326,7 +309,7 @@ TEST_F(SettingsTest, AFileThatCannotBeWrittenIsReported) {
     // A folder stands where the settings file should be.
     const std::string file = home() + "/.config/Glimmerbox/Glimmerbox.conf";
     std::filesystem::create_directories(file);
-    LogLines logs;
+    LogCapture logs;
     QSettingsDefaultsStore store;
     EXPECT_EQ(store.boolForKey("vsCodeAutomationEnabled"), std::nullopt);
     store.setBool(true, "vsCodeAutomationEnabled");

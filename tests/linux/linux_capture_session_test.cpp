@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "fakes/fake_dispatch.h"
+#include "fakes/log_capture.h"
 #include "linux/portable/thread_dispatch.h"
-#include "recording/log.h"
 
 namespace gb::linuxp {
 namespace {
@@ -22,44 +22,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-
-// Lines written through logLine while alive.
-class LogCapture {
-public:
-    LogCapture() {
-        previous_ = setLogSink([this](std::string_view line) {
-            std::lock_guard lock(mutex_);
-            lines_.emplace_back(line);
-        });
-    }
-    ~LogCapture() { setLogSink(std::move(previous_)); }
-    [[nodiscard]] std::vector<std::string> lines() const {
-        std::lock_guard lock(mutex_);
-        return lines_;
-    }
-
-private:
-    LogSink previous_;
-    mutable std::mutex mutex_;
-    std::vector<std::string> lines_;  // guarded by mutex_
-};
-
-// Start and stop calls of every fake source, in order.
-class EventLog {
-public:
-    void add(std::string event) {
-        std::lock_guard lock(mutex_);
-        events_.push_back(std::move(event));
-    }
-    [[nodiscard]] std::vector<std::string> events() const {
-        std::lock_guard lock(mutex_);
-        return events_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<std::string> events_;  // guarded by mutex_
-};
+using EventLog = fakes::CallLog;  // start and stop calls of every fake source, in order
 
 // A source that delivers whatever the test emits. Emitting holds the lock that stop() takes, so
 // once stop() returned, nothing is delivered any more (as the contract asks of real sources).
@@ -187,17 +150,26 @@ protected:
         return std::make_shared<FakeInput>(type, name, events);
     }
 
+    // Wires the screen source to the video output, whose samples go to `receiving`, and starts.
+    void startScreen(std::shared_ptr<SerialQueue> receiving) {
+        videoOut->setSampleBufferDelegate(delegate, std::move(receiving));
+        session.addInput(screen);
+        session.addOutput(videoOut);
+        session.startRunning();
+    }
+
     EventLog events;
-    LogCapture log;
+    fakes::LogCapture log;
     LinuxCaptureSession session;
     std::shared_ptr<fakes::ManualQueue> queue = std::make_shared<fakes::ManualQueue>("rec");
+    std::shared_ptr<FakeInput> screen = input(MediaType::video, "screen");
+    std::shared_ptr<LinuxVideoDataOutput> videoOut = std::make_shared<LinuxVideoDataOutput>();
+    std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
 };
 
 TEST_F(LinuxCaptureSessionTest, KeepsInputsAndOutputsInAddingOrder) {
-    auto screen = input(MediaType::video, "screen");
     auto mic = input(MediaType::audio, "mic");
     auto audioOut = std::make_shared<LinuxAudioDataOutput>();
-    auto videoOut = std::make_shared<LinuxVideoDataOutput>();
     session.addInput(screen);
     session.addInput(mic);
     session.addOutput(audioOut);
@@ -213,7 +185,6 @@ TEST_F(LinuxCaptureSessionTest, KeepsInputsAndOutputsInAddingOrder) {
 }
 
 TEST_F(LinuxCaptureSessionTest, RefusesDuplicatesAndObjectsItCannotConnect) {
-    auto screen = input(MediaType::video, "screen");
     auto output = std::make_shared<LinuxVideoDataOutput>();
     EXPECT_TRUE(session.canAddInput(screen));
     session.addInput(screen);
@@ -241,7 +212,7 @@ TEST_F(LinuxCaptureSessionTest, StartsSourcesInAddingOrderAndStopsThemLastFirst)
     session.addInput(input(MediaType::audio, "mic"));
     session.addOutput(std::make_shared<LinuxVideoDataOutput>());
     session.addOutput(std::make_shared<LinuxAudioDataOutput>());
-    EXPECT_THAT(events.events(), IsEmpty());
+    EXPECT_THAT(events.calls(), IsEmpty());
 
     session.startRunning();
     session.startRunning();  // already running: nothing more
@@ -250,17 +221,16 @@ TEST_F(LinuxCaptureSessionTest, StartsSourcesInAddingOrderAndStopsThemLastFirst)
     session.stopRunning();  // already stopped: nothing more
     EXPECT_FALSE(session.isRunning());
 
-    EXPECT_THAT(events.events(),
+    EXPECT_THAT(events.calls(),
                 ElementsAre("start screen", "start mic", "stop mic", "stop screen"));
 }
 
 TEST_F(LinuxCaptureSessionTest, DeliversEachSampleOnTheQueueWithTheFirstOutputOfItsType) {
-    auto screen = input(MediaType::video, "screen");
     auto mic = input(MediaType::audio, "mic");
     auto firstVideo = std::make_shared<LinuxVideoDataOutput>();
     auto secondVideo = std::make_shared<LinuxVideoDataOutput>();
     auto audioOut = std::make_shared<LinuxAudioDataOutput>();
-    auto delegate = std::make_shared<RecordingDelegate>(queue.get());
+    delegate = std::make_shared<RecordingDelegate>(queue.get());
     for (auto& out :
          std::vector<std::shared_ptr<CaptureOutput>>{firstVideo, secondVideo, audioOut}) {
         out->setSampleBufferDelegate(delegate, queue);
@@ -299,15 +269,13 @@ TEST_F(LinuxCaptureSessionTest, LeavesAnInputWithoutOutputOfItsTypeIdle) {
     session.addOutput(std::make_shared<LinuxAudioDataOutput>());
     session.startRunning();
     session.stopRunning();
-    EXPECT_THAT(events.events(), IsEmpty());
+    EXPECT_THAT(events.calls(), IsEmpty());
 }
 
 TEST_F(LinuxCaptureSessionTest, LogsASourceThatFailsToStartAndRunsTheOthers) {
-    auto screen = input(MediaType::video, "screen");
     auto mic = input(MediaType::audio, "mic");
     screen->source.failStart = true;
     auto audioOut = std::make_shared<LinuxAudioDataOutput>();
-    auto delegate = std::make_shared<RecordingDelegate>();
     audioOut->setSampleBufferDelegate(delegate, queue);
     session.addInput(screen);
     session.addInput(mic);
@@ -325,21 +293,14 @@ TEST_F(LinuxCaptureSessionTest, LogsASourceThatFailsToStartAndRunsTheOthers) {
     session.beginConfiguration();
     session.commitConfiguration();
     session.stopRunning();
-    EXPECT_THAT(events.events(), ElementsAre("start screen", "start mic", "stop mic"));
+    EXPECT_THAT(events.calls(), ElementsAre("start screen", "start mic", "stop mic"));
 }
 
 TEST_F(LinuxCaptureSessionTest, VideoOutputDropsFramesBeyondTwoInFlightAndLogsTheTotalAtStop) {
-    auto screen = input(MediaType::video, "screen");
-    auto output = std::make_shared<LinuxVideoDataOutput>();
-    auto delegate = std::make_shared<RecordingDelegate>();
-    output->setSampleBufferDelegate(delegate, queue);
-    session.addInput(screen);
-    session.addOutput(output);
-    session.startRunning();
-
+    startScreen(queue);
     for (int i = 0; i < 5; ++i) ASSERT_TRUE(screen->source.emit(videoSample(i)));
     EXPECT_EQ(queue->pendingCount(), 2u);
-    EXPECT_EQ(output->core().dropCount(), 3u);
+    EXPECT_EQ(videoOut->core().dropCount(), 3u);
 
     // Once the queue caught up, frames are taken again.
     queue->runPending();
@@ -375,14 +336,9 @@ TEST_F(LinuxCaptureSessionTest, AudioOutputLetsFiftyBuffersWait) {
 
 TEST_F(LinuxCaptureSessionTest, StalledDelegateNeverBlocksTheCaptureThread) {
     auto realQueue = std::make_shared<ThreadSerialQueue>("glimmerbox.recording");
-    auto screen = input(MediaType::video, "screen");
-    auto output = std::make_shared<LinuxVideoDataOutput>();
-    auto delegate = std::make_shared<RecordingDelegate>(realQueue.get());
+    delegate = std::make_shared<RecordingDelegate>(realQueue.get());
     delegate->block();
-    output->setSampleBufferDelegate(delegate, realQueue);
-    session.addInput(screen);
-    session.addOutput(output);
-    session.startRunning();
+    startScreen(realQueue);
 
     // The first frame enters the (stuck) delegate, the second waits on the queue, the rest go.
     ASSERT_TRUE(screen->source.emit(videoSample(0)));
@@ -392,7 +348,7 @@ TEST_F(LinuxCaptureSessionTest, StalledDelegateNeverBlocksTheCaptureThread) {
     });
     ASSERT_EQ(capture.wait_for(std::chrono::seconds(10)), std::future_status::ready)
         << "the capture thread blocked on a stalled delegate";
-    EXPECT_EQ(output->core().dropCount(), 98u);
+    EXPECT_EQ(videoOut->core().dropCount(), 98u);
 
     delegate->unblock();
     ASSERT_TRUE(delegate->waitFor(2));
@@ -407,80 +363,59 @@ TEST_F(LinuxCaptureSessionTest, StalledDelegateNeverBlocksTheCaptureThread) {
 }
 
 TEST_F(LinuxCaptureSessionTest, SampleForAReleasedDelegateIsDroppedSilently) {
-    auto screen = input(MediaType::video, "screen");
-    auto output = std::make_shared<LinuxVideoDataOutput>();
-    auto delegate = std::make_shared<RecordingDelegate>();
-    output->setSampleBufferDelegate(delegate, queue);
-    session.addInput(screen);
-    session.addOutput(output);
-    session.startRunning();
+    startScreen(queue);
     ASSERT_TRUE(screen->source.emit(videoSample(0)));
     delegate.reset();
     EXPECT_EQ(queue->runPending(), 1);
-    EXPECT_EQ(output->core().inFlight(), 0);
+    EXPECT_EQ(videoOut->core().inFlight(), 0);
     session.stopRunning();
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 TEST_F(LinuxCaptureSessionTest, SampleOfAReleasedOutputIsDroppedSilently) {
-    auto screen = input(MediaType::video, "screen");
-    auto output = std::make_shared<LinuxVideoDataOutput>();
-    auto delegate = std::make_shared<RecordingDelegate>();
-    output->setSampleBufferDelegate(delegate, queue);
-    session.addInput(screen);
-    session.addOutput(output);
-    session.startRunning();
+    startScreen(queue);
     ASSERT_TRUE(screen->source.emit(videoSample(0)));
     session.stopRunning();
-    session.removeOutput(output);
-    output.reset();  // a waiting sample does not keep its output alive
+    session.removeOutput(videoOut);
+    videoOut.reset();  // a waiting sample does not keep its output alive
     EXPECT_EQ(queue->runPending(), 1);
     EXPECT_THAT(delegate->deliveries(), IsEmpty());
 }
 
 TEST_F(LinuxCaptureSessionTest, SamplesOfADiscardedQueueGiveTheirPlacesBack) {
-    auto screen = input(MediaType::video, "screen");
-    auto output = std::make_shared<LinuxVideoDataOutput>();
-    auto delegate = std::make_shared<RecordingDelegate>();
-    output->setSampleBufferDelegate(delegate, queue);
-    session.addInput(screen);
-    session.addOutput(output);
-    session.startRunning();
+    startScreen(queue);
     ASSERT_TRUE(screen->source.emit(videoSample(0)));
     ASSERT_TRUE(screen->source.emit(videoSample(1)));
-    EXPECT_EQ(output->core().inFlight(), 2);
+    EXPECT_EQ(videoOut->core().inFlight(), 2);
 
     auto next = std::make_shared<fakes::ManualQueue>("next");
-    output->setSampleBufferDelegate(delegate, next);
+    videoOut->setSampleBufferDelegate(delegate, next);
     queue.reset();  // its two closures are dropped unrun
-    EXPECT_EQ(output->core().inFlight(), 0);
+    EXPECT_EQ(videoOut->core().inFlight(), 0);
 
     ASSERT_TRUE(screen->source.emit(videoSample(2)));
     EXPECT_EQ(next->runPending(), 1);
-    EXPECT_EQ(output->core().dropCount(), 0u);
+    EXPECT_EQ(videoOut->core().dropCount(), 0u);
     ASSERT_EQ(delegate->deliveries().size(), 1u);
 }
 
 TEST_F(LinuxCaptureSessionTest, ChangesWhileRunningTakeEffectAtCommit) {
-    auto screen = input(MediaType::video, "screen");
-    session.addInput(screen);
-    session.addOutput(std::make_shared<LinuxVideoDataOutput>());
-    session.startRunning();
+    startScreen(queue);
 
     auto mic = input(MediaType::audio, "mic");
     session.beginConfiguration();
     session.addInput(mic);
     session.addOutput(std::make_shared<LinuxAudioDataOutput>());
     session.removeInput(screen);
-    EXPECT_THAT(events.events(), ElementsAre("start screen"));
+    EXPECT_THAT(events.calls(), ElementsAre("start screen"));
     session.commitConfiguration();
-    EXPECT_THAT(events.events(), ElementsAre("start screen", "stop screen", "start mic"));
+    EXPECT_THAT(events.calls(), ElementsAre("start screen", "stop screen", "start mic"));
 
     session.removeInput(mic);  // outside a transaction: at once
-    EXPECT_THAT(events.events(),
+    EXPECT_THAT(events.calls(),
                 ElementsAre("start screen", "stop screen", "start mic", "stop mic"));
     session.stopRunning();
-    EXPECT_EQ(events.events().size(), 4u);
+    EXPECT_EQ(events.calls().size(), 4u);
 }
 
 TEST_F(LinuxCaptureSessionTest, StartInsideATransactionWaitsForTheCommit) {
@@ -488,9 +423,9 @@ TEST_F(LinuxCaptureSessionTest, StartInsideATransactionWaitsForTheCommit) {
     session.addInput(input(MediaType::video, "screen"));
     session.addOutput(std::make_shared<LinuxVideoDataOutput>());
     session.startRunning();
-    EXPECT_THAT(events.events(), IsEmpty());
+    EXPECT_THAT(events.calls(), IsEmpty());
     session.commitConfiguration();
-    EXPECT_THAT(events.events(), ElementsAre("start screen"));
+    EXPECT_THAT(events.calls(), ElementsAre("start screen"));
     session.stopRunning();
 }
 
@@ -503,12 +438,12 @@ TEST(LinuxCaptureSessionLifetime, DestroyingARunningSessionStopsItsSources) {
         session.addOutput(std::make_shared<LinuxVideoDataOutput>());
         session.startRunning();
     }
-    EXPECT_THAT(events.events(), ElementsAre("start screen", "stop screen"));
+    EXPECT_THAT(events.calls(), ElementsAre("start screen", "stop screen"));
     EXPECT_FALSE(screen->source.emit(videoSample(0)));
 }
 
 TEST(LinuxVideoDataOutputTest, KeepsBgraWhenAskedForAnotherFormat) {
-    LogCapture log;
+    fakes::LogCapture log;
     LinuxVideoDataOutput output;
     output.setVideoSettings({kPixelFormatBGRA});
     EXPECT_THAT(log.lines(), IsEmpty());

@@ -8,19 +8,21 @@
 #include <cstring>
 #include <thread>
 
-#include "camera_test_support.h"
+#include "fakes/frame_collector.h"
+#include "fakes/log_capture.h"
+#include "fakes/pixel_buffers.h"
 #include "linux/v4l2_camera.h"
 
 namespace gb::linuxp {
 namespace {
 
-using test::Bgra;
-using test::FrameCollector;
-using test::LogCapture;
-using test::pixelAt;
+using fakes::Bgra;
+using fakes::FrameCollector;
+using fakes::LogCapture;
+using fakes::sourceOf;
 
-CaptureSource& sourceOf(const std::shared_ptr<CaptureInput>& input) {
-    return dynamic_cast<SourceBackedInput&>(*input).captureSource();
+Bgra pixelAt(const PixelBuffer& image, int x, int y) {
+    return fakes::channelsAt(image, x, y);
 }
 
 std::shared_ptr<CaptureInput> inputOf(const CaptureDeviceRef& camera) {

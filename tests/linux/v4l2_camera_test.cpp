@@ -13,8 +13,10 @@ extern "C" {
 #include <libavutil/frame.h>
 }
 
-#include "camera_test_support.h"
 #include "fakes/fake_v4l2.h"
+#include "fakes/frame_collector.h"
+#include "fakes/log_capture.h"
+#include "fakes/pixel_buffers.h"
 #include "linux/camera_access.h"
 #include "linux/camera_common.h"
 #include "linux/camera_frame_converter.h"
@@ -23,14 +25,14 @@ extern "C" {
 namespace gb::linuxp {
 namespace {
 
+using fakes::Bgra;
 using fakes::FakeFrameSize;
 using fakes::FakePixelFormat;
 using fakes::FakeV4l2;
 using fakes::FakeV4l2Node;
-using test::Bgra;
-using test::FrameCollector;
-using test::LogCapture;
-using test::pixelAt;
+using fakes::FrameCollector;
+using fakes::LogCapture;
+using fakes::sourceOf;
 
 constexpr const char* kPath = "/dev/video0";
 
@@ -127,7 +129,7 @@ std::vector<uint8_t> jpegHalves(int width, int height, Rgb left, Rgb right) {
 }
 
 void expectColour(const PixelBuffer& image, int x, int y, Rgb expected, int tolerance) {
-    const Bgra p = pixelAt(image, x, y);
+    const Bgra p = fakes::channelsAt(image, x, y);
     EXPECT_NEAR(p.r, expected.r, tolerance) << "red at " << x << "," << y;
     EXPECT_NEAR(p.g, expected.g, tolerance) << "green at " << x << "," << y;
     EXPECT_NEAR(p.b, expected.b, tolerance) << "blue at " << x << "," << y;
@@ -183,9 +185,31 @@ std::shared_ptr<V4l2CameraDevice> onlyCamera(FakeV4l2& fake) {
     return std::dynamic_pointer_cast<V4l2CameraDevice>(cameras.front());
 }
 
-CaptureSource& sourceOf(const std::shared_ptr<CaptureInput>& input) {
-    return dynamic_cast<SourceBackedInput&>(*input).captureSource();
-}
+// One camera node in a fake device world, and the capture source of its input.
+class V4l2CaptureTest : public ::testing::Test {
+protected:
+    // Adds the node and makes the input of its camera; null when that fails.
+    CaptureSource* capture(FakeV4l2Node node) {
+        fake.addNode(std::move(node));
+        camera = onlyCamera(fake);
+        if (!camera) return nullptr;
+        auto made = camera->makeInput();
+        if (!made.ok()) return nullptr;
+        input = made.value();
+        return &sourceOf(input);
+    }
+    // Waits for a queued buffer, fills it and waits until `requeues` buffers came back.
+    void push(const std::vector<uint8_t>& frame, size_t requeues, uint32_t flags = 0) {
+        ASSERT_TRUE(fake.waitForQueuedBuffer(kPath));
+        ASSERT_TRUE(fake.pushFrame(kPath, frame, flags));
+        ASSERT_TRUE(fake.waitForRequeues(kPath, requeues));
+    }
+
+    LogCapture log;
+    FakeV4l2 fake;
+    std::shared_ptr<V4l2CameraDevice> camera;
+    std::shared_ptr<CaptureInput> input;
+};
 
 // ---- discovery and description ----------------------------------------------------------------
 
@@ -239,8 +263,7 @@ TEST(V4l2CameraDiscovery, RangesOfSizesOfferTheCommonSizesThatFit) {
     EXPECT_EQ(cameras[2]->info().formats, sizes({{96, 96}}));
 }
 
-TEST(V4l2CameraDiscovery, EachSizeUsesThePixelFormatThatReachesThirtyFramesCheapest) {
-    FakeV4l2 fake;
+TEST_F(V4l2CaptureTest, EachSizeUsesThePixelFormatThatReachesThirtyFramesCheapest) {
     FakeV4l2Node node = webcam();
     node.formats = {
         pixelFormat(V4L2_PIX_FMT_MJPEG,
@@ -252,34 +275,29 @@ TEST(V4l2CameraDiscovery, EachSizeUsesThePixelFormatThatReachesThirtyFramesCheap
     node.formats[0].intervals[{640, 480}] = {{1, 30}};
     node.formats[1].intervals[{640, 480}] = {{1, 30}, {1, 15}};
     node.formats[1].intervals[{1280, 720}] = {{1, 10}, {1, 5}};  // USB 2 bandwidth
-    fake.addNode(node);
-    auto camera = onlyCamera(fake);
-    ASSERT_TRUE(camera);
+    CaptureSource* source = capture(node);
+    ASSERT_NE(source, nullptr);
     ASSERT_EQ(camera->info().formats, sizes({{1280, 720}, {640, 480}}));
+    const auto choose = [&](int index) {
+        ASSERT_TRUE(camera->lockForConfiguration().ok());
+        camera->setActiveFormat(index);
+        camera->unlockForConfiguration();
+    };
 
-    ASSERT_TRUE(camera->lockForConfiguration().ok());
-    camera->setActiveFormat(0);
-    camera->unlockForConfiguration();
+    choose(0);
     const V4l2Format hd = camera->chosenFormat();
     EXPECT_EQ(hd.pixelFormat, static_cast<uint32_t>(V4L2_PIX_FMT_MJPEG));  // YUYV makes only 10
     EXPECT_EQ(hd.intervalNumerator, 1U);
     EXPECT_EQ(hd.intervalDenominator, 30U);  // not 60: frames beyond the screen's rate are waste
-
     // Both reach 30 frames: the one that needs no decoding.
-    ASSERT_TRUE(camera->lockForConfiguration().ok());
-    camera->setActiveFormat(1);
-    camera->unlockForConfiguration();
+    choose(1);
     EXPECT_EQ(camera->chosenFormat().pixelFormat, static_cast<uint32_t>(V4L2_PIX_FMT_YUYV));
 
     // The capture asks the driver for what was chosen.
-    ASSERT_TRUE(camera->lockForConfiguration().ok());
-    camera->setActiveFormat(0);
-    camera->unlockForConfiguration();
-    auto input = camera->makeInput();
-    ASSERT_TRUE(input.ok());
+    choose(0);
     FrameCollector frames;
-    ASSERT_TRUE(sourceOf(input.value()).start(frames.deliver()).ok());
-    sourceOf(input.value()).stop();
+    ASSERT_TRUE(source->start(frames.deliver()).ok());
+    source->stop();
     const auto set = fake.lastSetFormat(kPath);
     ASSERT_TRUE(set.has_value());
     EXPECT_EQ(set->pixelformat, static_cast<uint32_t>(V4L2_PIX_FMT_MJPEG));
@@ -355,13 +373,11 @@ TEST(V4l2SystemCalls, ListVideoNodesInNumberOrderAndRejectWhatIsNoCamera) {
 
 // ---- busy devices and configuration -----------------------------------------------------------
 
-TEST(V4l2CameraBusy, DeviceHeldByAnotherProgramIsSuspendedAndRefusesTheLock) {
-    FakeV4l2 fake;
+TEST_F(V4l2CaptureTest, DeviceHeldByAnotherProgramIsSuspendedAndRefusesTheLock) {
     FakeV4l2Node node = webcam();
     node.busy = true;
-    fake.addNode(node);
-    auto camera = onlyCamera(fake);
-    ASSERT_TRUE(camera);
+    CaptureSource* source = capture(node);
+    ASSERT_NE(source, nullptr);
 
     CameraDeviceInfo info = camera->info();
     EXPECT_TRUE(info.connected);
@@ -369,11 +385,8 @@ TEST(V4l2CameraBusy, DeviceHeldByAnotherProgramIsSuspendedAndRefusesTheLock) {
     const Result<void> lock = camera->lockForConfiguration();
     ASSERT_FALSE(lock.ok());
     EXPECT_EQ(lock.error().localizedDescription, "Camera HD Webcam is in use by another program");
-
-    auto input = camera->makeInput();
-    ASSERT_TRUE(input.ok());
     FrameCollector frames;
-    const Result<void> started = sourceOf(input.value()).start(frames.deliver());
+    const Result<void> started = source->start(frames.deliver());
     ASSERT_FALSE(started.ok());
     EXPECT_EQ(started.error().localizedDescription,
               "Camera HD Webcam is in use by another program");
@@ -383,6 +396,14 @@ TEST(V4l2CameraBusy, DeviceHeldByAnotherProgramIsSuspendedAndRefusesTheLock) {
     EXPECT_FALSE(camera->info().suspended);
     EXPECT_TRUE(camera->lockForConfiguration().ok());
     camera->unlockForConfiguration();
+
+    // Our own capture does not make the camera look busy.
+    ASSERT_TRUE(source->start(frames.deliver()).ok());
+    EXPECT_TRUE(camera->info().connected);
+    EXPECT_FALSE(camera->info().suspended);
+    EXPECT_TRUE(camera->lockForConfiguration().ok());
+    camera->unlockForConfiguration();
+    source->stop();
 }
 
 TEST(V4l2CameraBusy, NodeThatRefusesToOpenWhileBusyIsListedAsSuspended) {
@@ -403,34 +424,12 @@ TEST(V4l2CameraBusy, NodeThatRefusesToOpenWhileBusyIsListedAsSuspended) {
               std::string::npos);
 }
 
-TEST(V4l2CameraBusy, OurOwnCaptureDoesNotMakeTheCameraSuspended) {
-    FakeV4l2 fake;
-    fake.addNode(smallCamera(V4L2_PIX_FMT_YUYV, 64, 32));
-    auto camera = onlyCamera(fake);
-    ASSERT_TRUE(camera);
-    auto input = camera->makeInput();
-    ASSERT_TRUE(input.ok());
-    FrameCollector frames;
-    ASSERT_TRUE(sourceOf(input.value()).start(frames.deliver()).ok());
-
-    const CameraDeviceInfo info = camera->info();
-    EXPECT_TRUE(info.connected);
-    EXPECT_FALSE(info.suspended);
-    EXPECT_TRUE(camera->lockForConfiguration().ok());
-    camera->unlockForConfiguration();
-    sourceOf(input.value()).stop();
-}
-
-TEST(V4l2CameraConfiguration, ActiveFormatChangesOnlyWhileLockedAndAppliesAtCaptureStart) {
-    LogCapture log;
-    FakeV4l2 fake;
-    fake.addNode(webcam());
-    auto camera = onlyCamera(fake);
-    ASSERT_TRUE(camera);
-
+TEST_F(V4l2CaptureTest, ActiveFormatChangesOnlyWhileLockedAndAppliesAtCaptureStart) {
+    CaptureSource* source = capture(webcam());
+    ASSERT_NE(source, nullptr);
     camera->setActiveFormat(0);  // not locked
     EXPECT_EQ(camera->info().activeFormatIndex, 1);
-    EXPECT_EQ(log.count("not locked for configuration"), 1U);
+    EXPECT_EQ(log.countContaining("not locked for configuration"), 1U);
 
     ASSERT_TRUE(camera->lockForConfiguration().ok());
     camera->setActiveFormat(3);
@@ -439,11 +438,9 @@ TEST(V4l2CameraConfiguration, ActiveFormatChangesOnlyWhileLockedAndAppliesAtCapt
     EXPECT_EQ(camera->info().activeFormatIndex, 3);
     EXPECT_FALSE(fake.lastSetFormat(kPath).has_value());  // nothing applied yet
 
-    auto input = camera->makeInput();
-    ASSERT_TRUE(input.ok());
     FrameCollector frames;
-    ASSERT_TRUE(sourceOf(input.value()).start(frames.deliver()).ok());
-    sourceOf(input.value()).stop();
+    ASSERT_TRUE(source->start(frames.deliver()).ok());
+    source->stop();
     const auto set = fake.lastSetFormat(kPath);
     ASSERT_TRUE(set.has_value());
     EXPECT_EQ(set->width, 320U);
@@ -453,45 +450,37 @@ TEST(V4l2CameraConfiguration, ActiveFormatChangesOnlyWhileLockedAndAppliesAtCapt
 
 // ---- capture ----------------------------------------------------------------------------------
 
-TEST(V4l2CameraCapture, YuyvFramesArriveAsBgraStampedWithTheMonotonicClock) {
-    LogCapture log;
-    FakeV4l2 fake;
+TEST_F(V4l2CaptureTest, YuyvFramesArriveAsBgraStampedWithTheMonotonicClock) {
     FakeV4l2Node node = smallCamera(V4L2_PIX_FMT_YUYV, 64, 32);
     node.bytesPerLinePadding = 32;  // rows wider than the picture
-    fake.addNode(node);
-    auto camera = onlyCamera(fake);
-    ASSERT_TRUE(camera);
-    auto input = camera->makeInput();
-    ASSERT_TRUE(input.ok());
-    CaptureSource& source = sourceOf(input.value());
-    EXPECT_EQ(source.mediaType(), MediaType::video);
+    CaptureSource* source = capture(node);
+    ASSERT_NE(source, nullptr);
+    EXPECT_EQ(source->mediaType(), MediaType::video);
     FrameCollector frames;
-    ASSERT_TRUE(source.start(frames.deliver()).ok());
+    ASSERT_TRUE(source->start(frames.deliver()).ok());
     EXPECT_TRUE(fake.streaming(kPath));
 
     const int64_t before = monotonicNanoseconds();
-    ASSERT_TRUE(fake.waitForQueuedBuffer(kPath));
-    ASSERT_TRUE(fake.pushFrame(kPath, yuyvHalves(64, 32, 64 * 2 + 32, kRed, kBlue)));
+    push(yuyvHalves(64, 32, 64 * 2 + 32, kRed, kBlue), 1);
     ASSERT_TRUE(frames.waitForCount(1));
     const int64_t after = monotonicNanoseconds();
 
     const SampleBufferRef sample = frames.last();
-    ASSERT_TRUE(sample);
+    ASSERT_TRUE(sample && sample->imageBuffer());
     EXPECT_EQ(sample->mediaType(), MediaType::video);
-    const PixelBufferRef& image = sample->imageBuffer();
-    ASSERT_TRUE(image);
-    EXPECT_EQ(image->width(), 64);
-    EXPECT_EQ(image->height(), 32);
-    EXPECT_EQ(image->pixelFormat(), kPixelFormatBGRA);
-    expectColour(*image, 8, 8, kRed, 6);
-    expectColour(*image, 20, 30, kRed, 6);
-    expectColour(*image, 44, 4, kBlue, 6);
-    expectColour(*image, 60, 28, kBlue, 6);
+    const PixelBuffer& image = *sample->imageBuffer();
+    EXPECT_EQ(image.width(), 64);
+    EXPECT_EQ(image.height(), 32);
+    EXPECT_EQ(image.pixelFormat(), kPixelFormatBGRA);
+    expectColour(image, 8, 8, kRed, 6);
+    expectColour(image, 20, 30, kRed, 6);
+    expectColour(image, 44, 4, kBlue, 6);
+    expectColour(image, 60, 28, kBlue, 6);
     const int64_t stamp = sample->presentationTime().nanoseconds();
     EXPECT_GE(stamp, before);
     EXPECT_LE(stamp, after);
 
-    source.stop();
+    source->stop();
     EXPECT_FALSE(fake.streaming(kPath));
     EXPECT_EQ(fake.openDescriptors(), 0U);
     EXPECT_EQ(fake.activeMappings(), 0U);
@@ -500,29 +489,18 @@ TEST(V4l2CameraCapture, YuyvFramesArriveAsBgraStampedWithTheMonotonicClock) {
               1U);
 }
 
-TEST(V4l2CameraCapture, MjpegFramesAreDecodedToBgraAndCorruptOnesAreCounted) {
+TEST_F(V4l2CaptureTest, MjpegFramesAreDecodedToBgraAndCorruptOnesAreCounted) {
     const std::vector<uint8_t> jpeg = jpegHalves(64, 48, kGreen, kMagenta);
     ASSERT_FALSE(jpeg.empty());
-
-    LogCapture log;
-    FakeV4l2 fake;
-    fake.addNode(smallCamera(V4L2_PIX_FMT_MJPEG, 64, 48));
-    auto camera = onlyCamera(fake);
-    ASSERT_TRUE(camera);
-    auto input = camera->makeInput();
-    ASSERT_TRUE(input.ok());
-    CaptureSource& source = sourceOf(input.value());
+    CaptureSource* source = capture(smallCamera(V4L2_PIX_FMT_MJPEG, 64, 48));
+    ASSERT_NE(source, nullptr);
     FrameCollector frames;
-    ASSERT_TRUE(source.start(frames.deliver()).ok());
+    ASSERT_TRUE(source->start(frames.deliver()).ok());
 
-    ASSERT_TRUE(fake.waitForQueuedBuffer(kPath));
-    ASSERT_TRUE(fake.pushFrame(kPath, std::vector<uint8_t>(500, 0x5a)));  // not a JPEG
-    ASSERT_TRUE(fake.waitForRequeues(kPath, 1));
-    ASSERT_TRUE(fake.pushFrame(kPath, jpeg, V4L2_BUF_FLAG_ERROR));  // the driver flagged it
-    ASSERT_TRUE(fake.waitForRequeues(kPath, 2));
-    ASSERT_TRUE(fake.pushFrame(kPath, jpeg));
+    push(std::vector<uint8_t>(500, 0x5a), 1);  // not a JPEG
+    push(jpeg, 2, V4L2_BUF_FLAG_ERROR);        // the driver flagged it
+    push(jpeg, 3);
     ASSERT_TRUE(frames.waitForCount(1));
-    ASSERT_TRUE(fake.waitForRequeues(kPath, 3));
 
     const SampleBufferRef sample = frames.last();
     ASSERT_TRUE(sample && sample->imageBuffer());
@@ -534,32 +512,22 @@ TEST(V4l2CameraCapture, MjpegFramesAreDecodedToBgraAndCorruptOnesAreCounted) {
     expectColour(image, 40, 8, kMagenta, 12);
     expectColour(image, 56, 40, kMagenta, 12);
 
-    source.stop();
+    source->stop();
     EXPECT_EQ(frames.count(), 1U);
     EXPECT_EQ(log.count("📷 Camera Small Cam: 1 frames delivered, 0 dropped (no free buffer), "
                         "2 unreadable"),
               1U);
 }
 
-TEST(V4l2CameraCapture, FramesDropWhenEveryPoolSlotIsHeldDownstream) {
-    LogCapture log;
-    FakeV4l2 fake;
-    fake.addNode(smallCamera(V4L2_PIX_FMT_YUYV, 32, 16));
-    auto camera = onlyCamera(fake);
-    ASSERT_TRUE(camera);
-    auto input = camera->makeInput();
-    ASSERT_TRUE(input.ok());
-    CaptureSource& source = sourceOf(input.value());
+TEST_F(V4l2CaptureTest, FramesDropWhenEveryPoolSlotIsHeldDownstream) {
+    CaptureSource* source = capture(smallCamera(V4L2_PIX_FMT_YUYV, 32, 16));
+    ASSERT_NE(source, nullptr);
     FrameCollector slowConsumer(/*holdAll=*/true);
-    ASSERT_TRUE(source.start(slowConsumer.deliver()).ok());
+    ASSERT_TRUE(source->start(slowConsumer.deliver()).ok());
 
     const auto frame = yuyvHalves(32, 16, 64, kRed, kBlue);
-    for (size_t i = 1; i <= 7; ++i) {
-        ASSERT_TRUE(fake.waitForQueuedBuffer(kPath));
-        ASSERT_TRUE(fake.pushFrame(kPath, frame));
-        ASSERT_TRUE(fake.waitForRequeues(kPath, i));
-    }
-    source.stop();
+    for (size_t i = 1; i <= 7; ++i) push(frame, i);
+    source->stop();
     const auto held = slowConsumer.held();
     ASSERT_EQ(held.size(), 4U);  // the pool's slots
     EXPECT_EQ(slowConsumer.distinctAddresses(), 4U);
@@ -570,19 +538,13 @@ TEST(V4l2CameraCapture, FramesDropWhenEveryPoolSlotIsHeldDownstream) {
     expectColour(*held[0]->imageBuffer(), 4, 4, kRed, 6);
 }
 
-TEST(V4l2CameraCapture, SteadyStreamReusesThePoolAndTheSourceRestarts) {
-    FakeV4l2 fake;
-    fake.addNode(smallCamera(V4L2_PIX_FMT_YUYV, 32, 16));
-    auto camera = onlyCamera(fake);
-    ASSERT_TRUE(camera);
-    auto input = camera->makeInput();
-    ASSERT_TRUE(input.ok());
-    CaptureSource& source = sourceOf(input.value());
-
+TEST_F(V4l2CaptureTest, SteadyStreamReusesThePoolAndTheSourceRestarts) {
+    CaptureSource* source = capture(smallCamera(V4L2_PIX_FMT_YUYV, 32, 16));
+    ASSERT_NE(source, nullptr);
+    const auto frame = yuyvHalves(32, 16, 64, kBlue, kRed);
     for (int run = 0; run < 2; ++run) {
         FrameCollector frames;  // keeps only the newest frame, as the recorder does
-        ASSERT_TRUE(source.start(frames.deliver()).ok());
-        const auto frame = yuyvHalves(32, 16, 64, kBlue, kRed);
+        ASSERT_TRUE(source->start(frames.deliver()).ok());
         for (size_t i = 1; i <= 40; ++i) {
             ASSERT_TRUE(fake.waitForQueuedBuffer(kPath));
             ASSERT_TRUE(fake.pushFrame(kPath, frame));
@@ -590,62 +552,49 @@ TEST(V4l2CameraCapture, SteadyStreamReusesThePoolAndTheSourceRestarts) {
         }
         EXPECT_LE(frames.distinctAddresses(), 4U);  // 40 frames through at most 4 slots
         const auto times = frames.timesNanoseconds();
-        for (size_t i = 1; i < times.size(); ++i) EXPECT_GT(times[i], times[i - 1]);
-        source.stop();
+        EXPECT_EQ(std::adjacent_find(times.begin(), times.end(), std::greater_equal<>()),
+                  times.end());  // stamps only go up
+        source->stop();
         frames.release();
     }
     EXPECT_EQ(fake.openDescriptors(), 0U);
     EXPECT_EQ(fake.activeMappings(), 0U);
 }
 
-TEST(V4l2CameraCapture, CameraThatVanishesEndsTheStreamWithOneLineAndStopsPromptly) {
-    LogCapture log;
-    FakeV4l2 fake;
-    fake.addNode(smallCamera(V4L2_PIX_FMT_YUYV, 32, 16));
-    auto camera = onlyCamera(fake);
-    ASSERT_TRUE(camera);
-    auto input = camera->makeInput();
-    ASSERT_TRUE(input.ok());
-    CaptureSource& source = sourceOf(input.value());
+TEST_F(V4l2CaptureTest, CameraThatVanishesEndsTheStreamWithOneLineAndStopsPromptly) {
+    CaptureSource* source = capture(smallCamera(V4L2_PIX_FMT_YUYV, 32, 16));
+    ASSERT_NE(source, nullptr);
     FrameCollector frames;
-    ASSERT_TRUE(source.start(frames.deliver()).ok());
-
+    ASSERT_TRUE(source->start(frames.deliver()).ok());
     const auto frame = yuyvHalves(32, 16, 64, kRed, kBlue);
-    for (size_t i = 1; i <= 2; ++i) {
-        ASSERT_TRUE(fake.waitForQueuedBuffer(kPath));
-        ASSERT_TRUE(fake.pushFrame(kPath, frame));
-        ASSERT_TRUE(frames.waitForCount(i));
-    }
+    for (size_t i = 1; i <= 2; ++i) push(frame, i);
+    ASSERT_TRUE(frames.waitForCount(2));
     fake.disappear(kPath);
-    ASSERT_TRUE(log.waitFor("stopped delivering frames"));
+    ASSERT_TRUE(log.waitForContaining("stopped delivering frames"));
     EXPECT_FALSE(fake.pushFrame(kPath, frame));
 
     const auto begin = std::chrono::steady_clock::now();
-    source.stop();
+    source->stop();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
     EXPECT_EQ(frames.count(), 2U);
     EXPECT_EQ(log.count("📷 Camera Small Cam stopped delivering frames (No such device) - the "
                         "recording goes on without new camera frames"),
               1U);
-    EXPECT_EQ(log.count("stopped delivering"), 1U);
+    EXPECT_EQ(log.countContaining("stopped delivering"), 1U);
     EXPECT_EQ(fake.openDescriptors(), 0U);
     EXPECT_EQ(fake.activeMappings(), 0U);
-    source.stop();  // again: nothing happens
+    source->stop();  // again: nothing happens
 }
 
-TEST(V4l2CameraCapture, StalledCameraStopsPromptly) {
-    FakeV4l2 fake;
-    fake.addNode(smallCamera(V4L2_PIX_FMT_MJPEG, 32, 16));
-    auto camera = onlyCamera(fake);
-    ASSERT_TRUE(camera);
-    auto input = camera->makeInput();
-    ASSERT_TRUE(input.ok());
+TEST_F(V4l2CaptureTest, StalledCameraStopsPromptly) {
+    CaptureSource* source = capture(smallCamera(V4L2_PIX_FMT_MJPEG, 32, 16));
+    ASSERT_NE(source, nullptr);
     FrameCollector frames;
-    ASSERT_TRUE(sourceOf(input.value()).start(frames.deliver()).ok());
-    ASSERT_FALSE(sourceOf(input.value()).start(frames.deliver()).ok());  // already running
+    ASSERT_TRUE(source->start(frames.deliver()).ok());
+    ASSERT_FALSE(source->start(frames.deliver()).ok());  // already running
 
     const auto begin = std::chrono::steady_clock::now();
-    input = std::shared_ptr<CaptureInput>();  // dropping the input stops its source
+    input.reset();  // dropping the input stops its source
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
     EXPECT_EQ(frames.count(), 0U);
     EXPECT_EQ(fake.openDescriptors(), 0U);

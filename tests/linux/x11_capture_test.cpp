@@ -4,16 +4,17 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 #include <variant>
 #include <vector>
 
+#include "fakes/frame_collector.h"
+#include "fakes/log_capture.h"
+#include "fakes/pixel_buffers.h"
+#include "fakes/test_environment.h"
 #include "fakes/xvfb_server.h"
 #include "linux/linux_capture_factory.h"
 #include "linux/linux_capture_session.h"
@@ -21,7 +22,6 @@
 #include "linux/portable/thread_dispatch.h"
 #include "linux/x11_display.h"
 #include "linux/x11_screen_input.h"
-#include "recording/log.h"
 
 // Last: Xlib's macros (None, Bool, Status) clash with names in the headers above.
 #include <X11/Xlib.h>
@@ -50,96 +50,13 @@ constexpr size_t atLeast(size_t frames) {
     return kSanitized ? 1 : frames;
 }
 
+using fakes::FrameCollector;
+using fakes::LogCapture;
+using fakes::pixelAt;
 using ::testing::Contains;
 using ::testing::HasSubstr;
 
 constexpr unsigned long kBackground = 0x3366cc;  // R 0x33, G 0x66, B 0xcc
-
-class LogCapture {
-public:
-    LogCapture() {
-        previous_ = setLogSink([this](std::string_view line) {
-            {
-                std::lock_guard lock(mutex_);
-                lines_.emplace_back(line);
-            }
-            changed_.notify_all();
-        });
-    }
-    ~LogCapture() { setLogSink(std::move(previous_)); }
-    [[nodiscard]] std::vector<std::string> lines() const {
-        std::lock_guard lock(mutex_);
-        return lines_;
-    }
-    // Waits (at most 10 s) for a line containing `text`.
-    bool waitForLine(const std::string& text) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(10), [&] {
-            for (const auto& l : lines_) {
-                if (l.find(text) != std::string::npos) return true;
-            }
-            return false;
-        });
-    }
-
-private:
-    LogSink previous_;
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> lines_;  // guarded by mutex_
-};
-
-// Keeps delivered frames (or only counts them) and lets the test wait for some.
-class FrameCollector {
-public:
-    explicit FrameCollector(bool keepFrames = true) : keepFrames_(keepFrames) {}
-
-    CaptureSource::Deliver deliver() {
-        return [this](const SampleBufferRef& sample) {
-            {
-                std::lock_guard lock(mutex_);
-                ++count_;
-                buffers_.insert(sample->imageBuffer()->baseAddress());
-                stamps_.push_back(sample->presentationTime().nanoseconds());
-                if (keepFrames_ || frames_.empty()) frames_.push_back(sample);
-            }
-            changed_.notify_all();
-        };
-    }
-    bool waitFor(size_t count) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return count_ >= count; });
-    }
-    [[nodiscard]] size_t count() const {
-        std::lock_guard lock(mutex_);
-        return count_;
-    }
-    [[nodiscard]] SampleBufferRef frame(size_t i) const {
-        std::lock_guard lock(mutex_);
-        return frames_.at(i);
-    }
-    [[nodiscard]] std::vector<int64_t> stamps() const {
-        std::lock_guard lock(mutex_);
-        return stamps_;
-    }
-    [[nodiscard]] size_t distinctBuffers() const {
-        std::lock_guard lock(mutex_);
-        return buffers_.size();
-    }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        frames_.clear();
-    }
-
-private:
-    const bool keepFrames_;
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    size_t count_ = 0;                     // guarded by mutex_
-    std::vector<SampleBufferRef> frames_;  // guarded by mutex_
-    std::vector<int64_t> stamps_;          // guarded by mutex_
-    std::set<const uint8_t*> buffers_;     // guarded by mutex_
-};
 
 struct DisplayCloser {
     void operator()(Display* d) const { XCloseDisplay(d); }
@@ -169,13 +86,6 @@ public:
 private:
     std::unique_ptr<Display, DisplayCloser> display_;
 };
-
-uint32_t pixelAt(const PixelBuffer& buffer, int x, int y) {
-    uint32_t value = 0;
-    std::memcpy(&value,
-                buffer.baseAddress() + static_cast<size_t>(y) * buffer.bytesPerRow() + x * 4, 4);
-    return value;
-}
 
 // BGRA bytes of the opaque background, read as a little-endian word.
 constexpr uint32_t kBackgroundBgra = 0xff000000u | kBackground;
@@ -220,9 +130,9 @@ protected:
     static SampleBufferRef grabOne(X11CaptureOptions o) {
         X11ScreenSource source(rootID(), std::move(o));
         FrameCollector frames;
-        if (!source.start(frames.deliver()).ok() || !frames.waitFor(1)) return nullptr;
+        if (!source.start(frames.deliver()).ok() || !frames.waitForCount(1)) return nullptr;
         source.stop();
-        return frames.frame(0);
+        return frames.last();
     }
 
     static std::unique_ptr<fakes::XvfbServer> server_;
@@ -247,15 +157,9 @@ TEST_F(X11CaptureTest, MainScreenIsTheRootWindowWhenRandrNamesNoPrimary) {
 }
 
 TEST_F(X11CaptureTest, PointsArePixelsDividedByTheDesktopScale) {
-    const char* old = std::getenv("GDK_SCALE");
-    const std::string saved = old != nullptr ? old : "";
-    setenv("GDK_SCALE", "2", 1);
+    fakes::ScopedEnvironment environment;
+    environment.set("GDK_SCALE", "2");
     auto screen = X11DisplayProvider(server_->displayName()).mainScreen();
-    if (old != nullptr) {
-        setenv("GDK_SCALE", saved.c_str(), 1);
-    } else {
-        unsetenv("GDK_SCALE");
-    }
     ASSERT_TRUE(screen.has_value());
     EXPECT_EQ(screen->widthPoints, 960);
     EXPECT_EQ(screen->heightPoints, 540);
@@ -275,53 +179,39 @@ TEST_F(X11CaptureTest, UnknownDisplayIdentifierGivesNoInput) {
     EXPECT_NE(X11ScreenInput::create(rootID(), options()), nullptr);
 }
 
-TEST_F(X11CaptureTest, GrabsTheScreenAsOpaqueBgraThroughXShm) {
-    auto o = options();
-    o.capturesCursor = false;
-    X11ScreenSource source(rootID(), o);
-    FrameCollector frames;
-    const int64_t before = monotonicNanoseconds();
-    ASSERT_TRUE(source.start(frames.deliver()).ok());
-    ASSERT_TRUE(frames.waitFor(1));
-    const int64_t after = monotonicNanoseconds();
-    EXPECT_TRUE(source.stats().usingXShm);
-    source.stop();
+TEST_F(X11CaptureTest, GrabsTheScreenAsOpaqueBgraThroughXShmOrXGetImage) {
+    for (const bool forceXGetImage : {false, true}) {
+        SCOPED_TRACE(forceXGetImage ? "XGetImage" : "XShm");
+        auto o = options();
+        o.capturesCursor = false;
+        o.forceXGetImage = forceXGetImage;
+        X11ScreenSource source(rootID(), o);
+        FrameCollector frames(/*holdAll=*/true);
+        const int64_t before = monotonicNanoseconds();
+        ASSERT_TRUE(source.start(frames.deliver()).ok());
+        ASSERT_TRUE(frames.waitForCount(1));
+        const int64_t after = monotonicNanoseconds();
+        EXPECT_EQ(source.stats().usingXShm, !forceXGetImage);
+        source.stop();
 
-    const auto frame = frames.frame(0);
-    const auto& image = *frame->imageBuffer();
-    EXPECT_EQ(image.width(), 1920);
-    EXPECT_EQ(image.height(), 1080);
-    EXPECT_EQ(image.bytesPerRow(), 1920u * 4);
-    const uint8_t* p = image.baseAddress();
-    EXPECT_EQ(p[0], 0xcc);  // blue
-    EXPECT_EQ(p[1], 0x66);  // green
-    EXPECT_EQ(p[2], 0x33);  // red
-    EXPECT_EQ(p[3], 0xff);  // alpha
-    for (auto [x, y] : {std::pair{0, 0}, {1919, 0}, {960, 540}, {0, 1079}, {1919, 1079}}) {
-        EXPECT_EQ(pixelAt(image, x, y), kBackgroundBgra) << x << "," << y;
-    }
-    // Stamped from the shared monotonic clock at the grab.
-    const int64_t stamp = frame->presentationTime().nanoseconds();
-    EXPECT_GE(stamp, before);
-    EXPECT_LE(stamp, after);
-    EXPECT_EQ(frame->timing().duration, MediaTime::fromNanoseconds(1'000'000'000 / 30));
-}
-
-TEST_F(X11CaptureTest, XGetImageFallbackGivesTheSamePixels) {
-    auto o = options();
-    o.capturesCursor = false;
-    o.forceXGetImage = true;
-    X11ScreenSource source(rootID(), o);
-    FrameCollector frames;
-    ASSERT_TRUE(source.start(frames.deliver()).ok());
-    ASSERT_TRUE(frames.waitFor(1));
-    EXPECT_FALSE(source.stats().usingXShm);
-    source.stop();
-    const auto& image = *frames.frame(0)->imageBuffer();
-    EXPECT_EQ(image.width(), 1920);
-    EXPECT_EQ(image.height(), 1080);
-    for (auto [x, y] : {std::pair{0, 0}, {1919, 1079}, {777, 333}}) {
-        EXPECT_EQ(pixelAt(image, x, y), kBackgroundBgra) << x << "," << y;
+        const auto frame = frames.held().front();
+        const auto& image = *frame->imageBuffer();
+        EXPECT_EQ(image.width(), 1920);
+        EXPECT_EQ(image.height(), 1080);
+        EXPECT_EQ(image.bytesPerRow(), 1920u * 4);
+        const uint8_t* p = image.baseAddress();
+        EXPECT_EQ(p[0], 0xcc);  // blue
+        EXPECT_EQ(p[1], 0x66);  // green
+        EXPECT_EQ(p[2], 0x33);  // red
+        EXPECT_EQ(p[3], 0xff);  // alpha
+        for (auto [x, y] : {std::pair{1919, 0}, {960, 540}, {777, 333}, {0, 1079}, {1919, 1079}}) {
+            EXPECT_EQ(pixelAt(image, x, y), kBackgroundBgra) << x << "," << y;
+        }
+        // Stamped from the shared monotonic clock at the grab.
+        const int64_t stamp = frame->presentationTime().nanoseconds();
+        EXPECT_GE(stamp, before);
+        EXPECT_LE(stamp, after);
+        EXPECT_EQ(frame->timing().duration, MediaTime::fromNanoseconds(1'000'000'000 / 30));
     }
 }
 
@@ -345,11 +235,11 @@ struct RunResult {
     X11CaptureStats stats;
 };
 RunResult runFor(X11ScreenSource& source, std::chrono::milliseconds window) {
-    FrameCollector frames(false);
+    FrameCollector frames;
     if (!source.start(frames.deliver()).ok()) return {};
     std::this_thread::sleep_for(window);  // the measuring window itself
     source.stop();
-    return {frames.count(), frames.stamps(), frames.distinctBuffers(), source.stats()};
+    return {frames.count(), frames.timesNanoseconds(), frames.distinctAddresses(), source.stats()};
 }
 
 TEST_F(X11CaptureTest, PacesFramesByTheMinimumFrameDuration) {
@@ -400,9 +290,9 @@ TEST_F(X11CaptureTest, DropsFramesWhileEveryBufferIsHeldAndNeverWaits) {
     o.poolSize = 3;
     X11ScreenSource source(rootID(), o);
     source.setMinFrameDuration(MediaTime::make(1, 100));
-    FrameCollector frames;  // keeps every frame: the pool runs dry
+    FrameCollector frames(/*holdAll=*/true);  // the pool runs dry
     ASSERT_TRUE(source.start(frames.deliver()).ok());
-    ASSERT_TRUE(frames.waitFor(3));
+    ASSERT_TRUE(frames.waitForCount(3));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     source.stop();  // returns although no buffer came back
     const auto stats = source.stats();
@@ -413,7 +303,7 @@ TEST_F(X11CaptureTest, DropsFramesWhileEveryBufferIsHeldAndNeverWaits) {
     EXPECT_THAT(log_.lines(), Contains(HasSubstr(" frames: every frame buffer was still in use")));
 
     // Released buffers are used again by the next run.
-    frames.clear();
+    frames.release();
     const auto again = runFor(source, std::chrono::milliseconds(300));
     EXPECT_GE(again.frames, atLeast(5));
 }
@@ -427,9 +317,9 @@ TEST_F(X11CaptureTest, FramesStayValidAfterTheCaptureEnds) {
         ASSERT_NE(input, nullptr);
         FrameCollector frames;
         ASSERT_TRUE(input->captureSource().start(frames.deliver()).ok());
-        ASSERT_TRUE(frames.waitFor(1));
+        ASSERT_TRUE(frames.waitForCount(1));
         input->captureSource().stop();
-        kept = frames.frame(0);
+        kept = frames.last();
     }
     // The input, its thread and its X connection are gone; the memory is not.
     EXPECT_EQ(pixelAt(*kept->imageBuffer(), 1500, 900), kBackgroundBgra);
@@ -519,18 +409,23 @@ TEST_F(X11CaptureTest, SessionHandsScreenFramesToTheDelegateOnItsQueue) {
 }
 
 // A server of its own for each test below: they change or end it.
-fakes::XvfbServer::Options serverOptions(int width, int height, int depth,
-                                         std::vector<std::string> extra = {}) {
-    fakes::XvfbServer::Options o;
-    o.width = width;
-    o.height = height;
-    o.depth = depth;
-    o.extraArguments = std::move(extra);
-    return o;
+std::unique_ptr<fakes::XvfbServer> startServer(int width, int height, int depth,
+                                               std::vector<std::string> extra = {}) {
+    return fakes::XvfbServer::start({width, height, depth, std::move(extra)});
+}
+
+// The screen input of the server's main screen (null when the display is refused).
+std::shared_ptr<X11ScreenInput> mainScreenInput(const fakes::XvfbServer& server) {
+    auto screen = X11DisplayProvider(server.displayName()).mainScreen();
+    if (!screen) return nullptr;
+    X11CaptureOptions o;
+    o.displayName = server.displayName();
+    return X11ScreenInput::create(
+        std::get<uint32_t>(screen->deviceDescription.at(kScreenNumberKey)), o);
 }
 
 TEST(X11CaptureServerTest, PrimaryRandrOutputIsTheMainScreen) {
-    auto server = fakes::XvfbServer::start(serverOptions(1920, 1080, 24, {"+extension", "RANDR"}));
+    auto server = startServer(1920, 1080, 24, {"+extension", "RANDR"});
     ASSERT_NE(server, nullptr);
     TestClient client(server->displayName());
     ASSERT_NE(client.get(), nullptr);
@@ -551,49 +446,37 @@ TEST(X11CaptureServerTest, PrimaryRandrOutputIsTheMainScreen) {
     EXPECT_EQ(provider.displayRectangle(static_cast<uint32_t>(output)),
               (PixelRect{0, 0, 1920, 1080}));
 
-    X11CaptureOptions o;
-    o.displayName = server->displayName();
-    auto input = X11ScreenInput::create(static_cast<uint32_t>(output), o);
+    auto input = mainScreenInput(*server);
     ASSERT_NE(input, nullptr);
     FrameCollector frames;
     ASSERT_TRUE(input->captureSource().start(frames.deliver()).ok());
-    ASSERT_TRUE(frames.waitFor(1));
+    ASSERT_TRUE(frames.waitForCount(1));
     input->captureSource().stop();
-    EXPECT_EQ(frames.frame(0)->imageBuffer()->width(), 1920);
-    EXPECT_EQ(frames.frame(0)->imageBuffer()->height(), 1080);
+    EXPECT_EQ(frames.last()->imageBuffer()->width(), 1920);
+    EXPECT_EQ(frames.last()->imageBuffer()->height(), 1080);
 }
 
 TEST(X11CaptureServerTest, RefusesADisplayThatIsNotTrueColor32) {
     LogCapture log;
-    auto server = fakes::XvfbServer::start(serverOptions(640, 480, 16));
+    auto server = startServer(640, 480, 16);
     ASSERT_NE(server, nullptr);
-    X11CaptureOptions o;
-    o.displayName = server->displayName();
-    auto screen = X11DisplayProvider(server->displayName()).mainScreen();
-    ASSERT_TRUE(screen.has_value());
-    const auto id = std::get<uint32_t>(screen->deviceDescription.at(kScreenNumberKey));
-    EXPECT_EQ(X11ScreenInput::create(id, o), nullptr);
+    EXPECT_EQ(mainScreenInput(*server), nullptr);
     EXPECT_THAT(log.lines(), Contains("❌ Screen capture needs a 24- or 32-bit TrueColor X "
                                       "display, but it has depth 16"));
 }
 
 TEST(X11CaptureServerTest, LosingTheDisplayEndsTheCaptureNotTheProgram) {
     LogCapture log;
-    auto server = fakes::XvfbServer::start(serverOptions(640, 480, 24));
+    auto server = startServer(640, 480, 24);
     ASSERT_NE(server, nullptr);
-    X11CaptureOptions o;
-    o.displayName = server->displayName();
-    auto screen = X11DisplayProvider(server->displayName()).mainScreen();
-    ASSERT_TRUE(screen.has_value());
-    auto input = X11ScreenInput::create(
-        std::get<uint32_t>(screen->deviceDescription.at(kScreenNumberKey)), o);
+    auto input = mainScreenInput(*server);
     ASSERT_NE(input, nullptr);
     FrameCollector frames;
     ASSERT_TRUE(input->captureSource().start(frames.deliver()).ok());
-    ASSERT_TRUE(frames.waitFor(1));
+    ASSERT_TRUE(frames.waitForCount(1));
 
     server->kill();
-    EXPECT_TRUE(log.waitForLine("❌ Screen capture stopped: the X display went away"));
+    EXPECT_TRUE(log.waitForContaining("❌ Screen capture stopped: the X display went away"));
     input->captureSource().stop();  // returns: the thread has ended by itself
     EXPECT_EQ(input->screenSource().stats().grabFailures, 1u);
     EXPECT_EQ(input->screenSource().stats().framesDelivered, frames.count());
@@ -602,14 +485,9 @@ TEST(X11CaptureServerTest, LosingTheDisplayEndsTheCaptureNotTheProgram) {
 
 TEST(X11CaptureServerTest, StartNoticesThatTheDisplayWentAwayBetweenRuns) {
     LogCapture log;
-    auto server = fakes::XvfbServer::start(serverOptions(640, 480, 24));
+    auto server = startServer(640, 480, 24);
     ASSERT_NE(server, nullptr);
-    X11CaptureOptions o;
-    o.displayName = server->displayName();
-    auto screen = X11DisplayProvider(server->displayName()).mainScreen();
-    ASSERT_TRUE(screen.has_value());
-    auto input = X11ScreenInput::create(
-        std::get<uint32_t>(screen->deviceDescription.at(kScreenNumberKey)), o);
+    auto input = mainScreenInput(*server);
     ASSERT_NE(input, nullptr);  // prepared: connection and buffers ready
 
     server->kill();
@@ -620,7 +498,7 @@ TEST(X11CaptureServerTest, StartNoticesThatTheDisplayWentAwayBetweenRuns) {
     if (started.ok()) {
         // Tests running in parallel may have started a server under the freed display number;
         // then the start rightly opened a new connection to it.
-        EXPECT_TRUE(frames.waitFor(1));
+        EXPECT_TRUE(frames.waitForCount(1));
         input->captureSource().stop();
     } else {
         EXPECT_EQ(started.error().localizedDescription,

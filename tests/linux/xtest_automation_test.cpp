@@ -19,26 +19,25 @@
 
 #include "automation/system_events_scripts.h"
 #include "automation/vscode_integration.h"
+#include "fakes/test_environment.h"
+#include "fakes/xvfb_server.h"
 #include "linux/portable/thread_dispatch.h"
 #include "linux/x11_accessibility.h"
 #include "linux/x11_application_finder.h"
 #include "linux/xtest_script_runner.h"
-#include "x_session.h"
 
 namespace gb::linuxp {
 namespace {
 
-using testsupport::ChildProcess;
-using testsupport::eventually;
-using testsupport::ScratchDirectory;
-using testsupport::toolPath;
-using testsupport::XvfbServer;
+using fakes::ChildProcess;
+using fakes::eventually;
+using fakes::toolPath;
 
 constexpr const char* kStable = "com.microsoft.VSCode";
 constexpr const char* kInsiders = "com.microsoft.VSCodeInsiders";
 constexpr const char* kOss = "com.visualstudio.code.oss";
 
-std::vector<std::string> readLines(const std::filesystem::path& path) {
+std::vector<std::string> readLines(const std::string& path) {
     std::ifstream file(path);
     std::vector<std::string> lines;
     for (std::string line; std::getline(file, line);) lines.push_back(line);
@@ -55,23 +54,33 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(std::filesystem::exists(toolPath("fake_editor")))
             << "build the fake_editor tool next to " << toolPath("");
-        display_.reset(XOpenDisplay(xvfb_.name().c_str()));
+        ASSERT_NE(xvfb_, nullptr);
+        display_.reset(XOpenDisplay(name().c_str()));
         ASSERT_NE(display_, nullptr);
+        finder = std::make_unique<X11ApplicationFinder>(name());
+        runner = std::make_unique<XTestScriptRunner>(name());
+    }
+
+    // Starts a fake editor with the stable editor's window class and finds it (null if never).
+    RunningApplicationRef startCode() {
+        startEditor("Code", "code.log");
+        const auto found = waitForApplications(kStable, 1);
+        return found.size() == 1 ? found.front() : nullptr;
     }
 
     // Starts a fake editor with this WM_CLASS class; its key log is `logName` in the scratch dir.
     ChildProcess& startEditor(const std::string& windowClass, const std::string& logName) {
         ChildProcess::Options options;
-        options.environment = {{"DISPLAY", xvfb_.name()}};
+        options.environment = {{"DISPLAY", name()}};
         editors_.push_back(std::make_unique<ChildProcess>(
             std::vector<std::string>{toolPath("fake_editor"), "--class", windowClass, "--log",
-                                     (scratch_.path() / logName).string()},
+                                     scratch_ / logName},
             options));
         return *editors_.back();
     }
 
     std::vector<std::string> keyLog(const std::string& logName) const {
-        return readLines(scratch_.path() / logName);
+        return readLines(scratch_ / logName);
     }
 
     // Waits until the log has `count` lines and returns them (fewer on timeout).
@@ -85,12 +94,11 @@ protected:
     }
 
     // Waits until the finder reports exactly `count` applications for the identifier.
-    std::vector<RunningApplicationRef> waitForApplications(X11ApplicationFinder& finder,
-                                                           const std::string& bundleIdentifier,
+    std::vector<RunningApplicationRef> waitForApplications(const std::string& bundleIdentifier,
                                                            size_t count) {
         std::vector<RunningApplicationRef> found;
         eventually([&] {
-            found = finder.runningApplications(bundleIdentifier);
+            found = finder->runningApplications(bundleIdentifier);
             return found.size() == count;
         });
         return found;
@@ -108,9 +116,13 @@ protected:
         return findClass(DefaultRootWindow(display_.get()), windowClass);
     }
 
-    XvfbServer xvfb_;
-    ScratchDirectory scratch_;
+    [[nodiscard]] const std::string& name() const { return xvfb_->displayName(); }
+
+    std::unique_ptr<fakes::XvfbServer> xvfb_ = fakes::XvfbServer::start();
+    fakes::TempDirectory scratch_;
     std::unique_ptr<Display, DisplayCloser> display_;
+    std::unique_ptr<X11ApplicationFinder> finder;
+    std::unique_ptr<XTestScriptRunner> runner;
     std::vector<std::unique_ptr<ChildProcess>> editors_;
 
 private:
@@ -143,43 +155,39 @@ const std::vector<std::string> kTypedCommand{
     "key t", "key space", "key M", "key o", "key d", "key e"};
 
 TEST_F(XAutomationTest, FinderFindsTheEditorByItsWindowClass) {
-    X11ApplicationFinder finder(xvfb_.name());
     startEditor("Code", "code.log");
-    const auto stable = waitForApplications(finder, kStable, 1);
+    const auto stable = waitForApplications(kStable, 1);
     ASSERT_EQ(stable.size(), 1u);
     EXPECT_EQ(stable.front()->bundleIdentifier(), kStable);
-    EXPECT_TRUE(finder.runningApplications(kInsiders).empty());
-    EXPECT_TRUE(finder.runningApplications(kOss).empty());
-    EXPECT_TRUE(finder.runningApplications("com.apple.Terminal").empty());
+    EXPECT_TRUE(finder->runningApplications(kInsiders).empty());
+    EXPECT_TRUE(finder->runningApplications(kOss).empty());
+    EXPECT_TRUE(finder->runningApplications("com.apple.Terminal").empty());
 
     startEditor("VSCodium", "codium.log");
     startEditor("Code - Insiders", "insiders.log");
-    EXPECT_EQ(waitForApplications(finder, kOss, 1).size(), 1u);
-    EXPECT_EQ(waitForApplications(finder, kInsiders, 1).size(), 1u);
-    EXPECT_EQ(finder.runningApplications(kStable).size(), 1u);
+    EXPECT_EQ(waitForApplications(kOss, 1).size(), 1u);
+    EXPECT_EQ(waitForApplications(kInsiders, 1).size(), 1u);
+    EXPECT_EQ(finder->runningApplications(kStable).size(), 1u);
 
     // An editor that quits is no longer found.
     editors_.front()->stop();
-    EXPECT_TRUE(waitForApplications(finder, kStable, 0).empty());
+    EXPECT_TRUE(waitForApplications(kStable, 0).empty());
 }
 
 TEST_F(XAutomationTest, TheThreeScriptsTypeThePaletteCommandIntoTheEditor) {
-    X11ApplicationFinder finder(xvfb_.name());
-    XTestScriptRunner runner(xvfb_.name());
-    startEditor("Code", "code.log");
-    const auto editors = waitForApplications(finder, kStable, 1);
-    ASSERT_EQ(editors.size(), 1u);
+    const auto editor = startCode();
+    ASSERT_NE(editor, nullptr);
     const std::optional<Window> window = windowOfClass("Code");
     ASSERT_TRUE(window);
 
     // No window manager here: activation gives the window the focus itself.
-    ASSERT_TRUE(editors.front()->activate());
+    ASSERT_TRUE(editor->activate());
     ASSERT_TRUE(eventually([&] { return focusedWindow() == *window; }));
 
     for (const std::string& script :
          {std::string(scripts::kCommandPalette), scripts::typeTextScript("Toggle Screencast Mode"),
           scripts::pressKeyScript(36)}) {
-        const ScriptOutcome outcome = runner.run(script);
+        const ScriptOutcome outcome = runner->run(script);
         EXPECT_EQ(outcome.kind, ScriptOutcome::Kind::succeeded) << outcome.errorDescription;
     }
     std::vector<std::string> expected{"key ctrl+shift+p"};
@@ -189,12 +197,9 @@ TEST_F(XAutomationTest, TheThreeScriptsTypeThePaletteCommandIntoTheEditor) {
 }
 
 TEST_F(XAutomationTest, ScriptsItCannotRunFailAndTypeNothing) {
-    XTestScriptRunner runner(xvfb_.name());
-    X11ApplicationFinder finder(xvfb_.name());
-    startEditor("Code", "code.log");
-    const auto editors = waitForApplications(finder, kStable, 1);
-    ASSERT_EQ(editors.size(), 1u);
-    ASSERT_TRUE(editors.front()->activate());
+    const auto editor = startCode();
+    ASSERT_NE(editor, nullptr);
+    ASSERT_TRUE(editor->activate());
 
     const std::vector<std::string> refused{
         "tell application \"Finder\"\n    keystroke \"x\"\nend tell",
@@ -203,16 +208,16 @@ TEST_F(XAutomationTest, ScriptsItCannotRunFailAndTypeNothing) {
         scripts::pressKeyScript(117),  // forward delete: not a key this runner knows
         std::string(scripts::kCommandPalette) + "\n    key code 36"};
     for (const std::string& script : refused) {
-        const ScriptOutcome outcome = runner.run(script);
+        const ScriptOutcome outcome = runner->run(script);
         EXPECT_EQ(outcome.kind, ScriptOutcome::Kind::failed) << script;
         EXPECT_FALSE(outcome.errorDescription.empty());
     }
     // Terminal detection is understood and sends nothing.
-    EXPECT_EQ(runner.run(std::string(scripts::kTerminalDetection)).kind,
+    EXPECT_EQ(runner->run(std::string(scripts::kTerminalDetection)).kind,
               ScriptOutcome::Kind::succeeded);
 
     // The next key that does go out is the first one the editor sees.
-    ASSERT_EQ(runner.run(scripts::pressKeyScript(53)).kind, ScriptOutcome::Kind::succeeded);
+    ASSERT_EQ(runner->run(scripts::pressKeyScript(53)).kind, ScriptOutcome::Kind::succeeded);
     EXPECT_EQ(waitForKeys("code.log", 1), std::vector<std::string>{"key Escape"});
 }
 
@@ -228,16 +233,13 @@ int emptyKeycodes(Display* display) {
 }
 
 TEST_F(XAutomationTest, CharactersMissingFromTheKeyboardAreTypedOnALentKey) {
-    XTestScriptRunner runner(xvfb_.name());
-    X11ApplicationFinder finder(xvfb_.name());
-    startEditor("Code", "code.log");
-    const auto editors = waitForApplications(finder, kStable, 1);
-    ASSERT_EQ(editors.size(), 1u);
-    ASSERT_TRUE(editors.front()->activate());
+    const auto editor = startCode();
+    ASSERT_NE(editor, nullptr);
+    ASSERT_TRUE(editor->activate());
     const int emptyBefore = emptyKeycodes(display_.get());
 
     // é and ж are on no key of the US layout; the backslash is escaped in the script.
-    const ScriptOutcome outcome = runner.run(scripts::typeTextScript("aé\\\\ж"));
+    const ScriptOutcome outcome = runner->run(scripts::typeTextScript("aé\\\\ж"));
     ASSERT_EQ(outcome.kind, ScriptOutcome::Kind::succeeded) << outcome.errorDescription;
     EXPECT_EQ(waitForKeys("code.log", 4),
               (std::vector<std::string>{"key a", "key eacute", "key backslash", "key U0436"}));
@@ -245,7 +247,7 @@ TEST_F(XAutomationTest, CharactersMissingFromTheKeyboardAreTypedOnALentKey) {
 }
 
 TEST_F(XAutomationTest, AccessibilityNeedsXTestAndNoWaylandSession) {
-    EXPECT_TRUE(isAccessibilityTrustedX11(xvfb_.name()));
+    EXPECT_TRUE(isAccessibilityTrustedX11(name()));
     EXPECT_FALSE(isAccessibilityTrustedX11(":32767"));  // no such server
 }
 
@@ -256,7 +258,7 @@ protected:
         XAutomationTest::SetUp();
         if (HasFatalFailure()) return;
         ChildProcess::Options options;
-        options.environment = {{"DISPLAY", xvfb_.name()}};
+        options.environment = {{"DISPLAY", name()}};
         openbox_.emplace(std::vector<std::string>{"openbox", "--sm-disable"}, options);
         // Openbox announces itself before it manages new windows, and a window mapped in
         // between stays unmanaged: map probe windows until one is managed.
@@ -307,11 +309,8 @@ protected:
 };
 
 TEST_F(XAutomationWithWindowManagerTest, ActivationBringsTheEditorBackToTheKeyboard) {
-    X11ApplicationFinder finder(xvfb_.name());
-    XTestScriptRunner runner(xvfb_.name());
-    startEditor("Code", "code.log");
-    const auto editors = waitForApplications(finder, kStable, 1);
-    ASSERT_EQ(editors.size(), 1u);
+    const auto editor = startCode();
+    ASSERT_NE(editor, nullptr);
     const std::optional<Window> code = windowOfClass("Code");
     ASSERT_TRUE(code);
 
@@ -321,18 +320,16 @@ TEST_F(XAutomationWithWindowManagerTest, ActivationBringsTheEditorBackToTheKeybo
     ASSERT_TRUE(eventually([&] { return (other = windowOfClass("Other")).has_value(); }));
     ASSERT_TRUE(eventually([&] { return focusedWindow() == *other; }));
 
-    ASSERT_TRUE(editors.front()->activate());
+    ASSERT_TRUE(editor->activate());
     ASSERT_TRUE(eventually([&] { return focusedWindow() == *code; }));
-    ASSERT_EQ(runner.run(scripts::pressKeyScript(36)).kind, ScriptOutcome::Kind::succeeded);
+    ASSERT_EQ(runner->run(scripts::pressKeyScript(36)).kind, ScriptOutcome::Kind::succeeded);
     EXPECT_EQ(waitForKeys("code.log", 1), std::vector<std::string>{"key Return"});
     EXPECT_TRUE(keyLog("other.log").empty());
 }
 
 TEST_F(XAutomationWithWindowManagerTest, ScreencastModeIsToggledInTheEditorFromTheBackground) {
-    X11ApplicationFinder finder(xvfb_.name());
-    XTestScriptRunner runner(xvfb_.name());
     TokenSleeper sleeper;
-    VSCodeIntegration integration(finder, runner, sleeper);
+    VSCodeIntegration integration(*finder, *runner, sleeper);
     ThreadPoolExecutor background(2);
     const auto inBackground = [&](bool (VSCodeIntegration::*sequence)(const CancellationToken&)) {
         std::promise<bool> done;
@@ -341,7 +338,7 @@ TEST_F(XAutomationWithWindowManagerTest, ScreencastModeIsToggledInTheEditorFromT
     };
 
     startEditor("Code", "code.log");
-    ASSERT_EQ(waitForApplications(finder, kStable, 1).size(), 1u);
+    ASSERT_EQ(waitForApplications(kStable, 1).size(), 1u);
     startEditor("Other", "other.log");
     ASSERT_TRUE(eventually([&] { return windowOfClass("Other").has_value(); }));
     ASSERT_NE(integration.findVSCode(), nullptr);  // the start flow looks on its own thread

@@ -35,15 +35,32 @@ std::vector<std::string> shellLines(const ShellHarness& h) {
 
 // ---- recording options -----------------------------------------------------------------------
 
-TEST(OptionActions, VideoQualityGoesToTheRecorderOnlyAndRebuildsSilently) {
+TEST(OptionActions, SubmenuChoicesWriteTheirOptionLogAndRebuildTheMenu) {
     ShellHarness h;
     h.launch();
     h.log.clear();
-    h.choose({"Video Quality", "Ultra (1440p)"});
+    h.choose({"Video Quality", "Ultra (1440p)"});  // the recorder only, and silently
     EXPECT_EQ(h.recorder().videoQuality(), VideoQuality::ultra);
-    EXPECT_EQ(h.log.lines(), std::vector<std::string>{"Menu update - Recording state: false"});
+    h.choose({"Camera Size", "Large (480\u00D7270)"});
+    EXPECT_EQ(h.recorder().cameraOverlayPreset(), CameraOverlayPreset::large);
+    EXPECT_EQ(h.capture->cameraOverlayPreset(), CameraOverlayPreset::large);
+    EXPECT_EQ(h.composer->cameraOverlayPreset(), CameraOverlayPreset::large);
+    h.choose({"Camera Position", "Top Left"});
+    EXPECT_EQ(h.recorder().cameraPosition(), CameraPosition::topLeft);
+    EXPECT_EQ(h.composer->cameraPosition(), CameraPosition::topLeft);
+
+    EXPECT_EQ(h.log.lines(),
+              (std::vector<std::string>{
+                  "Menu update - Recording state: false",
+                  "\U0001F4F7 Camera overlay preset changed to: Large (480\u00D7270)",
+                  "Menu update - Recording state: false",
+                  "\U0001F4CD Camera position changed to: Top Left",
+                  "Menu update - Recording state: false",
+              }));
+    EXPECT_EQ(h.item().menus.size(), 4u);
     EXPECT_EQ(checkedTitle(submenu(h.menu(), "Video Quality")), "Ultra (1440p)");
-    EXPECT_EQ(h.item().menus.size(), 2u);
+    EXPECT_EQ(checkedTitle(submenu(h.menu(), "Camera Size")), "Large (480\u00D7270)");
+    EXPECT_EQ(checkedTitle(submenu(h.menu(), "Camera Position")), "Top Left");
 }
 
 TEST(OptionActions, OverlayToggleWritesAllThreePlacesAndLogsOldToNew) {
@@ -72,36 +89,6 @@ TEST(OptionActions, OverlayToggleWritesAllThreePlacesAndLogsOldToNew) {
                                  "Menu update - Recording state: false",
                              }));
     EXPECT_EQ(render(h.menu())[3], "\u2713 Camera Overlay");
-}
-
-TEST(OptionActions, OverlaySizeWritesAllThreePlaces) {
-    ShellHarness h;
-    h.launch();
-    h.log.clear();
-    h.choose({"Camera Size", "Large (480\u00D7270)"});
-    EXPECT_EQ(h.recorder().cameraOverlayPreset(), CameraOverlayPreset::large);
-    EXPECT_EQ(h.capture->cameraOverlayPreset(), CameraOverlayPreset::large);
-    EXPECT_EQ(h.composer->cameraOverlayPreset(), CameraOverlayPreset::large);
-    EXPECT_EQ(h.log.lines(),
-              (std::vector<std::string>{
-                  "\U0001F4F7 Camera overlay preset changed to: Large (480\u00D7270)",
-                  "Menu update - Recording state: false",
-              }));
-    EXPECT_EQ(checkedTitle(submenu(h.menu(), "Camera Size")), "Large (480\u00D7270)");
-}
-
-TEST(OptionActions, OverlayCornerWritesRecorderAndComposer) {
-    ShellHarness h;
-    h.launch();
-    h.log.clear();
-    h.choose({"Camera Position", "Top Left"});
-    EXPECT_EQ(h.recorder().cameraPosition(), CameraPosition::topLeft);
-    EXPECT_EQ(h.composer->cameraPosition(), CameraPosition::topLeft);
-    EXPECT_EQ(h.log.lines(), (std::vector<std::string>{
-                                 "\U0001F4CD Camera position changed to: Top Left",
-                                 "Menu update - Recording state: false",
-                             }));
-    EXPECT_EQ(checkedTitle(submenu(h.menu(), "Camera Position")), "Top Left");
 }
 
 TEST(OptionActions, EntriesWithoutAValueOfTheirTypeDoNothing) {
@@ -229,7 +216,7 @@ TEST(StartFlow, WithTheEditorRunningForcesHighQualityAndDoesNotWaitForTheEditor)
     EXPECT_EQ(scriptsSent[1], std::string(scripts::kCommandPalette));
     EXPECT_TRUE(h.recorder().isRecording());
     // The writer was made for 1080p, not for the screen's size.
-    auto videoInput = h.writers.lastInput(MediaType::video);
+    auto videoInput = h.factory.lastInput(MediaType::video);
     ASSERT_NE(videoInput, nullptr);
     auto video = std::get<VideoOutputSettingsForWriter>(videoInput->outputSettings());
     EXPECT_EQ(video.width, 1920);
@@ -423,18 +410,6 @@ TEST(Recording, IconMenuAndNotificationsFollowTheRecordersReports) {
     EXPECT_TRUE(h.alerts.alerts.empty());
 }
 
-TEST(Recording, SavedNotificationNamesTheFileWithoutItsFolder) {
-    ShellHarness h;
-    h.files.addDirectory("/srv/casts/2025");
-    h.defaults.setURL("/srv/casts/2025", AppDelegate::kCustomSaveLocationKey);
-    h.dates.setFormatted("2025-06-01_12-00-00");
-    h.launch();
-    h.record();
-    ASSERT_EQ(h.notifications.requests.size(), 2u);
-    EXPECT_EQ(h.notifications.requests[1].body,
-              "Screencast saved to: glimmerbox-2025-06-01_12-00-00.mov");
-}
-
 TEST(Recording, TwoRecordingsPostFourNotificationsWithDistinctIdentifiers) {
     ShellHarness h;
     h.launch();
@@ -460,7 +435,7 @@ TEST(Recording, AFailedFinishShowsTheAlertAndKeepsTheMenu) {
     fakes::FakeWriterConfig config;
     config.finishStatus = AssetWriterStatus::failed;
     config.finishError = PlatformError{"AVFoundationErrorDomain", -11800, "The disk is full."};
-    h.writers.setConfig(config);
+    h.factory.setConfig(config);
     h.launch();
     h.choose({kStart});
     h.runAll();
@@ -580,7 +555,7 @@ TEST(Settings, ValuesOfTheWrongTypeReadAsAbsent) {
 
 // ---- folders, About, quit --------------------------------------------------------------------
 
-TEST(Folders, TheDefaultFolderIsCreatedThenOpened) {
+TEST(Folders, TheDefaultFolderIsCreatedThenOpenedAChosenOneOpenedAsItIs) {
     ShellHarness h;
     h.launch();
     h.choose({"Open Recordings Folder"});
@@ -589,8 +564,13 @@ TEST(Folders, TheDefaultFolderIsCreatedThenOpened) {
     EXPECT_EQ(creates[0].path, "/home/user/Documents/Glimmerbox Recordings");
     EXPECT_TRUE(creates[0].intermediates);
     EXPECT_TRUE(h.files.directoryExists("/home/user/Documents/Glimmerbox Recordings"));
+
+    h.defaults.setURL("/media/usb/Casts", AppDelegate::kCustomSaveLocationKey);
+    h.choose({"Open Recordings Folder"});
+    EXPECT_EQ(h.files.createDirectoryCalls().size(), 1u);
     EXPECT_EQ(h.workspace.opened,
-              std::vector<std::string>{"/home/user/Documents/Glimmerbox Recordings"});
+              (std::vector<std::string>{"/home/user/Documents/Glimmerbox Recordings",
+                                        "/media/usb/Casts"}));
 }
 
 TEST(Folders, AFolderThatCannotBeCreatedIsOpenedAllTheSame) {
@@ -603,15 +583,6 @@ TEST(Folders, AFolderThatCannotBeCreatedIsOpenedAllTheSame) {
               std::vector<std::string>{"/home/user/Documents/Glimmerbox Recordings"});
     EXPECT_EQ(h.log.lines().size(), 1u);  // one diagnostic line, nothing for the user
     EXPECT_TRUE(h.alerts.alerts.empty());
-}
-
-TEST(Folders, TheChosenFolderIsOpenedAsItIs) {
-    ShellHarness h;
-    h.defaults.setURL("/media/usb/Casts", AppDelegate::kCustomSaveLocationKey);
-    h.launch();
-    h.choose({"Open Recordings Folder"});
-    EXPECT_TRUE(h.files.createDirectoryCalls().empty());
-    EXPECT_EQ(h.workspace.opened, std::vector<std::string>{"/media/usb/Casts"});
 }
 
 TEST(About, OneControllerServesEveryRequest) {

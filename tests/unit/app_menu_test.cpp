@@ -131,38 +131,29 @@ TEST(StatusMenu, FirstLaunchShowsTheDefaults) {
 TEST(StatusMenu, SubmenuEntriesCarryTheirCaseAndReachTheDelegateByRouting) {
     ShellHarness h;
     h.launch();
-    const auto& quality = submenu(h.menu(), "Video Quality");
-    const std::vector<VideoQuality> qualities{VideoQuality::medium, VideoQuality::high,
-                                              VideoQuality::ultra, VideoQuality::screenResolution};
-    ASSERT_EQ(quality.size(), qualities.size());
-    for (size_t i = 0; i < quality.size(); ++i) {
-        EXPECT_EQ(std::any_cast<VideoQuality>(quality[i].value), qualities[i]);
-        EXPECT_EQ(quality[i].action, MenuAction::setVideoQuality);
-    }
-    const auto& sizes = submenu(h.menu(), "Camera Size");
-    const std::vector<CameraOverlayPreset> presets{
-        CameraOverlayPreset::small, CameraOverlayPreset::medium, CameraOverlayPreset::large};
-    for (size_t i = 0; i < sizes.size(); ++i) {
-        EXPECT_EQ(std::any_cast<CameraOverlayPreset>(sizes[i].value), presets[i]);
-        EXPECT_EQ(sizes[i].action, MenuAction::setCameraOverlayPreset);
-    }
-    const auto& corners = submenu(h.menu(), "Camera Position");
-    const std::vector<CameraPosition> positions{CameraPosition::topLeft, CameraPosition::topRight,
-                                                CameraPosition::bottomLeft,
-                                                CameraPosition::bottomRight};
-    for (size_t i = 0; i < corners.size(); ++i) {
-        EXPECT_EQ(std::any_cast<CameraPosition>(corners[i].value), positions[i]);
-        EXPECT_EQ(corners[i].action, MenuAction::setCameraPosition);
-    }
-    for (const auto* list : {&quality, &sizes, &corners}) {
+    // Each entry's value is its case, in declaration order, with the submenu's action.
+    const auto expectCases = [&](const std::string& title, MenuAction action, auto... cases) {
+        const auto& entries = submenu(h.menu(), title);
+        ASSERT_EQ(entries.size(), sizeof...(cases)) << title;
+        size_t i = 0;
         int checked = 0;
-        for (const auto& e : *list) {
-            EXPECT_FALSE(e.targeted) << e.title;
-            EXPECT_TRUE(e.keyEquivalent.empty()) << e.title;
-            checked += e.checked ? 1 : 0;
-        }
-        EXPECT_EQ(checked, 1);
-    }
+        (
+            [&] {
+                EXPECT_EQ(std::any_cast<decltype(cases)>(entries[i].value), cases) << title;
+                EXPECT_EQ(entries[i].action, action);
+                EXPECT_FALSE(entries[i].targeted);
+                EXPECT_TRUE(entries[i].keyEquivalent.empty());
+                checked += entries[i++].checked ? 1 : 0;
+            }(),
+            ...);
+        EXPECT_EQ(checked, 1) << title;
+    };
+    expectCases("Video Quality", MenuAction::setVideoQuality, VideoQuality::medium,
+                VideoQuality::high, VideoQuality::ultra, VideoQuality::screenResolution);
+    expectCases("Camera Size", MenuAction::setCameraOverlayPreset, CameraOverlayPreset::small,
+                CameraOverlayPreset::medium, CameraOverlayPreset::large);
+    expectCases("Camera Position", MenuAction::setCameraPosition, CameraPosition::topLeft,
+                CameraPosition::topRight, CameraPosition::bottomLeft, CameraPosition::bottomRight);
 }
 
 TEST(StatusMenu, ScreenQualityLabelFollowsTheCurrentDisplay) {
@@ -189,10 +180,10 @@ TEST(StatusMenu, SavingToShowsOnlyTheChosenFoldersName) {
 TEST(StatusMenu, ChoosingASaveLocationShowsFromTheNextRebuildOn) {
     ShellHarness h;
     h.launch();
-    h.folderPicker.setResult({1, "/home/user/Casts"});
+    h.picker.setResult({1, "/home/user/Casts"});
     const size_t menusBefore = h.item().menus.size();
     h.choose({"Choose Save Location..."});
-    EXPECT_EQ(h.folderPicker.shown().size(), 1u);
+    EXPECT_EQ(h.picker.shown().size(), 1u);
     EXPECT_EQ(h.defaults.urlForKey(AppDelegate::kCustomSaveLocationKey), "/home/user/Casts");
     EXPECT_EQ(h.item().menus.size(), menusBefore);  // not rebuilt here
     EXPECT_EQ(render(h.menu())[9], "Saving to: Documents/Glimmerbox Recordings (disabled)");

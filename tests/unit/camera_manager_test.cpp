@@ -8,15 +8,15 @@
 #include <vector>
 
 #include "fakes/fake_capture_platform.h"
-#include "unit/captured_log.h"
+#include "fakes/log_capture.h"
 
 namespace gb {
 namespace {
 
 using fakes::cameraInfo;
-using fakes::CapturedLog;
 using fakes::FakeCaptureDevice;
 using fakes::FakeCaptureFactory;
+using fakes::LogCapture;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -27,40 +27,47 @@ std::shared_ptr<FakeCaptureDevice> camera(std::string name, std::string id = "id
         cameraInfo(std::move(name), std::move(id), std::move(formats), connected, suspended));
 }
 
-CameraDeviceInfo named(std::string name, std::string id = "0x1234") {
-    return cameraInfo(std::move(name), std::move(id));
-}
+class CameraManagerTest : public ::testing::Test {
+protected:
+    FakeCaptureFactory factory;
+    CameraManager manager{factory};
+    LogCapture log;
+};
 
 // ---- categories ----------------------------------------------------------------------------
 
-TEST(CameraCategoryTest, NamesAreMatchedAfterLowerCasingWithoutWordBoundaries) {
-    EXPECT_EQ(CameraManager::category(named("My VIRTUAL Cam")), CameraCategory::virtualCamera);
-    EXPECT_EQ(CameraManager::category(named("OBS Virtual Camera")), CameraCategory::virtualCamera);
-    EXPECT_EQ(CameraManager::category(named("Lobster Cam")), CameraCategory::virtualCamera);
-    EXPECT_EQ(CameraManager::category(named("mMhMm Camera")), CameraCategory::virtualCamera);
-    EXPECT_EQ(CameraManager::category(named("ScreenCam")), CameraCategory::virtualCamera);
-    // The virtual test comes first.
-    EXPECT_EQ(CameraManager::category(named("FaceTime Screen")), CameraCategory::virtualCamera);
-    EXPECT_EQ(CameraManager::category(named("FACETIME HD Camera")), CameraCategory::builtIn);
-    EXPECT_EQ(CameraManager::category(named("Built-In Webcam")), CameraCategory::builtIn);
-    EXPECT_EQ(CameraManager::category(named("Built In Webcam")), CameraCategory::external);
-    EXPECT_EQ(CameraManager::category(named("Logitech C920")), CameraCategory::external);
-}
-
-TEST(CameraCategoryTest, IdentifierMustContainCmioInUpperCase) {
-    EXPECT_EQ(CameraManager::category(named("Logitech C920", "device-CMIO-7")),
-              CameraCategory::virtualCamera);
-    EXPECT_EQ(CameraManager::category(named("Logitech C920", "device-cmio-7")),
-              CameraCategory::external);
-    EXPECT_EQ(CameraManager::category(named("FaceTime HD", "Cmio")), CameraCategory::builtIn);
+TEST(CameraCategoryTest, VirtualRulesFirstThenBuiltInNamesElseExternal) {
+    using C = CameraCategory;
+    const struct {
+        const char* name;
+        const char* id;
+        CameraCategory expected;
+    } cases[] = {
+        // Names are matched after lower-casing, without word boundaries.
+        {"My VIRTUAL Cam", "0x1234", C::virtualCamera},
+        {"OBS Virtual Camera", "0x1234", C::virtualCamera},
+        {"Lobster Cam", "0x1234", C::virtualCamera},
+        {"mMhMm Camera", "0x1234", C::virtualCamera},
+        {"ScreenCam", "0x1234", C::virtualCamera},
+        {"FaceTime Screen", "0x1234", C::virtualCamera},  // the virtual test comes first
+        {"FACETIME HD Camera", "0x1234", C::builtIn},
+        {"Built-In Webcam", "0x1234", C::builtIn},
+        {"Built In Webcam", "0x1234", C::external},
+        {"Logitech C920", "0x1234", C::external},
+        // The identifier must contain CMIO in upper case.
+        {"Logitech C920", "device-CMIO-7", C::virtualCamera},
+        {"Logitech C920", "device-cmio-7", C::external},
+        {"FaceTime HD", "Cmio", C::builtIn},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(CameraManager::category(cameraInfo(c.name, c.id)), c.expected)
+            << c.name << " / " << c.id;
+    }
 }
 
 // ---- selection -----------------------------------------------------------------------------
 
-TEST(CameraSelectionTest, UsableExternalBeatsSuspendedBuiltIn) {
-    FakeCaptureFactory factory;
-    CameraManager manager(factory);
-    CapturedLog log;
+TEST_F(CameraManagerTest, UsableExternalBeatsSuspendedBuiltIn) {
     auto builtIn = camera("FaceTime HD Camera", "a", true, /*suspended=*/true);
     auto external = camera("Logitech C920", "b");
     auto chosen = manager.selectBestCamera({builtIn, external});
@@ -71,10 +78,7 @@ TEST(CameraSelectionTest, UsableExternalBeatsSuspendedBuiltIn) {
                                          "✅ Selected external camera: Logitech C920"));
 }
 
-TEST(CameraSelectionTest, CategoryOrderThenDiscoveryOrder) {
-    FakeCaptureFactory factory;
-    CameraManager manager(factory);
-    CapturedLog log;
+TEST_F(CameraManagerTest, CategoryOrderThenDiscoveryOrder) {
     auto virtualCam = camera("OBS Virtual Camera", "v");
     auto externalA = camera("USB Camera A", "ea");
     auto builtInOff = camera("FaceTime HD Camera", "b1", /*connected=*/false);
@@ -91,10 +95,7 @@ TEST(CameraSelectionTest, CategoryOrderThenDiscoveryOrder) {
     EXPECT_EQ(manager.selectBestCamera({virtualCam, externalB, externalA}), externalB);
 }
 
-TEST(CameraSelectionTest, VirtualOnlyWhenNothingRealIsUsable) {
-    FakeCaptureFactory factory;
-    CameraManager manager(factory);
-    CapturedLog log;
+TEST_F(CameraManagerTest, VirtualOnlyWhenNothingRealIsUsable) {
     auto virtualCam = camera("Lobster Cam", "v");
     auto external = camera("USB Camera", "e", true, /*suspended=*/true);
     EXPECT_EQ(manager.selectBestCamera({external, virtualCam}), virtualCam);
@@ -102,28 +103,15 @@ TEST(CameraSelectionTest, VirtualOnlyWhenNothingRealIsUsable) {
               "⚠️ Selected virtual camera: Lobster Cam (may contain screen content)");
 }
 
-TEST(CameraSelectionTest, NothingUsable) {
-    FakeCaptureFactory factory;
-    CameraManager manager(factory);
-    CapturedLog log;
+TEST_F(CameraManagerTest, NothingUsableIsNoCamera) {
     EXPECT_EQ(manager.selectBestCamera({camera("USB", "e", false), camera("OBS", "v", true, true)}),
               nullptr);
     EXPECT_EQ(log.lines().back(), "❌ No suitable camera found");
-
-    log.clear();
-    EXPECT_EQ(manager.selectBestCamera({}), nullptr);
-    EXPECT_THAT(log.lines(), ElementsAre("🎯 Selecting best camera from 0 available devices...",
-                                         "📊 Camera categorization:", "   Built-in cameras: 0",
-                                         "   External cameras: 0", "   Virtual cameras: 0",
-                                         "❌ No suitable camera found"));
 }
 
 // ---- validation ----------------------------------------------------------------------------
 
-TEST(CameraValidationTest, WarningsInFixedOrder) {
-    FakeCaptureFactory factory;
-    CameraManager manager(factory);
-    CapturedLog log;
+TEST_F(CameraManagerTest, ValidationWarningsInFixedOrder) {
     const CameraValidation all =
         manager.validateCamera(camera("Virtual Cam", "v", /*connected=*/false, /*suspended=*/true));
     EXPECT_FALSE(all.isValid);
@@ -154,103 +142,75 @@ struct FormatCase {
     CameraOverlayPreset preset;
     std::vector<CameraFormat> formats;
     int expectedIndex;  // -1: unchanged
-    std::vector<std::string> expectedLog;
+    bool preferred;     // found by size (logged), not by the fallback
 };
 
-class FormatChoiceTest : public ::testing::TestWithParam<FormatCase> {};
+class FormatChoiceTest : public CameraManagerTest,
+                         public ::testing::WithParamInterface<FormatCase> {};
 
 TEST_P(FormatChoiceTest, ChoosesAndLogs) {
     const FormatCase& c = GetParam();
-    FakeCaptureFactory factory;
-    CameraManager manager(factory);
     auto device = camera("USB", "e", true, false, c.formats);
-    CapturedLog log;
     manager.configureOptimalFormat(device, c.preset);
+
+    const char* presetName = c.preset == CameraOverlayPreset::small    ? "small"
+                             : c.preset == CameraOverlayPreset::medium ? "medium"
+                                                                       : "large";
+    std::vector<std::string> expected{std::string("🔧 Configuring optimal camera format for ") +
+                                      presetName + "..."};
     if (c.expectedIndex < 0) {
         EXPECT_THAT(device->activeFormatChanges(), IsEmpty());
         EXPECT_EQ(device->lockCount(), 0);
+        expected.push_back("⚠️ No suitable camera format found, using default");
     } else {
         EXPECT_THAT(device->activeFormatChanges(), ElementsAre(c.expectedIndex));
         EXPECT_EQ(device->lockCount(), 1);
         EXPECT_EQ(device->unlockCount(), 1);
         EXPECT_EQ(device->unlockedChanges(), 0);
+        const CameraFormat f = c.formats[static_cast<size_t>(c.expectedIndex)];
+        const std::string size = std::to_string(f.width) + "x" + std::to_string(f.height);
+        if (c.preferred) expected.push_back("✅ Found preferred format: " + size);
+        expected.push_back("🎯 Setting camera to format: " + size);
+        expected.push_back("✅ Camera format configured successfully");
     }
-    EXPECT_EQ(log.lines(), c.expectedLog);
+    EXPECT_EQ(log.lines(), expected);
 }
 
+using Preset = CameraOverlayPreset;
 INSTANTIATE_TEST_SUITE_P(
     Cases, FormatChoiceTest,
     ::testing::Values(
-        FormatCase{"MediumPrefers720p",
-                   CameraOverlayPreset::medium,
-                   {{1920, 1080}, {1280, 720}},
-                   1,
-                   {"🔧 Configuring optimal camera format for medium...",
-                    "✅ Found preferred format: 1280x720", "🎯 Setting camera to format: 1280x720",
-                    "✅ Camera format configured successfully"}},
-        FormatCase{"LargePrefers1080p",
-                   CameraOverlayPreset::large,
-                   {{1280, 720}, {1920, 1080}},
-                   1,
-                   {"🔧 Configuring optimal camera format for large...",
-                    "✅ Found preferred format: 1920x1080", "🎯 Setting camera to format: 1920x1080",
-                    "✅ Camera format configured successfully"}},
-        FormatCase{"SmallPresetSizeFirst",
-                   CameraOverlayPreset::small,
-                   {{1280, 720}, {640, 480}},
-                   1,
-                   {"🔧 Configuring optimal camera format for small...",
-                    "✅ Found preferred format: 640x480", "🎯 Setting camera to format: 640x480",
-                    "✅ Camera format configured successfully"}},
+        FormatCase{"MediumPrefers720p", Preset::medium, {{1920, 1080}, {1280, 720}}, 1, true},
+        FormatCase{"LargePrefers1080p", Preset::large, {{1280, 720}, {1920, 1080}}, 1, true},
+        FormatCase{"SmallPresetSizeFirst", Preset::small, {{1280, 720}, {640, 480}}, 1, true},
         FormatCase{"PreferenceListAfterPresetSize",
-                   CameraOverlayPreset::large,
+                   Preset::large,
                    {{320, 240}, {960, 540}, {1280, 720}},
                    2,
-                   {"🔧 Configuring optimal camera format for large...",
-                    "✅ Found preferred format: 1280x720", "🎯 Setting camera to format: 1280x720",
-                    "✅ Camera format configured successfully"}},
+                   true},
         FormatCase{"FirstOfEqualDimensionsWins",
-                   CameraOverlayPreset::medium,
+                   Preset::medium,
                    {{800, 600}, {1280, 720}, {1280, 720}},
                    1,
-                   {"🔧 Configuring optimal camera format for medium...",
-                    "✅ Found preferred format: 1280x720", "🎯 Setting camera to format: 1280x720",
-                    "✅ Camera format configured successfully"}},
-        FormatCase{
-            "SmallestBelowLimitsWithoutFoundLine",
-            CameraOverlayPreset::medium,
-            {{3840, 2160}, {1024, 768}, {800, 600}},
-            2,
-            {"🔧 Configuring optimal camera format for medium...",
-             "🎯 Setting camera to format: 800x600", "✅ Camera format configured successfully"}},
-        FormatCase{
-            "FallbackLimitsAreExclusiveAndTiesKeepOrder",
-            CameraOverlayPreset::medium,
-            {{2560, 100}, {100, 1600}, {600, 800}, {800, 600}},
-            2,
-            {"🔧 Configuring optimal camera format for medium...",
-             "🎯 Setting camera to format: 600x800", "✅ Camera format configured successfully"}},
-        FormatCase{"NothingSuitable",
-                   CameraOverlayPreset::medium,
-                   {{3840, 2160}},
-                   -1,
-                   {"🔧 Configuring optimal camera format for medium...",
-                    "⚠️ No suitable camera format found, using default"}},
-        FormatCase{"NoFormatsAtAll",
-                   CameraOverlayPreset::small,
-                   {},
-                   -1,
-                   {"🔧 Configuring optimal camera format for small...",
-                    "⚠️ No suitable camera format found, using default"}}),
+                   true},
+        FormatCase{"SmallestBelowLimitsWithoutFoundLine",
+                   Preset::medium,
+                   {{3840, 2160}, {1024, 768}, {800, 600}},
+                   2,
+                   false},
+        FormatCase{"FallbackLimitsAreExclusiveAndTiesKeepOrder",
+                   Preset::medium,
+                   {{2560, 100}, {100, 1600}, {600, 800}, {800, 600}},
+                   2,
+                   false},
+        FormatCase{"NothingSuitable", Preset::medium, {{3840, 2160}}, -1, false},
+        FormatCase{"NoFormatsAtAll", Preset::small, {}, -1, false}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST(CameraFormatTest, LockFailureThrowsThePlatformErrorAndChangesNothing) {
-    FakeCaptureFactory factory;
-    CameraManager manager(factory);
+TEST_F(CameraManagerTest, FormatLockFailureThrowsThePlatformErrorAndChangesNothing) {
     auto device = camera("USB", "e", true, false, {{1920, 1080}, {1280, 720}});
     const PlatformError busy{"CaptureErrorDomain", -11852, "Cannot use USB"};
     device->setLockFailure(busy);
-    CapturedLog log;
     try {
         manager.configureOptimalFormat(device, CameraOverlayPreset::medium);
         FAIL() << "expected a CameraConfigurationError";
@@ -266,8 +226,7 @@ TEST(CameraFormatTest, LockFailureThrowsThePlatformErrorAndChangesNothing) {
 
 // ---- discovery listing ---------------------------------------------------------------------
 
-TEST(CameraListingTest, ListsEveryDeviceThenSelects) {
-    FakeCaptureFactory factory;
+TEST_F(CameraManagerTest, ListsEveryDeviceThenSelects) {
     auto eight = camera("FaceTime HD Camera", "0x8020000005ac8514", true, false,
                         {{640, 480},
                          {1280, 720},
@@ -288,8 +247,6 @@ TEST(CameraListingTest, ListsEveryDeviceThenSelects) {
     auto five = camera("Lobster Cam", "lob-CMIO", true, false,
                        {{640, 480}, {1280, 720}, {1920, 1080}, {320, 240}, {960, 540}});
     factory.setCameras({eight, six, five});
-    CameraManager manager(factory);
-    CapturedLog log;
     const int readsBefore = eight->infoReads();
     EXPECT_EQ(manager.findBestCamera(), eight);
     EXPECT_EQ(eight->infoReads() - readsBefore, 1);  // one reading per operation
@@ -313,18 +270,6 @@ TEST(CameraListingTest, ListsEveryDeviceThenSelects) {
             "🎯 Selecting best camera from 3 available devices...",
             "📊 Camera categorization:", "   Built-in cameras: 1", "   External cameras: 1",
             "   Virtual cameras: 1", "✅ Selected built-in camera: FaceTime HD Camera"));
-}
-
-TEST(CameraListingTest, NoDevices) {
-    FakeCaptureFactory factory;
-    CameraManager manager(factory);
-    CapturedLog log;
-    EXPECT_EQ(manager.findBestCamera(), nullptr);
-    EXPECT_THAT(log.lines(), ElementsAre("🔍 Available camera devices:",
-                                         "🎯 Selecting best camera from 0 available devices...",
-                                         "📊 Camera categorization:", "   Built-in cameras: 0",
-                                         "   External cameras: 0", "   Virtual cameras: 0",
-                                         "❌ No suitable camera found"));
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <limits>
 #include <memory>
 
-#include "unit/pixel_test_support.h"
+#include "fakes/pixel_buffers.h"
 
 namespace gb {
 namespace {

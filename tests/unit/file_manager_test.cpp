@@ -256,21 +256,6 @@ TEST_F(FileManagerTest, WriterThatDoesNotStart) {
     EXPECT_EQ(log.lines().end()[-2], "AVAssetWriter failed to start writing: Unknown error");
 }
 
-TEST_F(FileManagerTest, CurrentOutputURLIsClearable) {
-    EXPECT_EQ(manager.currentOutputURL(), std::nullopt);
-    (void)manager.createAssetWriter(VideoQuality::high);
-    EXPECT_EQ(manager.currentOutputURL(), kDefaultPath);
-    manager.clearCurrentOutputURL();
-    EXPECT_EQ(manager.currentOutputURL(), std::nullopt);
-}
-
-TEST(VideoSettingsTextTest, IsAStableDictionaryText) {
-    EXPECT_EQ(describe(videoSettingsForWriter({1512, 982})),
-              "[\"AVVideoCodecKey\": avc1, \"AVVideoWidthKey\": 1512, \"AVVideoHeightKey\": 982, "
-              "\"AVVideoCompressionPropertiesKey\": [\"AverageBitRate\": 2000000, "
-              "\"ProfileLevel\": H264_Main_AutoLevel, \"H264EntropyMode\": CAVLC]]");
-}
-
 // ---- the picker --------------------------------------------------------------------------------
 
 TEST_F(FileManagerTest, ChosenFolderIsStoredAndLogged) {

@@ -4,15 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "app/record_command.h"
-#include "fakes/fake_access.h"
 #include "fakes/fake_dispatch.h"
-#include "fakes/fake_display.h"
-#include "fakes/fake_files.h"
-#include "fakes/fake_recording_services.h"
-#include "fakes/fake_writer.h"
-#include "fakes/log_capture.h"
-#include "recording/permission_manager.h"
-#include "recording/recording_file_manager.h"
+#include "fakes/fake_engine.h"
 
 namespace gb {
 namespace {
@@ -20,14 +13,8 @@ namespace {
 using namespace gb::fakes;
 using namespace std::chrono_literals;
 
-class HeadlessRecordingTest : public ::testing::Test {
+class HeadlessRecordingTest : public ::testing::Test, protected FakeEngine {
 protected:
-    HeadlessRecordingTest() {
-        access.grantAll();
-        recorder = ScreenRecorder::create(
-            {std::make_shared<PermissionManager>(access), capture, composer, fileManager}, dispatch);
-    }
-
     std::shared_ptr<HeadlessRecording> make(RecordCommandOptions options,
                                             RecordAutomationHooks hooks = {}) {
         return std::make_shared<HeadlessRecording>(
@@ -39,18 +26,7 @@ protected:
 
     LogCapture log;
     FakeDispatch dispatch;
-    FakeAccessRequester access;
-    FakeFileSystem files;
-    FakeDefaultsStore defaults;
-    FakeDateFormatter dates;
-    FakeAssetWriterFactory factory{&files};
-    FakeDisplayProvider display;
-    FakeFolderPicker picker;
-    std::shared_ptr<FakeCaptureService> capture = std::make_shared<FakeCaptureService>();
-    std::shared_ptr<FakeCompositionService> composer = std::make_shared<FakeCompositionService>();
-    std::shared_ptr<RecordingFileManager> fileManager =
-        std::make_shared<RecordingFileManager>(files, defaults, dates, factory, display, picker);
-    std::shared_ptr<ScreenRecorder> recorder;
+    std::shared_ptr<ScreenRecorder> recorder = makeRecorder(dispatch);
     std::vector<std::string> out;
     std::vector<std::string> err;
     std::optional<int> exitCode;

@@ -18,42 +18,28 @@ protected:
     PermissionManager manager{access};
 };
 
-TEST_F(PermissionManagerTest, CameraRefusedWhenIncludedIsMissing) {
-    access.setAnswer(MediaType::audio, true);
-    access.setAnswer(MediaType::video, false);
-    EXPECT_FALSE(manager.checkAllPermissions(true));
-    EXPECT_EQ(manager.missingPermissions(true), Strings{"camera"});
-    EXPECT_EQ(access.requests(), (std::vector<MediaType>{MediaType::audio, MediaType::video,
-                                                         MediaType::audio, MediaType::video}));
-}
-
-TEST_F(PermissionManagerTest, CameraIsAskedEvenAfterTheMicrophoneWasRefused) {
-    access.setAnswer(MediaType::audio, false);
-    access.setAnswer(MediaType::video, true);
-    EXPECT_FALSE(manager.checkAllPermissions(true));
-    EXPECT_EQ(manager.missingPermissions(true), Strings{"microphone"});
-    EXPECT_EQ(access.requestCount(MediaType::video), 2u);
-}
-
-TEST_F(PermissionManagerTest, BothRefusedAreListedMicrophoneFirst) {
-    EXPECT_FALSE(manager.checkAllPermissions(true));
-    EXPECT_EQ(manager.missingPermissions(true), (Strings{"microphone", "camera"}));
-}
-
-TEST_F(PermissionManagerTest, CameraIsNotAskedWhenNotIncluded) {
-    access.setAnswer(MediaType::audio, true);
-    access.setAnswer(MediaType::video, false);
-    EXPECT_TRUE(manager.checkAllPermissions(false));
-    EXPECT_EQ(manager.missingPermissions(false), Strings{});
-    EXPECT_EQ(access.requestCount(MediaType::video), 0u);
-}
-
-TEST_F(PermissionManagerTest, EverythingGrantedMissesNothing) {
-    access.grantAll();
-    EXPECT_TRUE(manager.checkAllPermissions(true));
-    EXPECT_EQ(manager.missingPermissions(true), Strings{});
-    EXPECT_TRUE(manager.requestMicrophonePermission());
-    EXPECT_TRUE(manager.requestCameraPermission());
+TEST_F(PermissionManagerTest, MissingPermissionsMicrophoneFirstAndCameraOnlyWhenIncluded) {
+    const struct {
+        bool microphone, camera, includeCamera;
+        Strings missing;
+        size_t cameraRequests;  // by the check and the listing together
+    } cases[] = {
+        {true, false, true, {"camera"}, 2},
+        {false, true, true, {"microphone"}, 2},  // the camera is asked all the same
+        {false, false, true, {"microphone", "camera"}, 2},
+        {true, false, false, {}, 0},
+        {true, true, true, {}, 2},
+    };
+    for (const auto& c : cases) {
+        FakeAccessRequester requester;
+        requester.setAnswer(MediaType::audio, c.microphone);
+        requester.setAnswer(MediaType::video, c.camera);
+        PermissionManager permissions(requester);
+        EXPECT_EQ(permissions.checkAllPermissions(c.includeCamera), c.missing.empty());
+        EXPECT_EQ(permissions.missingPermissions(c.includeCamera), c.missing);
+        EXPECT_EQ(requester.requestCount(MediaType::video), c.cameraRequests);
+        EXPECT_EQ(requester.requestCount(MediaType::audio), 2u);
+    }
     EXPECT_TRUE(log.lines().empty());
 }
 

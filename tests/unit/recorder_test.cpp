@@ -3,16 +3,8 @@
 
 #include <stdexcept>
 
-#include "fakes/fake_access.h"
 #include "fakes/fake_dispatch.h"
-#include "fakes/fake_display.h"
-#include "fakes/fake_files.h"
-#include "fakes/fake_recording_services.h"
-#include "fakes/fake_writer.h"
-#include "fakes/log_capture.h"
-#include "recording/permission_manager.h"
-#include "recording/recording_file_manager.h"
-#include "recording/screen_recorder.h"
+#include "fakes/fake_engine.h"
 
 namespace gb {
 namespace {
@@ -60,16 +52,13 @@ public:
     std::vector<std::string> missingPermissions(bool) override { return {}; }
 };
 
-class RecorderTest : public ::testing::Test {
+class RecorderTest : public ::testing::Test, protected FakeEngine {
 protected:
-    RecorderTest() {
-        access.grantAll();
-        recorder = makeRecorder(std::make_shared<PermissionManager>(access));
-    }
+    RecorderTest() : FakeEngine(&calls) { recorder = recorderWith({}); }
 
-    std::shared_ptr<ScreenRecorder> makeRecorder(std::shared_ptr<PermissionService> permissions) {
-        auto r = ScreenRecorder::create({std::move(permissions), capture, composer, fileManager},
-                                        dispatch);
+    // A recorder (replacing the services) that reports to `delegate`.
+    std::shared_ptr<ScreenRecorder> recorderWith(std::shared_ptr<PermissionService> permissions) {
+        auto r = makeRecorder(dispatch, std::move(permissions));
         r->setDelegate(delegate);
         return r;
     }
@@ -104,47 +93,14 @@ protected:
         EXPECT_EQ(r[0].errorKind, kind);
     }
 
-    LogCapture log;  // first: outlives everything that logs
+    LogCapture log;
     CallLog calls;
     FakeDispatch dispatch;
-    FakeAccessRequester access;
-    FakeFileSystem files;
-    FakeDefaultsStore defaults;
-    FakeDateFormatter dates;
-    FakeAssetWriterFactory factory{&files, &calls};
-    FakeDisplayProvider display;
-    FakeFolderPicker picker;
-    std::shared_ptr<FakeCaptureService> capture = std::make_shared<FakeCaptureService>(&calls);
-    std::shared_ptr<FakeCompositionService> composer = std::make_shared<FakeCompositionService>();
-    std::shared_ptr<RecordingFileManager> fileManager =
-        std::make_shared<RecordingFileManager>(files, defaults, dates, factory, display, picker);
     std::shared_ptr<FakeRecorderDelegate> delegate = std::make_shared<FakeRecorderDelegate>();
     std::shared_ptr<ScreenRecorder> recorder;
 };
 
 // ---- construction and options ------------------------------------------------------------------
-
-TEST_F(RecorderTest, StartsWithTheDefaultOptionsAndIdle) {
-    EXPECT_FALSE(recorder->isRecording());
-    EXPECT_TRUE(recorder->cameraOverlayEnabled());
-    EXPECT_EQ(recorder->cameraOverlayPreset(), CameraOverlayPreset::medium);
-    EXPECT_EQ(recorder->cameraPosition(), CameraPosition::bottomRight);
-    EXPECT_DOUBLE_EQ(recorder->cameraOverlayCornerRadius(), 20.0);
-    EXPECT_EQ(recorder->videoQuality(), VideoQuality::screenResolution);
-    EXPECT_EQ(recorder->frameRate(), 30);
-    EXPECT_EQ(&recorder->captureSessionManager(), capture.get());
-    EXPECT_EQ(&recorder->videoComposer(), composer.get());
-    EXPECT_EQ(&recorder->fileManager(), fileManager.get());
-
-    recorder->setCameraOverlayEnabled(false);
-    recorder->setCameraOverlayPreset(CameraOverlayPreset::large);
-    recorder->setCameraPosition(CameraPosition::topLeft);
-    recorder->setVideoQuality(VideoQuality::medium);
-    EXPECT_FALSE(recorder->cameraOverlayEnabled());
-    EXPECT_EQ(recorder->cameraOverlayPreset(), CameraOverlayPreset::large);
-    EXPECT_EQ(recorder->cameraPosition(), CameraPosition::topLeft);
-    EXPECT_EQ(recorder->videoQuality(), VideoQuality::medium);
-}
 
 TEST_F(RecorderTest, IsTheCaptureServicesDelegateWithoutBeingOwnedByIt) {
     start();
@@ -252,44 +208,50 @@ TEST_F(RecorderTest, OverlayOffStartsNoCameraAndAsksNoCameraPermission) {
 
 // ---- start failures ----------------------------------------------------------------------------
 
-TEST_F(RecorderTest, MicrophoneRefusal) {
-    access.setAnswer(MediaType::audio, false);
+// A refused permission ends the start before anything is set up; the next start may succeed.
+struct RefusalCase {
+    bool microphone;
+    bool camera;
+    std::string userText;
+};
+class PermissionRefusalTest : public RecorderTest,
+                              public ::testing::WithParamInterface<RefusalCase> {};
+
+TEST_P(PermissionRefusalTest, EndsTheStartWithItsText) {
+    access.setAnswer(MediaType::audio, GetParam().microphone);
+    access.setAnswer(MediaType::video, GetParam().camera);
     start();
-    expectOneFailure("Permission denied: Microphone access required",
-                     ScreenRecorderError::Kind::permissionDenied);
+    expectOneFailure(GetParam().userText, ScreenRecorderError::Kind::permissionDenied);
     // Nothing logged beyond the start line, nothing set up, no clean-up; each asked twice.
     EXPECT_EQ(log.lines(), Strings{"ScreenRecorder.startRecording() called"});
     EXPECT_TRUE(calls.calls().empty());
+    EXPECT_EQ(capture->cleanupCount(), 0);
     EXPECT_EQ(access.requestCount(MediaType::audio), 2u);
     EXPECT_EQ(access.requestCount(MediaType::video), 2u);
     EXPECT_FALSE(recorder->isRecording());
+
+    access.grantAll();
+    start();
+    ASSERT_EQ(reports().size(), 2u);
+    EXPECT_EQ(reports()[1].kind, Report::Kind::didStart);
 }
 
-TEST_F(RecorderTest, CameraRefusal) {
-    access.setAnswer(MediaType::video, false);
-    start();
-    expectOneFailure("Permission denied: Camera access required",
-                     ScreenRecorderError::Kind::permissionDenied);
-    EXPECT_EQ(capture->cleanupCount(), 0);
-}
-
-TEST_F(RecorderTest, MicrophoneAndCameraRefusal) {
-    access.setAnswer(MediaType::audio, false);
-    access.setAnswer(MediaType::video, false);
-    start();
-    expectOneFailure("Permission denied: Microphone And Camera access required",
-                     ScreenRecorderError::Kind::permissionDenied);
-}
+INSTANTIATE_TEST_SUITE_P(
+    MicrophoneCameraOrBoth, PermissionRefusalTest,
+    ::testing::Values(RefusalCase{false, true, "Permission denied: Microphone access required"},
+                      RefusalCase{true, false, "Permission denied: Camera access required"},
+                      RefusalCase{false, false,
+                                  "Permission denied: Microphone And Camera access required"}));
 
 TEST_F(RecorderTest, RefusalWithNothingMissingOnTheSecondQuery) {
-    recorder = makeRecorder(std::make_shared<InconsistentPermissions>());
+    recorder = recorderWith(std::make_shared<InconsistentPermissions>());
     start();
     expectOneFailure("Permission denied:  access required",
                      ScreenRecorderError::Kind::permissionDenied);
 }
 
 TEST_F(RecorderTest, APermissionServiceThatThrowsEndsTheStartThroughTheCommonPath) {
-    recorder = makeRecorder(std::make_shared<ThrowingPermissions>());
+    recorder = recorderWith(std::make_shared<ThrowingPermissions>());
     start();
     EXPECT_EQ(log.lines().back(), "Recording setup failed: access service gone");
     expectOneFailure("Setup failed: access service gone", ScreenRecorderError::Kind::setupFailed);
@@ -298,66 +260,65 @@ TEST_F(RecorderTest, APermissionServiceThatThrowsEndsTheStartThroughTheCommonPat
     EXPECT_EQ(reports().size(), 2u);
 }
 
-TEST_F(RecorderTest, ARefusedStartCanBeFollowedByAnotherStart) {
-    access.setAnswer(MediaType::audio, false);
-    start();
-    access.setAnswer(MediaType::audio, true);
-    start();
-    ASSERT_EQ(reports().size(), 2u);
-    EXPECT_EQ(reports()[1].kind, Report::Kind::didStart);
-}
-
+// Each capture error ends the start with its own text for the user and its case in the log.
 struct CaptureErrorCase {
     bool inCameraSetup;
     CaptureSessionError error;
+    std::string userText;  // after "Setup failed: "
+    std::string logged;    // after "Recording setup failed: "
 };
 void PrintTo(const CaptureErrorCase& c, std::ostream* os) {
-    *os << c.error.caseDescription();
+    *os << c.logged;
 }
 
 class CaptureErrorTest : public RecorderTest,
                          public ::testing::WithParamInterface<CaptureErrorCase> {};
 
 TEST_P(CaptureErrorTest, EndsTheStartWithSetupFailed) {
-    const auto& [inCameraSetup, error] = GetParam();
-    if (inCameraSetup) {
-        capture->setCameraSetupError(error);
+    const CaptureErrorCase& c = GetParam();
+    if (c.inCameraSetup) {
+        capture->setCameraSetupError(c.error);
     } else {
-        capture->setScreenSetupError(error);
+        capture->setScreenSetupError(c.error);
     }
     start();
     EXPECT_EQ(log.lines(), (Strings{"ScreenRecorder.startRecording() called",
-                                    "Recording setup failed: " + error.caseDescription()}));
-    expectOneFailure("Setup failed: " + error.errorDescription(),
-                     ScreenRecorderError::Kind::setupFailed);
+                                    "Recording setup failed: " + c.logged}));
+    expectOneFailure("Setup failed: " + c.userText, ScreenRecorderError::Kind::setupFailed);
     EXPECT_FALSE(recorder->isRecording());
     EXPECT_EQ(capture->cleanupCount(), 1);
     EXPECT_TRUE(factory.requests().empty());
-    EXPECT_EQ(capture->screenStub().startCount(), 0);
+    EXPECT_EQ(capture->screenSessionFake().startCount(), 0);
 }
 
+using CE = CaptureSessionError;
 INSTANTIATE_TEST_SUITE_P(
     EveryCaptureError, CaptureErrorTest,
-    ::testing::Values(CaptureErrorCase{false, CaptureSessionError::microphoneSetupFailed("busy")},
-                      CaptureErrorCase{true, CaptureSessionError::cameraSetupFailed("in use")},
-                      CaptureErrorCase{false, CaptureSessionError::noDisplay()},
-                      CaptureErrorCase{false, CaptureSessionError::screenCaptureUnavailable()},
-                      CaptureErrorCase{false, CaptureSessionError::cannotAddScreenInput()},
-                      CaptureErrorCase{false, CaptureSessionError::microphoneUnavailable()},
-                      CaptureErrorCase{false, CaptureSessionError::cannotAddMicrophoneInput()},
-                      CaptureErrorCase{false, CaptureSessionError::cannotAddVideoOutput()},
-                      CaptureErrorCase{false, CaptureSessionError::cannotAddAudioOutput()},
-                      CaptureErrorCase{true, CaptureSessionError::cannotAddCameraInput()},
-                      CaptureErrorCase{true, CaptureSessionError::cannotAddCameraOutput()}));
-
-TEST_F(RecorderTest, ScreenCaptureUnavailableReachesTheUserWithItsText) {
-    capture->setScreenSetupError(CaptureSessionError::screenCaptureUnavailable());
-    start();
-    expectOneFailure(
-        "Setup failed: Screen capture is unavailable. Please grant screen recording permission.",
-        ScreenRecorderError::Kind::setupFailed);
-    EXPECT_EQ(log.lines().back(), "Recording setup failed: screenCaptureUnavailable");
-}
+    ::testing::Values(
+        CaptureErrorCase{false, CE::microphoneSetupFailed("busy"), "Microphone setup failed: busy",
+                         "microphoneSetupFailed(\"busy\")"},
+        CaptureErrorCase{true, CE::cameraSetupFailed("in use"), "Camera setup failed: in use",
+                         "cameraSetupFailed(\"in use\")"},
+        CaptureErrorCase{false, CE::noDisplay(), "No display found for screen recording",
+                         "noDisplay"},
+        CaptureErrorCase{false, CE::screenCaptureUnavailable(),
+                         "Screen capture is unavailable. Please grant screen recording permission.",
+                         "screenCaptureUnavailable"},
+        CaptureErrorCase{false, CE::cannotAddScreenInput(),
+                         "Cannot add screen input to capture session", "cannotAddScreenInput"},
+        CaptureErrorCase{false, CE::microphoneUnavailable(), "No microphone found",
+                         "microphoneUnavailable"},
+        CaptureErrorCase{false, CE::cannotAddMicrophoneInput(),
+                         "Cannot add microphone input to capture session",
+                         "cannotAddMicrophoneInput"},
+        CaptureErrorCase{false, CE::cannotAddVideoOutput(),
+                         "Cannot add video output to capture session", "cannotAddVideoOutput"},
+        CaptureErrorCase{false, CE::cannotAddAudioOutput(),
+                         "Cannot add audio output to capture session", "cannotAddAudioOutput"},
+        CaptureErrorCase{true, CE::cannotAddCameraInput(),
+                         "Cannot add camera input to capture session", "cannotAddCameraInput"},
+        CaptureErrorCase{true, CE::cannotAddCameraOutput(),
+                         "Cannot add camera output to capture session", "cannotAddCameraOutput"}));
 
 TEST_F(RecorderTest, CameraIsSetUpOnlyWhenTheCaptureServiceHasTheOverlayOn) {
     capture->setCameraOverlayEnabled(false);  // the recorder's own flag stays on
@@ -365,7 +326,7 @@ TEST_F(RecorderTest, CameraIsSetUpOnlyWhenTheCaptureServiceHasTheOverlayOn) {
     start();
     EXPECT_EQ(reports().at(0).kind, Report::Kind::didStart);
     EXPECT_EQ(capture->setupCameraCount(), 0);
-    EXPECT_EQ(capture->cameraStub().startCount(), 0);
+    EXPECT_EQ(capture->cameraSessionFake().startCount(), 0);
 }
 
 TEST_F(RecorderTest, NoCameraFoundIsNotAFailureAndNoCameraSamplesArrive) {
@@ -378,33 +339,34 @@ TEST_F(RecorderTest, NoCameraFoundIsNotAFailureAndNoCameraSamplesArrive) {
     EXPECT_EQ(composer->plainCalls().size(), 1u);
 }
 
+// Whatever fails in the file manager, the user reads the same sentence.
 struct FileErrorCase {
     std::string name;
-    std::function<void(RecorderTest&)> arrange;
-    std::string logged;  // the "Recording setup failed: " line
+    FakeWriterConfig writer;
+    std::optional<PlatformError> makeWriterError;
+    bool noDocumentsFolder;
+    std::string logged;  // after "Recording setup failed: "
 };
 void PrintTo(const FileErrorCase& c, std::ostream* os) {
     *os << c.name;
 }
 
 class FileManagerErrorTest : public RecorderTest,
-                             public ::testing::WithParamInterface<FileErrorCase> {
-public:
-    void arrangeWriterConfig(const FakeWriterConfig& config) { factory.setConfig(config); }
-    void arrangeMakeWriterError(PlatformError error) { factory.setMakeWriterError(error); }
-    void arrangeNoDocuments() { files.setDocumentsDirectory(std::nullopt); }
-};
+                             public ::testing::WithParamInterface<FileErrorCase> {};
 
 TEST_P(FileManagerErrorTest, BecomesWriterCreationFailed) {
-    GetParam().arrange(*this);
+    const FileErrorCase& c = GetParam();
+    factory.setConfig(c.writer);
+    factory.setMakeWriterError(c.makeWriterError);
+    if (c.noDocumentsFolder) files.setDocumentsDirectory(std::nullopt);
     start();
     expectOneFailure("Failed to create video writer",
                      ScreenRecorderError::Kind::writerCreationFailed);
-    EXPECT_EQ(log.lines().back(), "Recording setup failed: " + GetParam().logged);
+    EXPECT_EQ(log.lines().back(), "Recording setup failed: " + c.logged);
     EXPECT_FALSE(recorder->isRecording());
     EXPECT_EQ(capture->cleanupCount(), 1);
     EXPECT_EQ(fileManager->currentOutputURL(), std::nullopt);  // cleared by the clean-up
-    EXPECT_EQ(capture->screenStub().startCount(), 0);
+    EXPECT_EQ(capture->screenSessionFake().startCount(), 0);
     // Samples after the failed start are ignored.
     EXPECT_FALSE(capture->deliverScreen(screenAt(1)));
 }
@@ -413,37 +375,21 @@ INSTANTIATE_TEST_SUITE_P(
     EveryFileManagerError, FileManagerErrorTest,
     ::testing::Values(
         FileErrorCase{"writerNotCreated",
-                      [](RecorderTest& t) {
-                          static_cast<FileManagerErrorTest&>(t).arrangeMakeWriterError(
-                              PlatformError{"AVFoundationErrorDomain", -11800, "No room"});
-                      },
+                      {},
+                      PlatformError{"AVFoundationErrorDomain", -11800, "No room"},
+                      false,
                       "writerCreationFailed(\"No room\")"},
-        FileErrorCase{"videoInputRefused",
-                      [](RecorderTest& t) {
-                          FakeWriterConfig c;
-                          c.canAddVideoInput = false;
-                          static_cast<FileManagerErrorTest&>(t).arrangeWriterConfig(c);
-                      },
-                      "cannotAddVideoInput"},
-        FileErrorCase{"audioInputRefused",
-                      [](RecorderTest& t) {
-                          FakeWriterConfig c;
-                          c.canAddAudioInput = false;
-                          static_cast<FileManagerErrorTest&>(t).arrangeWriterConfig(c);
-                      },
-                      "cannotAddAudioInput"},
-        FileErrorCase{"writerDoesNotStart",
-                      [](RecorderTest& t) {
-                          FakeWriterConfig c;
-                          c.startWritingSucceeds = false;
-                          c.startWritingError = PlatformError{"D", 1, "Cannot Save"};
-                          static_cast<FileManagerErrorTest&>(t).arrangeWriterConfig(c);
-                      },
-                      "startWritingFailed(\"Cannot Save\")"},
         FileErrorCase{
-            "noDocumentsFolder",
-            [](RecorderTest& t) { static_cast<FileManagerErrorTest&>(t).arrangeNoDocuments(); },
-            "urlCreationFailed"}),
+            "videoInputRefused", {.canAddVideoInput = false}, {}, false, "cannotAddVideoInput"},
+        FileErrorCase{
+            "audioInputRefused", {.canAddAudioInput = false}, {}, false, "cannotAddAudioInput"},
+        FileErrorCase{"writerDoesNotStart",
+                      {.startWritingSucceeds = false,
+                       .startWritingError = PlatformError{"D", 1, "Cannot Save"}},
+                      {},
+                      false,
+                      "startWritingFailed(\"Cannot Save\")"},
+        FileErrorCase{"noDocumentsFolder", {}, {}, true, "urlCreationFailed"}),
     [](const auto& info) { return info.param.name; });
 
 TEST_F(RecorderTest, MissingDocumentsFolderEndsTheStartAndLeavesEarlierRecordingsAlone) {
@@ -492,9 +438,9 @@ TEST_F(RecorderTest, CancelledPauseEndsTheStartThroughTheCommonFailurePath) {
                      ScreenRecorderError::Kind::setupFailed);
     EXPECT_FALSE(recorder->isRecording());
     // The sessions had been started; the clean-up stopped them and forgot the writer.
-    EXPECT_EQ(capture->screenStub().startCount(), 1);
+    EXPECT_EQ(capture->screenSessionFake().startCount(), 1);
     EXPECT_EQ(capture->cleanupCount(), 1);
-    EXPECT_FALSE(capture->screenStub().isRunning());
+    EXPECT_FALSE(capture->screenSessionFake().isRunning());
     EXPECT_EQ(fileManager->currentOutputURL(), std::nullopt);
     EXPECT_EQ(writer()->finishCalls(), 0);
     recorder->stopRecording();
@@ -589,7 +535,7 @@ TEST_F(RecorderTest, StopWhileIdleAndStopTwice) {
 TEST_F(RecorderTest, SamplesAreIgnoredOnceTheStopClearedTheFlag) {
     startAndClearLog();
     // The flag is already clear when the sessions stop, so a late delivery is ignored.
-    capture->screenStub().setOnStopRunning([&] {
+    capture->screenSessionFake().setOnStopRunning([&] {
         EXPECT_FALSE(recorder->isRecording());
         capture->deliverScreen(screenAt(99));
         capture->deliverAudio(audioAt(99));

@@ -10,20 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "app/app_delegate.h"
 #include "automation/vscode_integration.h"
-#include "fakes/fake_access.h"
 #include "fakes/fake_dispatch.h"
-#include "fakes/fake_display.h"
-#include "fakes/fake_files.h"
-#include "fakes/fake_recording_services.h"
-#include "fakes/fake_scripting.h"
-#include "fakes/fake_user_interface.h"
-#include "fakes/fake_writer.h"
+#include "fakes/fake_shell_platform.h"
 #include "fakes/log_capture.h"
-#include "recording/permission_manager.h"
-#include "recording/recording_file_manager.h"
-#include "recording/screen_recorder.h"
 
 namespace gb::testing {
 
@@ -31,17 +21,7 @@ inline constexpr const char* kVSCode = "com.microsoft.VSCode";
 inline constexpr const char* kStart = "\u23FA Start Recording";
 inline constexpr const char* kStop = "\u23F9 Stop Recording";
 
-struct ShellHarness {
-    ShellHarness() {
-        access.setAnswer(MediaType::audio, true);
-        access.setAnswer(MediaType::video, true);
-        application.journal = &calls;
-        statusBar.journal = &calls;
-        alerts.journal = &calls;
-        notifications.journal = &calls;
-    }
-    ShellHarness(const ShellHarness&) = delete;
-    ShellHarness& operator=(const ShellHarness&) = delete;
+struct ShellHarness : fakes::FakeShellPlatform {
     ~ShellHarness() {
         // Work still queued holds the delegate; drop it before the fakes go.
         dispatch.runAll();
@@ -50,20 +30,9 @@ struct ShellHarness {
     // The recorder exactly as the program builds it, over fake platform services.
     std::shared_ptr<ScreenRecorder> makeRecorder() {
         calls.add("recorder.create");
-        ++recordersMade;
-        capture = std::make_shared<fakes::FakeCaptureService>();
-        composer = std::make_shared<fakes::FakeCompositionService>();
-        ScreenRecorder::Services services{
-            std::make_shared<PermissionManager>(access), capture, composer,
-            std::make_shared<RecordingFileManager>(files, defaults, dates, writers, display,
-                                                   folderPicker)};
-        return ScreenRecorder::create(std::move(services), dispatch);
+        return FakeEngine::makeRecorder(dispatch);
     }
-
-    AppDelegate::Platform platform() {
-        return {application,   statusBar, windows, alerts,   workspace,
-                notifications, defaults,  files,   dispatch, display};
-    }
+    AppDelegate::Platform platform() { return FakeShellPlatform::platform(dispatch); }
 
     void launch() {
         delegate = std::make_shared<AppDelegate>(
@@ -90,30 +59,8 @@ struct ShellHarness {
 
     void enableAutomation() { defaults.setBool(true, AppDelegate::kVSCodeAutomationEnabledKey); }
 
-    fakes::LogCapture log;  // first: captures everything, restored last
-    fakes::CallLog calls;
+    fakes::LogCapture log;
     fakes::FakeDispatch dispatch;
-    fakes::FakeDisplayProvider display;
-
-    fakes::FakeApplication application;
-    fakes::FakeStatusBar statusBar;
-    fakes::FakeWindowSystem windows;
-    fakes::FakeAlertPresenter alerts;
-    fakes::FakeWorkspace workspace;
-    fakes::FakeNotificationCenter notifications;
-    fakes::FakeDefaultsStore defaults;
-    fakes::FakeFileSystem files;
-
-    fakes::FakeAccessRequester access;
-    fakes::FakeDateFormatter dates;
-    fakes::FakeAssetWriterFactory writers{&files, &calls};
-    fakes::FakeFolderPicker folderPicker;
-    std::shared_ptr<fakes::FakeCaptureService> capture;
-    std::shared_ptr<fakes::FakeCompositionService> composer;
-    int recordersMade = 0;
-
-    fakes::FakeApplicationFinder finder;
-    fakes::RecordingScriptRunner runner;
     VSCodeIntegration vsCode{finder, runner, dispatch.sleeperImpl};
 
     std::shared_ptr<AppDelegate> delegate;

@@ -9,19 +9,19 @@
 #include <vector>
 
 #include "fakes/fake_image_composition.h"
+#include "fakes/log_capture.h"
+#include "fakes/pixel_buffers.h"
 #include "linux/portable/cpu_image_compositor.h"
 #include "linux/portable/standard_sample_maker.h"
-#include "unit/captured_log.h"
-#include "unit/pixel_test_support.h"
 
 namespace gb {
 namespace {
 
 using fakes::bgra;
-using fakes::CapturedLog;
 using fakes::exactBuffer;
 using fakes::FakeImage;
 using fakes::FakeImageCompositionBackend;
+using fakes::LogCapture;
 using fakes::pixelAt;
 using fakes::ScriptedBufferFactory;
 using fakes::solidBuffer;
@@ -89,27 +89,18 @@ TEST(OverlayPlacementTest, SizesAndMarginAreTruncated) {
 
 // ---- fields ----------------------------------------------------------------------------------
 
-TEST(VideoComposerTest, Defaults) {
-    FakeImageCompositionBackend backend;
-    ScriptedBufferFactory buffers;
-    StandardSampleMaker maker;
-    VideoComposer composer(backend, buffers, maker);
-    EXPECT_TRUE(composer.cameraOverlayEnabled());
-    EXPECT_EQ(composer.cameraOverlayPreset(), S::medium);
-    EXPECT_EQ(composer.cameraPosition(), P::bottomRight);
-    EXPECT_EQ(composer.cameraOverlayCornerRadius(), 20.0);
-    EXPECT_TRUE(composer.useGPUComposition());
-    EXPECT_EQ(backend.contextsMade(), 0);  // created on first use only
-}
-
 // ---- image path: what the back end is asked -------------------------------------------------
 
-TEST(VideoComposerImagePathTest, ScalesMovesLaysOverAndRendersIntoANewFrame) {
+class VideoComposerImagePathTest : public ::testing::Test {
+protected:
     FakeImageCompositionBackend backend;
     ScriptedBufferFactory buffers;
     StandardSampleMaker maker;
-    VideoComposer composer(backend, buffers, maker);
-    CapturedLog log;
+    VideoComposer composer{backend, buffers, maker};
+    LogCapture log;
+};
+
+TEST_F(VideoComposerImagePathTest, ScalesMovesLaysOverAndRendersIntoANewFrame) {
     const auto screen = exactBuffer(1920, 1080);
     const auto camera = exactBuffer(1280, 720);
 
@@ -170,7 +161,7 @@ protected:
     ScriptedBufferFactory buffers;
     StandardSampleMaker maker;
     VideoComposer composer{backend, buffers, maker};
-    CapturedLog log;
+    LogCapture log;
 };
 
 TEST_P(ComposedFrameTest, OverlayCoversItsCornerExactly) {
@@ -361,13 +352,21 @@ INSTANTIATE_TEST_SUITE_P(BothPaths, ComposedFrameTest, ::testing::Values(Path::i
 
 // ---- pixel path specifics --------------------------------------------------------------------
 
-TEST(VideoComposerPixelPathTest, SamplesTheCameraByNearestNeighbour) {
+// The pixel path is taken when the first buffer of a frame cannot be had.
+class VideoComposerPixelPathTest : public ::testing::Test {
+protected:
+    VideoComposerPixelPathTest() {
+        buffers.fails = [](int call) { return call == 0; };
+    }
+
     CpuImageCompositor backend;
     ScriptedBufferFactory buffers;
-    buffers.fails = [](int call) { return call == 0; };
     StandardSampleMaker maker;
-    VideoComposer composer(backend, buffers, maker);
-    CapturedLog log;
+    VideoComposer composer{backend, buffers, maker};
+    LogCapture log;
+};
+
+TEST_F(VideoComposerPixelPathTest, SamplesTheCameraByNearestNeighbour) {
     composer.setCameraOverlayPreset(S::small);
     composer.setCameraPosition(P::topLeft);
     const auto camera = exactBuffer(640, 480);
@@ -390,13 +389,7 @@ TEST(VideoComposerPixelPathTest, SamplesTheCameraByNearestNeighbour) {
                             "📍 Camera positioned at: Top Left -> (50, 50)"));
 }
 
-TEST(VideoComposerPixelPathTest, CameraAlphaIsCopiedNotBlended) {
-    CpuImageCompositor backend;
-    ScriptedBufferFactory buffers;
-    buffers.fails = [](int call) { return call == 0; };
-    StandardSampleMaker maker;
-    VideoComposer composer(backend, buffers, maker);
-    CapturedLog log;
+TEST_F(VideoComposerPixelPathTest, CameraAlphaIsCopiedNotBlended) {
     const uint32_t translucent = bgra(40, 40, 40, 128);
     const auto out =
         composer
@@ -405,13 +398,8 @@ TEST(VideoComposerPixelPathTest, CameraAlphaIsCopiedNotBlended) {
     EXPECT_EQ(pixelAt(*out, 1700, 900), translucent);
 }
 
-TEST(VideoComposerPixelPathTest, WithoutAnyBufferTheScreenFrameIsWrapped) {
-    CpuImageCompositor backend;
-    ScriptedBufferFactory buffers;
+TEST_F(VideoComposerPixelPathTest, WithoutAnyBufferTheScreenFrameIsWrapped) {
     buffers.fails = [](int) { return true; };
-    StandardSampleMaker maker;
-    VideoComposer composer(backend, buffers, maker);
-    CapturedLog log;
     const auto screen = solidBuffer(64, 48, kScreen);
     const auto sample = composer.composeFrame(screen, solidBuffer(4, 4, kCamera), kTime);
     ASSERT_NE(sample, nullptr);
@@ -421,13 +409,7 @@ TEST(VideoComposerPixelPathTest, WithoutAnyBufferTheScreenFrameIsWrapped) {
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST(VideoComposerPixelPathTest, MissingBaseAddressSkipsDrawingButStillWraps) {
-    CpuImageCompositor backend;
-    ScriptedBufferFactory buffers;
-    buffers.fails = [](int call) { return call == 0; };
-    StandardSampleMaker maker;
-    VideoComposer composer(backend, buffers, maker);
-    CapturedLog log;
+TEST_F(VideoComposerPixelPathTest, MissingBaseAddressSkipsDrawingButStillWraps) {
     const auto camera = PixelBuffer::wrap(320, 180, 1280, nullptr, {});
     const auto sample = composer.composeFrame(solidBuffer(1920, 1080, kScreen), camera, kTime);
     ASSERT_NE(sample, nullptr);
@@ -437,11 +419,7 @@ TEST(VideoComposerPixelPathTest, MissingBaseAddressSkipsDrawingButStillWraps) {
 
 // ---- samples ---------------------------------------------------------------------------------
 
-TEST(VideoComposerSampleTest, WrapsTheBufferUnchanged) {
-    FakeImageCompositionBackend backend;
-    ScriptedBufferFactory buffers;
-    StandardSampleMaker maker;
-    VideoComposer composer(backend, buffers, maker);
+TEST_F(VideoComposerImagePathTest, PlainSampleWrapsTheBufferUnchanged) {
     const auto frame = exactBuffer(16, 16);
     for (const MediaTime t : {MediaTime::make(0, 30), MediaTime::make(7, 60), kTime}) {
         const auto sample = composer.createSampleBuffer(frame, t);
@@ -466,11 +444,7 @@ TEST(VideoComposerSampleTest, NoSampleWhenTheSampleCannotBeMade) {
         nullptr);
 }
 
-TEST(VideoComposerSampleTest, WithoutACameraFrameTheScreenIsWrapped) {
-    FakeImageCompositionBackend backend;
-    ScriptedBufferFactory buffers;
-    StandardSampleMaker maker;
-    VideoComposer composer(backend, buffers, maker);
+TEST_F(VideoComposerImagePathTest, WithoutACameraFrameTheScreenIsWrapped) {
     const auto screen = exactBuffer(16, 16);
     const auto sample = composer.composeFrame(screen, nullptr, kTime);
     ASSERT_NE(sample, nullptr);

@@ -14,7 +14,7 @@
 #include "automation/system_events_scripts.h"
 #include "fakes/fake_dispatch.h"
 #include "fakes/fake_scripting.h"
-#include "recording/log.h"
+#include "fakes/log_capture.h"
 
 namespace gb {
 namespace {
@@ -23,6 +23,7 @@ using namespace std::chrono_literals;
 using fakes::FakeApplicationFinder;
 using fakes::FakeRunningApplication;
 using fakes::FakeSleeper;
+using fakes::LogCapture;
 using fakes::RecordingScriptRunner;
 using Key = VSCodeIntegration::Key;
 
@@ -42,23 +43,6 @@ const std::string kReturn =
     "tell application \"System Events\"\n"
     "    key code 36\n"
     "end tell";
-
-// Captures every logged line while alive.
-class LogCapture {
-public:
-    LogCapture() {
-        previous_ = setLogSink([this](std::string_view line) { lines_.emplace_back(line); });
-    }
-    ~LogCapture() { setLogSink(std::move(previous_)); }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
-    [[nodiscard]] const std::vector<std::string>& lines() const { return lines_; }
-
-private:
-    LogSink previous_;
-    std::vector<std::string> lines_;
-};
 
 // One thing that happened, at the fake clock's time.
 struct Event {

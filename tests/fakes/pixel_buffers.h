@@ -1,5 +1,5 @@
-// Pixel buffers for composition tests. Every buffer is one heap block of exactly
-// bytesPerRow * height bytes, so AddressSanitizer catches any read or write outside it.
+// Pixel buffers for tests. Every buffer is one heap block of exactly bytesPerRow * height bytes,
+// so AddressSanitizer catches any read or write outside it.
 #pragma once
 
 #include <algorithm>
@@ -33,6 +33,16 @@ inline uint32_t pixelAt(const PixelBuffer& b, int x, int y) {
         &v, b.baseAddress() + static_cast<size_t>(y) * b.bytesPerRow() + static_cast<size_t>(x) * 4,
         4);
     return v;
+}
+
+// Blue, green, red and alpha of one pixel.
+struct Bgra {
+    int b, g, r, a;
+};
+inline Bgra channelsAt(const PixelBuffer& b, int x, int y) {
+    const uint32_t v = pixelAt(b, x, y);
+    return {static_cast<int>(v & 0xFF), static_cast<int>(v >> 8 & 0xFF),
+            static_cast<int>(v >> 16 & 0xFF), static_cast<int>(v >> 24)};
 }
 
 inline void setPixel(PixelBuffer& b, int x, int y, uint32_t v) {

@@ -1,0 +1,75 @@
+// What a capture source delivered: counts, stamps and the buffers' addresses, with the last
+// sample kept (or every sample, as a consumer that never lets go would), and waits for arrivals.
+// Also reaches the source behind a capture input. Thread-safe.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <vector>
+
+#include "fakes/locked.h"
+#include "linux/capture_source.h"
+#include "platform/media.h"
+
+namespace gb::fakes {
+
+inline linuxp::CaptureSource& sourceOf(const std::shared_ptr<CaptureInput>& input) {
+    return dynamic_cast<linuxp::SourceBackedInput&>(*input).captureSource();
+}
+
+class FrameCollector {
+public:
+    explicit FrameCollector(bool holdAll = false) : holdAll_(holdAll) {}
+
+    std::function<void(const SampleBufferRef&)> deliver() {
+        return [this](const SampleBufferRef& sample) {
+            {
+                std::lock_guard lock(mutex_);
+                ++count_;
+                if (sample && sample->imageBuffer()) {
+                    addresses_.insert(sample->imageBuffer()->baseAddress());
+                }
+                times_.push_back(sample ? sample->presentationTime().nanoseconds() : 0);
+                if (holdAll_) held_.push_back(sample);
+                last_ = sample;
+            }
+            changed_.notify_all();
+        };
+    }
+    bool waitForCount(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] { return count_ >= n; });
+    }
+    [[nodiscard]] size_t count() const { return lockedCopy(mutex_, count_); }
+    [[nodiscard]] SampleBufferRef last() const { return lockedCopy(mutex_, last_); }
+    [[nodiscard]] std::vector<SampleBufferRef> held() const { return lockedCopy(mutex_, held_); }
+    [[nodiscard]] std::vector<int64_t> timesNanoseconds() const {
+        return lockedCopy(mutex_, times_);
+    }
+    [[nodiscard]] size_t distinctAddresses() const {
+        std::lock_guard lock(mutex_);
+        return addresses_.size();
+    }
+    // Lets go of every sample kept so far.
+    void release() {
+        std::lock_guard lock(mutex_);
+        held_.clear();
+        last_.reset();
+    }
+
+private:
+    const bool holdAll_;
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    size_t count_ = 0;                    // guarded by mutex_
+    std::vector<SampleBufferRef> held_;   // guarded by mutex_
+    SampleBufferRef last_;                // guarded by mutex_
+    std::vector<int64_t> times_;          // guarded by mutex_
+    std::set<const uint8_t*> addresses_;  // guarded by mutex_
+};
+
+}  // namespace gb::fakes
