@@ -35,13 +35,17 @@
 #include "linux/qt_shell.h"
 #include "linux/qt_status_item.h"
 #include "recording/log.h"
-#include "x_session.h"
+#include "fakes/test_environment.h"
 
 namespace gb::linuxp {
 namespace {
 
-using testsupport::ChildProcess;
-using testsupport::ScratchDirectory;
+using gb::fakes::ChildProcess;
+// A temporary folder, addressed as a filesystem path.
+struct ScratchDirectory {
+    gb::fakes::TempDirectory dir;
+    [[nodiscard]] std::filesystem::path path() const { return dir.path(); }
+};
 
 // One QApplication for the whole test program, on the offscreen platform.
 QApplication& qtApp() {
