@@ -282,11 +282,16 @@ public:
                waitUntil([&] { return trayIcon().has_value(); }, 20s);
     }
 
-    // The centre of the tray icon: the program's small visible window.
+    // The centre of the tray icon: the program's small visible window that the tray host has
+    // taken in. Tooltips are small too, but stay children of the root window.
     [[nodiscard]] std::optional<Point> trayIcon() const {
         for (const std::string& id :
              linesOf(desktop_.x({"xdotool", "search", "--onlyvisible", "--class", "Glimmerbox"})
                          .value_or(""))) {
+            static const std::regex underRoot(
+                R"(Parent window id: 0x[0-9a-f]+ \(the root window\))");
+            const auto tree = desktop_.x({"xwininfo", "-tree", "-id", id});
+            if (!tree || std::regex_search(*tree, underRoot)) continue;
             const auto g = desktop_.x({"xdotool", "getwindowgeometry", "--shell", id});
             if (!g) continue;
             std::map<std::string, int> v;
@@ -329,17 +334,19 @@ public:
     }
 
     // Clicks the tray icon and waits for the menu; where its entries are, by title.
+    // A click that the tray host lost (it happens under heavy load) is repeated once the menu
+    // has had ample time to show.
     std::map<std::string, Point> openMenu() {
         const size_t shown = countOf(log(), "[menu] shown \"\"");
-        const std::optional<Point> icon = trayIcon();
-        if (!icon) return {};
-        // A menu that has just closed may still hold the pointer: the click would go to it.
-        if (!desktop_.x({toolPath("wait_pointer_free")})) return {};
-        desktop_.click(*icon);
-        if (!waitForLogCount("[menu] shown \"\"", shown + 1, 10s) ||
-            !waitUntil([&] { return openMenuEntries().size() > 0; }, 5s)) {
-            return {};
+        const auto opened = [&] { return countOf(log(), "[menu] shown \"\"") > shown; };
+        for (int attempt = 0; attempt < 3 && !opened(); ++attempt) {
+            const std::optional<Point> icon = trayIcon();
+            // A menu that has just closed may still hold the pointer: the click would go to it.
+            if (!icon || !desktop_.x({toolPath("wait_pointer_free")})) continue;
+            desktop_.click(*icon);
+            waitUntil(opened, 5s);
         }
+        if (!opened() || !waitUntil([&] { return openMenuEntries().size() > 0; }, 5s)) return {};
         return openMenuEntries();
     }
 
