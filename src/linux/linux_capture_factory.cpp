@@ -46,8 +46,11 @@ LinuxCaptureFactory::ScreenInputMaker LinuxCaptureFactory::x11ScreenInputMaker(
 }
 
 void LinuxCaptureFactory::prepareScreenInput(uint32_t displayID) {
-    // Made and dropped: the maker's cache keeps it for the first recording.
-    (void)makeScreenInput(displayID);
+    // Made and dropped: the maker's cache keeps it for the first recording. The lock is held
+    // until this reference is gone, or a recording asking meanwhile would find the input in
+    // use and prepare a second one.
+    std::lock_guard lock(preparing_);
+    (void)parts_.screenInputMaker(displayID);
 }
 
 std::shared_ptr<CaptureSession> LinuxCaptureFactory::makeSession() {
@@ -55,6 +58,7 @@ std::shared_ptr<CaptureSession> LinuxCaptureFactory::makeSession() {
 }
 
 std::shared_ptr<ScreenInput> LinuxCaptureFactory::makeScreenInput(uint32_t displayID) {
+    { std::lock_guard wait(preparing_); }
     return parts_.screenInputMaker(displayID);
 }
 

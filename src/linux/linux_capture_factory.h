@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "linux/x11_screen_input.h"
@@ -45,7 +46,8 @@ public:
     [[nodiscard]] std::shared_ptr<AudioDataOutput> makeAudioDataOutput() override;
 
 private:
-    Parts parts_;  // fixed after construction
+    Parts parts_;           // fixed after construction
+    std::mutex preparing_;  // held while prepareScreenInput() runs
 };
 
 }  // namespace gb::linuxp
