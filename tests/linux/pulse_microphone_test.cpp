@@ -1,6 +1,6 @@
 // The microphone and access checks against a PulseAudio server that each test starts for itself
-// in a temporary folder (a null sink whose monitor is the default source; a tone played into the
-// sink is what the microphone hears).
+// in a temporary folder (a null sink whose monitor is the default source). What the microphone
+// hears, and its sync with the picture, is checked end to end (tests/e2e).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -9,7 +9,6 @@
 #include <sys/un.h>
 
 #include <algorithm>
-#include <cmath>
 #include <condition_variable>
 #include <cstring>
 #include <fstream>
@@ -34,16 +33,11 @@ using namespace std::chrono_literals;
 using fakes::ChildProcess;
 using fakes::LogCapture;
 using fakes::ScopedEnvironment;
-using fakes::sourceOf;
 using fakes::TempDirectory;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-constexpr int kToneRate = 44'100;
-
-bool havePulseAudio() {
-    return std::system("command -v pulseaudio pactl pacat >/dev/null") == 0;
-}
+constexpr int kRate = 44'100;
 
 int64_t millisecondsSince(int64_t startNanoseconds) {
     return (monotonicNanoseconds() - startNanoseconds) / 1'000'000;
@@ -77,22 +71,19 @@ public:
         env_ = {{"HOME", dir_.path()},
                 {"XDG_RUNTIME_DIR", dir_.path()},
                 {"PULSE_RUNTIME_PATH", dir_.path()},
-                {"XDG_CONFIG_HOME", dir_ / ".config"},
-                {"PATH", std::getenv("PATH")},
-                {"LANG", "C"}};
-        std::vector<std::string> arguments = {
-            "pulseaudio",
-            "-n",
-            "--daemonize=no",
-            "--exit-idle-time=-1",
-            "--disallow-exit",
-            "--use-pid-file=no",
-            "--system=no",
-            "--realtime=no",
-            "--high-priority=no",
-            "--log-target=stderr",
-            "-L",
-            "module-native-protocol-unix socket=" + socket + " auth-anonymous=1"};
+                {"XDG_CONFIG_HOME", dir_ / ".config"}};
+        for (const auto& [name, value] : env_) environment_.set(name, value);
+        environment_.set("PULSE_SERVER", address_);
+        environment_.unset("PULSE_COOKIE");
+        environment_.unset("DISPLAY");
+        env_.insert(env_.end(), {{"PATH", std::getenv("PATH")}, {"LANG", "C"}});
+
+        std::istringstream flags(
+            "pulseaudio -n --daemonize=no --exit-idle-time=-1 --disallow-exit --use-pid-file=no "
+            "--system=no --realtime=no --high-priority=no --log-target=stderr");
+        std::vector<std::string> arguments(std::istream_iterator<std::string>(flags), {});
+        arguments.insert(arguments.end(), {"-L", "module-native-protocol-unix socket=" + socket +
+                                                     " auth-anonymous=1"});
         if (config.nullSink) {
             arguments.insert(arguments.end(), {"-L", "module-null-sink sink_name=gbtest", "-L",
                                                "module-always-sink"});
@@ -106,17 +97,9 @@ public:
                                         (dir_ / "server-cookie") + " auth-cookie-enabled=1"});
         }
         server_ = std::make_unique<ChildProcess>(arguments, childOptions("pulseaudio.log"));
-        ready_ = waitUntilAnswering();
+        ready_ = fakes::eventually([&] { return pactl({"info"}) == 0; }, 10s);
         if (ready_ && config.nullSink)
             ready_ = pactl({"set-default-source", "gbtest.monitor"}) == 0;
-
-        environment_.set("HOME", dir_.path());
-        environment_.set("XDG_RUNTIME_DIR", dir_.path());
-        environment_.set("PULSE_RUNTIME_PATH", dir_.path());
-        environment_.set("XDG_CONFIG_HOME", dir_ / ".config");
-        environment_.set("PULSE_SERVER", address_);
-        environment_.unset("PULSE_COOKIE");
-        environment_.unset("DISPLAY");
     }
 
     [[nodiscard]] bool ready() const { return ready_; }
@@ -129,17 +112,7 @@ public:
 
     int pactl(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), "pactl");
-        ChildProcess client(arguments, childOptions("clients.log", address_));
-        return client.wait(5s);
-    }
-
-    // Plays a raw s16 stereo file into the null sink.
-    [[nodiscard]] std::unique_ptr<ChildProcess> play(const std::string& rawFile) {
-        return std::make_unique<ChildProcess>(
-            std::vector<std::string>{"pacat", "--playback", "--raw", "--format=s16le",
-                                     "--rate=" + std::to_string(kToneRate), "--channels=2",
-                                     "--device=gbtest", "--latency-msec=20", rawFile},
-            childOptions("clients.log", address_));
+        return ChildProcess(arguments, childOptions("clients.log", address_)).wait(5s);
     }
 
     void kill(int signal) { server_->stop(signal); }
@@ -152,15 +125,6 @@ private:
         return options;
     }
 
-    bool waitUntilAnswering() {
-        const auto deadline = std::chrono::steady_clock::now() + 10s;
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (pactl({"info"}) == 0) return true;
-            std::this_thread::sleep_for(50ms);
-        }
-        return false;
-    }
-
     TempDirectory dir_;
     std::string address_;
     std::vector<std::pair<std::string, std::string>> env_;
@@ -169,62 +133,28 @@ private:
     bool ready_ = false;
 };
 
-// Writes `seconds` of a 440 Hz tone at half scale, s16 stereo.
-std::string writeTone(const TempDirectory& dir, double seconds) {
-    const std::string file = dir / "tone.raw";
-    std::ofstream out(file, std::ios::binary);
-    const int frames = static_cast<int>(seconds * kToneRate);
-    for (int i = 0; i < frames; ++i) {
-        const auto value =
-            static_cast<int16_t>(16'000 * std::sin(2 * M_PI * 440.0 * i / kToneRate));
-        out.write(reinterpret_cast<const char*>(&value), 2);
-        out.write(reinterpret_cast<const char*>(&value), 2);
-    }
-    return file;
-}
-
 // What the test keeps of one delivered sample (the sample itself goes back to the source's pool
 // at once, as it would from a well-behaved consumer).
 struct Delivery {
-    MediaType mediaType = MediaType::video;
-    bool hasAudio = false;
-    AudioBuffer format;  // without data
-    size_t bytes = 0;
+    bool floatStereo44k = false;  // audio, f32, 2 channels, 44.1 kHz, bytes matching the frames
+    int frames = 0;
     MediaTime duration;
     int64_t startNanoseconds = 0;
     int64_t arrivalNanoseconds = 0;
-    float peak = 0;
-    int firstLoudFrame = -1;  // the first frame of the left channel above kLoud
 };
 
-constexpr float kLoud = 0.05f;
-
-Delivery summarize(const SampleBufferRef& sample, int64_t arrival) {
-    Delivery delivery;
-    delivery.mediaType = sample->mediaType();
-    delivery.duration = sample->timing().duration;
-    delivery.startNanoseconds = sample->presentationTime().nanoseconds();
-    delivery.arrivalNanoseconds = arrival;
+Delivery summarize(const SampleBufferRef& sample) {
+    Delivery d;
+    d.arrivalNanoseconds = monotonicNanoseconds();
+    d.duration = sample->timing().duration;
+    d.startNanoseconds = sample->presentationTime().nanoseconds();
     const AudioBufferRef& audio = sample->audioBuffer();
-    if (!audio) return delivery;
-    delivery.hasAudio = true;
-    delivery.format.sampleRate = audio->sampleRate;
-    delivery.format.channels = audio->channels;
-    delivery.format.format = audio->format;
-    delivery.format.frameCount = audio->frameCount;
-    delivery.bytes = audio->data.size();
-    if (audio->format != AudioSampleFormat::f32 || audio->channels < 1) return delivery;
-    const auto* samples = reinterpret_cast<const float*>(audio->data.data());
-    const size_t count = audio->data.size() / sizeof(float);
-    for (size_t i = 0; i < count; ++i) {
-        const float level = std::fabs(samples[i]);
-        delivery.peak = std::max(delivery.peak, level);
-        if (delivery.firstLoudFrame < 0 && i % static_cast<size_t>(audio->channels) == 0 &&
-            level > kLoud) {
-            delivery.firstLoudFrame = static_cast<int>(i / static_cast<size_t>(audio->channels));
-        }
-    }
-    return delivery;
+    if (sample->mediaType() != MediaType::audio || !audio) return d;
+    d.frames = audio->frameCount;
+    d.floatStereo44k = audio->format == AudioSampleFormat::f32 && audio->channels == 2 &&
+                       audio->sampleRate == kRate &&
+                       audio->data.size() == static_cast<size_t>(d.frames) * 2 * sizeof(float);
+    return d;
 }
 
 // What a source delivered, with the monotonic time of each arrival.
@@ -232,7 +162,7 @@ class Collector {
 public:
     CaptureSource::Deliver deliver() {
         return [this](const SampleBufferRef& sample) {
-            const Delivery delivery = summarize(sample, monotonicNanoseconds());
+            const Delivery delivery = summarize(sample);
             std::lock_guard lock(mutex_);
             deliveries_.push_back(delivery);
             seconds_ += delivery.duration.seconds();
@@ -255,42 +185,42 @@ private:
     double seconds_ = 0;                // guarded by mutex_
 };
 
-// The monotonic time of the first loud frame, or nothing.
-std::optional<int64_t> onsetNanoseconds(const std::vector<Delivery>& deliveries) {
-    for (const auto& delivery : deliveries) {
-        if (delivery.firstLoudFrame >= 0) {
-            return delivery.startNanoseconds +
-                   int64_t{delivery.firstLoudFrame} * 1'000'000'000 / delivery.format.sampleRate;
-        }
-    }
-    return std::nullopt;
+std::shared_ptr<CaptureInput> inputOf(const CaptureDeviceRef& device) {
+    auto made = dynamic_cast<InputMakingDevice&>(*device).makeInput();
+    return made.ok() ? made.value() : nullptr;
+}
+
+// The requester's answer; the completion must run exactly once, before requestAccess returns.
+bool ask(PulseAccessRequester requester, MediaType type) {
+    int answers = 0;
+    bool granted = false;
+    requester.requestAccess(type, [&](bool value) {
+        ++answers;
+        granted = value;
+    });
+    EXPECT_EQ(answers, 1);
+    return granted;
 }
 
 class PulseMicrophoneTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (!havePulseAudio()) GTEST_SKIP() << "pulseaudio, pactl and pacat are not installed";
+        if (std::system("command -v pulseaudio pactl >/dev/null") != 0)
+            GTEST_SKIP() << "pulseaudio and pactl are not installed";
     }
 };
 
 TEST_F(PulseMicrophoneTest, RecordsTheDefaultSourceInTimeAndStopsPromptly) {
     PrivatePulseServer server({});
     ASSERT_TRUE(server.ready()) << server.log();
-
     const CaptureDeviceRef device = defaultPulseMicrophone();
     ASSERT_NE(device, nullptr) << server.log();
     EXPECT_EQ(device->mediaType(), MediaType::audio);
-    const CameraDeviceInfo info = device->info();
-    EXPECT_EQ(info.uniqueID, "gbtest.monitor");
-    EXPECT_THAT(info.localizedName, StartsWith("Monitor of"));
-    EXPECT_TRUE(info.connected);
-
-    auto made = dynamic_cast<InputMakingDevice&>(*device).makeInput();
-    ASSERT_TRUE(made.ok());
-    const std::shared_ptr<CaptureInput> input = made.value();
-    EXPECT_EQ(input->mediaType(), MediaType::audio);
-    CaptureSource& source = sourceOf(input);
-    EXPECT_EQ(source.mediaType(), MediaType::audio);
+    EXPECT_EQ(device->info().uniqueID, "gbtest.monitor");
+    EXPECT_THAT(device->info().localizedName, StartsWith("Monitor of"));
+    const auto input = inputOf(device);
+    ASSERT_NE(input, nullptr);
+    CaptureSource& source = fakes::sourceOf(input);
     source.stop();  // not started: nothing to do
 
     LogCapture logs;
@@ -298,11 +228,6 @@ TEST_F(PulseMicrophoneTest, RecordsTheDefaultSourceInTimeAndStopsPromptly) {
     ASSERT_TRUE(source.start(collector.deliver()).ok());
     EXPECT_FALSE(source.start(collector.deliver()).ok());  // one recording at a time
 
-    // Some silence first, then the tone: its onset shows where the time stamps put it.
-    ASSERT_TRUE(collector.waitForSeconds(0.3, 5s));
-    const std::string tone = writeTone(server.dir(), 3.0);
-    const int64_t playStarted = monotonicNanoseconds();
-    const auto player = server.play(tone);
     ASSERT_TRUE(collector.waitForSeconds(1.5, 10s));
 
     const int64_t stopStarted = monotonicNanoseconds();
@@ -312,54 +237,37 @@ TEST_F(PulseMicrophoneTest, RecordsTheDefaultSourceInTimeAndStopsPromptly) {
     std::this_thread::sleep_for(100ms);
     const auto deliveries = collector.deliveries();
     EXPECT_EQ(deliveries.size(), deliveredAtStop) << "delivered after stop() returned";
-    EXPECT_EQ(logs.countPrefix("Microphone capture stopped: "), 1u);
-
     ASSERT_GT(deliveries.size(), 20u);
-    EXPECT_EQ(logs.linesStartingWith({"Microphone capture stopped: "})[0],
-              "Microphone capture stopped: " + std::to_string(deliveries.size()) +
-                  " buffers delivered, 0 dropped");
-    int64_t previousEnd = 0;
-    float loudest = 0;
+    EXPECT_EQ(logs.linesStartingWith({"Microphone capture stopped: "}),
+              std::vector<std::string>{
+                  "Microphone capture stopped: " + std::to_string(deliveries.size()) +
+                  " buffers delivered, 0 dropped"});
+
     std::vector<int64_t> lags;
     for (size_t i = 0; i < deliveries.size(); ++i) {
-        const Delivery& delivery = deliveries[i];
-        ASSERT_EQ(delivery.mediaType, MediaType::audio);
-        ASSERT_TRUE(delivery.hasAudio);
-        EXPECT_EQ(delivery.format.format, AudioSampleFormat::f32);
-        EXPECT_EQ(delivery.format.sampleRate, 44'100);
-        EXPECT_EQ(delivery.format.channels, 2);
-        EXPECT_GT(delivery.format.frameCount, 0);
-        EXPECT_EQ(delivery.bytes,
-                  static_cast<size_t>(delivery.format.frameCount) * 2 * sizeof(float));
-        EXPECT_EQ(delivery.duration, MediaTime::make(delivery.format.frameCount, 44'100));
-        loudest = std::max(loudest, delivery.peak);
-
-        const int64_t start = delivery.startNanoseconds;
-        const int64_t end = start + delivery.duration.nanoseconds();
+        const Delivery& d = deliveries[i];
+        ASSERT_TRUE(d.floatStereo44k) << i;
+        ASSERT_GT(d.frames, 0);
+        EXPECT_EQ(d.duration, MediaTime::make(d.frames, kRate));
+        const int64_t end = d.startNanoseconds + d.duration.nanoseconds();
         if (i > 0) {
-            EXPECT_GT(start, deliveries[i - 1].startNanoseconds) << i;
-            EXPECT_NEAR(static_cast<double>(start - previousEnd), 0.0, 3e6) << "gap at " << i;
+            const Delivery& previous = deliveries[i - 1];
+            EXPECT_NEAR(static_cast<double>(d.startNanoseconds - previous.startNanoseconds -
+                                            previous.duration.nanoseconds()),
+                        0.0, 3e6)
+                << "gap at " << i;
         }
         // Recorded before it arrived. A little after is the timeline's smoothing, or a first
         // measurement taken late on a busy machine, being worked off.
-        EXPECT_LE(end, delivery.arrivalNanoseconds + 20'000'000) << i;
-        lags.push_back(delivery.arrivalNanoseconds - end);
-        previousEnd = end;
+        EXPECT_LE(end, d.arrivalNanoseconds + 20'000'000) << i;
+        lags.push_back(d.arrivalNanoseconds - end);
     }
-    // ... and typically arrived soon after it was recorded (a busy machine may hold the capture
+    // Typically it arrived soon after it was recorded (a busy machine may hold the capture
     // thread up now and then, which delays a chunk but does not change its time stamp).
     std::sort(lags.begin(), lags.end());
     EXPECT_LT(lags[lags.size() / 2], 100'000'000);
-    EXPECT_GT(loudest, 0.3f);  // the tone, at about half scale
-
-    const auto onset = onsetNanoseconds(deliveries);
-    ASSERT_TRUE(onset.has_value());
-    EXPECT_GE(*onset, playStarted);
-    // The bound allows for starting the player on a busy machine.
-    EXPECT_LT(*onset - playStarted, 1'000'000'000) << "tone heard late: player start-up or stamps";
 
     // It records again after a stop; a second stop does nothing.
-    source.stop();
     Collector again;
     ASSERT_TRUE(source.start(again.deliver()).ok());
     EXPECT_TRUE(again.waitForSeconds(0.2, 5s));
@@ -372,9 +280,9 @@ TEST_F(PulseMicrophoneTest, AServerThatDiesEndsTheStreamWithOneLine) {
     ASSERT_TRUE(server.ready()) << server.log();
     const auto device = defaultPulseMicrophone();
     ASSERT_NE(device, nullptr);
-    auto input = dynamic_cast<InputMakingDevice&>(*device).makeInput();
-    ASSERT_TRUE(input.ok());
-    CaptureSource& source = sourceOf(input.value());
+    const auto input = inputOf(device);
+    ASSERT_NE(input, nullptr);
+    CaptureSource& source = fakes::sourceOf(input);
 
     LogCapture logs;
     Collector collector;
@@ -395,20 +303,12 @@ TEST_F(PulseMicrophoneTest, AServerThatDiesEndsTheStreamWithOneLine) {
     EXPECT_THAT(ended[0], HasSubstr("Connection terminated"));
 }
 
-TEST_F(PulseMicrophoneTest, NoReachableServerMeansNoMicrophoneWithinTwoSeconds) {
+TEST_F(PulseMicrophoneTest, ServerThatNeverAnswersMeansNoMicrophoneWithinTwoSeconds) {
     TempDirectory dir;
     ScopedEnvironment environment;
-    environment.set("HOME", dir.path());
-    environment.set("XDG_RUNTIME_DIR", dir.path());
-    environment.set("PULSE_RUNTIME_PATH", dir.path());
+    for (const char* name : {"HOME", "XDG_RUNTIME_DIR", "PULSE_RUNTIME_PATH"})
+        environment.set(name, dir.path());
     environment.unset("DISPLAY");
-
-    // A socket path where nothing listens.
-    environment.set("PULSE_SERVER", "unix:" + (dir / "nothing-here"));
-    int64_t started = monotonicNanoseconds();
-    EXPECT_EQ(defaultPulseMicrophone(), nullptr);
-    EXPECT_LT(millisecondsSince(started), 2000);
-
     // A socket that takes the connection and never answers.
     const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address{};
@@ -418,20 +318,12 @@ TEST_F(PulseMicrophoneTest, NoReachableServerMeansNoMicrophoneWithinTwoSeconds) 
     ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     ASSERT_EQ(::listen(listener, 4), 0);
     environment.set("PULSE_SERVER", "unix:" + path);
-    started = monotonicNanoseconds();
+
+    const int64_t started = monotonicNanoseconds();
     EXPECT_EQ(defaultPulseMicrophone(), nullptr);
     EXPECT_LT(millisecondsSince(started), 2000);
-
     // Without an answer the microphone is not refused: set-up reports it missing instead.
-    int answers = 0;
-    bool granted = false;
-    PulseAccessRequester requester(dir.path(), 300ms);
-    requester.requestAccess(MediaType::audio, [&](bool value) {
-        ++answers;
-        granted = value;
-    });
-    EXPECT_EQ(answers, 1);
-    EXPECT_TRUE(granted);
+    EXPECT_TRUE(ask(PulseAccessRequester(dir.path(), 300ms), MediaType::audio));
     ::close(listener);
 }
 
@@ -447,40 +339,27 @@ TEST_F(PulseMicrophoneTest, MicrophoneAccessIsRefusedOnlyByTheServer) {
     const int port = freeLoopbackPort();
     PrivatePulseServer server({.nullSink = true, .cookieTcpPort = port});
     ASSERT_TRUE(server.ready()) << server.log();
-    PulseAccessRequester requester(server.dir().path());
-    const auto ask = [&] {
-        int answers = 0;
-        bool granted = false;
-        requester.requestAccess(MediaType::audio, [&](bool value) {
-            ++answers;
-            granted = value;
-        });
-        EXPECT_EQ(answers, 1);
-        return granted;
-    };
-
-    EXPECT_TRUE(ask());  // the private socket lets anyone in
+    const PulseAccessRequester requester(server.dir().path());
+    EXPECT_TRUE(ask(requester, MediaType::audio));  // the private socket lets anyone in
 
     // Over TCP the server wants its cookie, which this client does not have.
     server.pointClientsAt("tcp:127.0.0.1:" + std::to_string(port));
     LogCapture logs;
-    EXPECT_FALSE(ask());
+    EXPECT_FALSE(ask(requester, MediaType::audio));
     EXPECT_EQ(logs.countPrefix("❌ Microphone access refused by the sound server: "), 1u);
     EXPECT_EQ(defaultPulseMicrophone(), nullptr);
 }
 
-bool videoAccessAsUser(const std::string& deviceDirectory) {
-    const int answer = fakes::runUnprivileged(
-        [&] { return PulseAccessRequester(deviceDirectory).videoAccessGranted() ? 1 : 0; });
-    EXPECT_GE(answer, 0) << "the check did not run";
-    return answer == 1;
-}
-
 TEST(PulseAccessTest, CameraIsRefusedOnlyWhenNoVideoNodeCanBeOpened) {
     TempDirectory devices;
-    // The folder must be searchable by the unprivileged user.
-    ::chmod(devices.path().c_str(), 0755);
-    EXPECT_TRUE(videoAccessAsUser(devices.path()));  // no camera: nothing to refuse
+    ::chmod(devices.path().c_str(), 0755);  // searchable by the unprivileged user
+    const auto granted = [&] {
+        const int answer = fakes::runUnprivileged(
+            [&] { return PulseAccessRequester(devices.path()).videoAccessGranted() ? 1 : 0; });
+        EXPECT_GE(answer, 0) << "the check did not run";
+        return answer == 1;
+    };
+    EXPECT_TRUE(granted());  // no camera: nothing to refuse
 
     for (const char* name : {"video0", "video1"}) {
         std::ofstream(devices / name) << "";
@@ -488,17 +367,11 @@ TEST(PulseAccessTest, CameraIsRefusedOnlyWhenNoVideoNodeCanBeOpened) {
     }
     std::ofstream(devices / "videonot") << "";  // not a video node: never considered
     ::chmod((devices / "videonot").c_str(), 0666);
-    EXPECT_FALSE(videoAccessAsUser(devices.path()));
+    EXPECT_FALSE(granted());
 
     ::chmod((devices / "video1").c_str(), 0666);
-    EXPECT_TRUE(videoAccessAsUser(devices.path()));
-
-    int answers = 0;
-    PulseAccessRequester(devices.path()).requestAccess(MediaType::video, [&](bool granted) {
-        ++answers;
-        EXPECT_TRUE(granted);
-    });
-    EXPECT_EQ(answers, 1);
+    EXPECT_TRUE(granted());
+    EXPECT_TRUE(ask(PulseAccessRequester(devices.path()), MediaType::video));
 }
 
 }  // namespace

@@ -2,10 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <variant>
@@ -16,10 +15,7 @@
 #include "fakes/pixel_buffers.h"
 #include "fakes/test_environment.h"
 #include "fakes/xvfb_server.h"
-#include "linux/linux_capture_factory.h"
-#include "linux/linux_capture_session.h"
 #include "linux/monotonic_clock.h"
-#include "linux/portable/thread_dispatch.h"
 #include "linux/x11_display.h"
 #include "linux/x11_screen_input.h"
 
@@ -56,11 +52,8 @@ using fakes::pixelAt;
 using ::testing::Contains;
 using ::testing::HasSubstr;
 
-constexpr unsigned long kBackground = 0x3366cc;  // R 0x33, G 0x66, B 0xcc
-
-struct DisplayCloser {
-    void operator()(Display* d) const { XCloseDisplay(d); }
-};
+constexpr unsigned long kBackground = 0x3366cc;                  // R 0x33, G 0x66, B 0xcc
+constexpr uint32_t kBackgroundBgra = 0xff000000u | kBackground;  // as a little-endian BGRA word
 
 // The test's own connection, for painting and moving the pointer.
 class TestClient {
@@ -74,21 +67,17 @@ public:
         XClearWindow(get(), root());
         XSync(get(), False);
     }
-    void useCrosshairCursor() {
-        XDefineCursor(get(), root(), XCreateFontCursor(get(), XC_crosshair));
-        XSync(get(), False);
-    }
     void movePointer(int x, int y) {
         XWarpPointer(get(), None, root(), 0, 0, 0, 0, x, y);
         XSync(get(), False);
     }
 
 private:
-    std::unique_ptr<Display, DisplayCloser> display_;
+    struct Closer {
+        void operator()(Display* d) const { XCloseDisplay(d); }
+    };
+    std::unique_ptr<Display, Closer> display_;
 };
-
-// BGRA bytes of the opaque background, read as a little-endian word.
-constexpr uint32_t kBackgroundBgra = 0xff000000u | kBackground;
 
 // Pixels in the square of radius `r` around (x, y) that are not the background.
 int changedPixelsAround(const PixelBuffer& buffer, int x, int y, int r) {
@@ -99,6 +88,21 @@ int changedPixelsAround(const PixelBuffer& buffer, int x, int y, int r) {
         }
     }
     return changed;
+}
+
+// Runs a source for about `window` and returns what it delivered.
+struct RunResult {
+    size_t frames;
+    std::vector<int64_t> stamps;
+    size_t distinctBuffers;
+    X11CaptureStats stats;
+};
+RunResult runFor(X11ScreenSource& source, std::chrono::milliseconds window) {
+    FrameCollector frames;
+    if (!source.start(frames.deliver()).ok()) return {};
+    std::this_thread::sleep_for(window);
+    source.stop();
+    return {frames.count(), frames.timesNanoseconds(), frames.distinctAddresses(), source.stats()};
 }
 
 class X11CaptureTest : public ::testing::Test {
@@ -119,9 +123,10 @@ protected:
         ASSERT_NE(client_->get(), nullptr);
     }
 
-    static X11CaptureOptions options() {
+    static X11CaptureOptions options(bool cursor = true) {
         X11CaptureOptions o;
         o.displayName = server_->displayName();
+        o.capturesCursor = cursor;
         return o;
     }
     static uint32_t rootID() { return static_cast<uint32_t>(client_->root()); }
@@ -143,50 +148,42 @@ protected:
 std::unique_ptr<fakes::XvfbServer> X11CaptureTest::server_;
 std::unique_ptr<TestClient> X11CaptureTest::client_;
 
-TEST_F(X11CaptureTest, MainScreenIsTheRootWindowWhenRandrNamesNoPrimary) {
+TEST_F(X11CaptureTest, MainScreenIsTheRootWindowInPointsAndOtherDisplaysGiveNothing) {
     X11DisplayProvider provider(server_->displayName());
     auto screen = provider.mainScreen();
     ASSERT_TRUE(screen.has_value());
     EXPECT_EQ(screen->widthPoints, 1920);
     EXPECT_EQ(screen->heightPoints, 1080);
-    const auto& id = screen->deviceDescription.at(kScreenNumberKey);
-    ASSERT_TRUE(std::holds_alternative<uint32_t>(id));
-    EXPECT_EQ(std::get<uint32_t>(id), rootID());
+    EXPECT_EQ(std::get<uint32_t>(screen->deviceDescription.at(kScreenNumberKey)), rootID());
     EXPECT_EQ(provider.displayRectangle(rootID()), (PixelRect{0, 0, 1920, 1080}));
     EXPECT_EQ(provider.displayRectangle(rootID() + 12345), std::nullopt);
-}
+    EXPECT_EQ(X11ScreenInput::create(rootID() + 12345, options()), nullptr);
+    {
+        fakes::ScopedEnvironment environment;
+        environment.set("GDK_SCALE", "2");
+        auto scaled = X11DisplayProvider(server_->displayName()).mainScreen();
+        ASSERT_TRUE(scaled.has_value());
+        EXPECT_EQ(scaled->widthPoints, 960);
+        EXPECT_EQ(scaled->heightPoints, 540);
+    }
 
-TEST_F(X11CaptureTest, PointsArePixelsDividedByTheDesktopScale) {
-    fakes::ScopedEnvironment environment;
-    environment.set("GDK_SCALE", "2");
-    auto screen = X11DisplayProvider(server_->displayName()).mainScreen();
-    ASSERT_TRUE(screen.has_value());
-    EXPECT_EQ(screen->widthPoints, 960);
-    EXPECT_EQ(screen->heightPoints, 540);
-}
-
-TEST_F(X11CaptureTest, UnreachableDisplayHasNoMainScreenAndNoInput) {
-    X11DisplayProvider provider(":65000");
-    EXPECT_EQ(provider.mainScreen(), std::nullopt);
+    X11DisplayProvider unreachable(":65000");
+    EXPECT_EQ(unreachable.mainScreen(), std::nullopt);
     X11CaptureOptions o;
     o.displayName = ":65000";
     EXPECT_EQ(X11ScreenInput::create(1, o), nullptr);
     EXPECT_THAT(log_.lines(), Contains("❌ Cannot open the X display for screen capture"));
 }
 
-TEST_F(X11CaptureTest, UnknownDisplayIdentifierGivesNoInput) {
-    EXPECT_EQ(X11ScreenInput::create(rootID() + 12345, options()), nullptr);
-    EXPECT_NE(X11ScreenInput::create(rootID(), options()), nullptr);
-}
-
-TEST_F(X11CaptureTest, GrabsTheScreenAsOpaqueBgraThroughXShmOrXGetImage) {
+TEST_F(X11CaptureTest, GrabsWhatIsOnScreenNowAsOpaqueBgraThroughXShmOrXGetImage) {
     for (const bool forceXGetImage : {false, true}) {
         SCOPED_TRACE(forceXGetImage ? "XGetImage" : "XShm");
-        auto o = options();
-        o.capturesCursor = false;
+        const uint32_t colour = forceXGetImage ? 0x10e020 : kBackground;
+        client_->paintRoot(colour);
+        auto o = options(false);
         o.forceXGetImage = forceXGetImage;
         X11ScreenSource source(rootID(), o);
-        FrameCollector frames(/*holdAll=*/true);
+        FrameCollector frames;
         const int64_t before = monotonicNanoseconds();
         ASSERT_TRUE(source.start(frames.deliver()).ok());
         ASSERT_TRUE(frames.waitForCount(1));
@@ -194,18 +191,13 @@ TEST_F(X11CaptureTest, GrabsTheScreenAsOpaqueBgraThroughXShmOrXGetImage) {
         EXPECT_EQ(source.stats().usingXShm, !forceXGetImage);
         source.stop();
 
-        const auto frame = frames.held().front();
+        const auto frame = frames.last();
         const auto& image = *frame->imageBuffer();
         EXPECT_EQ(image.width(), 1920);
         EXPECT_EQ(image.height(), 1080);
         EXPECT_EQ(image.bytesPerRow(), 1920u * 4);
-        const uint8_t* p = image.baseAddress();
-        EXPECT_EQ(p[0], 0xcc);  // blue
-        EXPECT_EQ(p[1], 0x66);  // green
-        EXPECT_EQ(p[2], 0x33);  // red
-        EXPECT_EQ(p[3], 0xff);  // alpha
-        for (auto [x, y] : {std::pair{1919, 0}, {960, 540}, {777, 333}, {0, 1079}, {1919, 1079}}) {
-            EXPECT_EQ(pixelAt(image, x, y), kBackgroundBgra) << x << "," << y;
+        for (auto [x, y] : {std::pair{0, 0}, {1919, 0}, {960, 540}, {0, 1079}, {1919, 1079}}) {
+            EXPECT_EQ(pixelAt(image, x, y), 0xff000000u | colour) << x << "," << y;
         }
         // Stamped from the shared monotonic clock at the grab.
         const int64_t stamp = frame->presentationTime().nanoseconds();
@@ -213,33 +205,7 @@ TEST_F(X11CaptureTest, GrabsTheScreenAsOpaqueBgraThroughXShmOrXGetImage) {
         EXPECT_LE(stamp, after);
         EXPECT_EQ(frame->timing().duration, MediaTime::fromNanoseconds(1'000'000'000 / 30));
     }
-}
-
-TEST_F(X11CaptureTest, ShowsWhatIsOnScreenNow) {
-    auto o = options();
-    o.capturesCursor = false;
-    client_->paintRoot(0x10e020);
-    auto green = grabOne(o);
     client_->paintRoot(kBackground);
-    auto blue = grabOne(o);
-    ASSERT_TRUE(green && blue);
-    EXPECT_EQ(pixelAt(*green->imageBuffer(), 100, 100), 0xff10e020u);
-    EXPECT_EQ(pixelAt(*blue->imageBuffer(), 100, 100), kBackgroundBgra);
-}
-
-// Runs a source for about `window` and returns what it delivered.
-struct RunResult {
-    size_t frames;
-    std::vector<int64_t> stamps;
-    size_t distinctBuffers;
-    X11CaptureStats stats;
-};
-RunResult runFor(X11ScreenSource& source, std::chrono::milliseconds window) {
-    FrameCollector frames;
-    if (!source.start(frames.deliver()).ok()) return {};
-    std::this_thread::sleep_for(window);  // the measuring window itself
-    source.stop();
-    return {frames.count(), frames.timesNanoseconds(), frames.distinctAddresses(), source.stats()};
 }
 
 TEST_F(X11CaptureTest, PacesFramesByTheMinimumFrameDuration) {
@@ -252,15 +218,12 @@ TEST_F(X11CaptureTest, PacesFramesByTheMinimumFrameDuration) {
     const auto at10 = runFor(source, std::chrono::seconds(1));
     EXPECT_GE(at10.frames, atLeast(6));
     EXPECT_LE(at10.frames, 12u);
-
-    // Grabs stay on the grid: on average never closer than the frame duration.
     for (const auto* run : {&at30, &at10}) {
-        if (kSanitized && run->stamps.size() < 2) continue;
-        ASSERT_GE(run->stamps.size(), 2u);
         for (size_t i = 1; i < run->stamps.size(); ++i) {
             EXPECT_GT(run->stamps[i], run->stamps[i - 1]);
         }
     }
+    // Grabs stay on the grid: on average never closer than the frame duration.
     if (at10.stamps.size() >= 2) {
         const double meanGap = static_cast<double>(at10.stamps.back() - at10.stamps.front()) /
                                static_cast<double>(at10.stamps.size() - 1);
@@ -268,144 +231,61 @@ TEST_F(X11CaptureTest, PacesFramesByTheMinimumFrameDuration) {
     }
 }
 
-TEST_F(X11CaptureTest, ReusesItsFixedPoolOfBuffers) {
-    auto o = options();
-    o.poolSize = 4;
-    X11ScreenSource source(rootID(), o);
-    source.setMinFrameDuration(MediaTime::make(1, 100));
-    const auto run = runFor(source, std::chrono::milliseconds(700));
-    EXPECT_GE(run.frames, atLeast(20));
-    // Every frame was one of the four buffers made at the start; none was allocated later.
-    EXPECT_LE(run.distinctBuffers, 4u);
-    EXPECT_EQ(run.stats.bufferAllocations, 4u);
-    EXPECT_EQ(run.stats.framesDroppedNoBuffer, 0u);
-    // A second run keeps the buffers (and the connection) of the first.
-    const auto again = runFor(source, std::chrono::milliseconds(200));
-    EXPECT_GE(again.frames, atLeast(5));
-    EXPECT_EQ(again.stats.bufferAllocations, 4u);
-}
-
-TEST_F(X11CaptureTest, DropsFramesWhileEveryBufferIsHeldAndNeverWaits) {
-    auto o = options();
-    o.poolSize = 3;
-    X11ScreenSource source(rootID(), o);
-    source.setMinFrameDuration(MediaTime::make(1, 100));
-    FrameCollector frames(/*holdAll=*/true);  // the pool runs dry
-    ASSERT_TRUE(source.start(frames.deliver()).ok());
-    ASSERT_TRUE(frames.waitForCount(3));
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    source.stop();  // returns although no buffer came back
-    const auto stats = source.stats();
-    EXPECT_EQ(stats.framesDelivered, 3u);
-    EXPECT_EQ(frames.count(), 3u);
-    EXPECT_GE(stats.framesDroppedNoBuffer, atLeast(10));
-    EXPECT_THAT(log_.lines(), Contains(HasSubstr("⚠️ Screen capture dropped ")));
-    EXPECT_THAT(log_.lines(), Contains(HasSubstr(" frames: every frame buffer was still in use")));
-
-    // Released buffers are used again by the next run.
-    frames.release();
-    const auto again = runFor(source, std::chrono::milliseconds(300));
-    EXPECT_GE(again.frames, atLeast(5));
-}
-
-TEST_F(X11CaptureTest, FramesStayValidAfterTheCaptureEnds) {
+TEST_F(X11CaptureTest, DropsFramesWhileEveryBufferIsHeldAndOtherwiseReusesItsFixedPool) {
     SampleBufferRef kept;
     {
-        auto o = options();
-        o.capturesCursor = false;
+        auto o = options(false);
+        o.poolSize = 4;
         auto input = X11ScreenInput::create(rootID(), o);
         ASSERT_NE(input, nullptr);
-        FrameCollector frames;
-        ASSERT_TRUE(input->captureSource().start(frames.deliver()).ok());
-        ASSERT_TRUE(frames.waitForCount(1));
-        input->captureSource().stop();
-        kept = frames.last();
+        X11ScreenSource& source = input->screenSource();
+        source.setMinFrameDuration(MediaTime::make(1, 100));
+        FrameCollector held(/*holdAll=*/true);  // the pool runs dry
+        ASSERT_TRUE(source.start(held.deliver()).ok());
+        ASSERT_TRUE(held.waitForCount(4));
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        source.stop();  // returns although no buffer came back
+        EXPECT_EQ(source.stats().framesDelivered, 4u);
+        EXPECT_EQ(held.count(), 4u);
+        EXPECT_GE(source.stats().framesDroppedNoBuffer, atLeast(10));
+        EXPECT_THAT(log_.lines(), Contains(HasSubstr("⚠️ Screen capture dropped ")));
+        EXPECT_THAT(log_.lines(),
+                    Contains(HasSubstr(" frames: every frame buffer was still in use")));
+
+        // Released buffers are used again; none is allocated after the start.
+        kept = held.last();
+        held.release();
+        const auto run = runFor(source, std::chrono::milliseconds(700));
+        EXPECT_GE(run.frames, atLeast(20));
+        EXPECT_LE(run.distinctBuffers, 4u);
+        EXPECT_EQ(run.stats.bufferAllocations, 4u);
+        EXPECT_EQ(run.stats.framesDroppedNoBuffer, 0u);
     }
-    // The input, its thread and its X connection are gone; the memory is not.
+    // The input, its thread and its X connection are gone; the memory of a held frame is not.
     EXPECT_EQ(pixelAt(*kept->imageBuffer(), 1500, 900), kBackgroundBgra);
 }
 
-TEST_F(X11CaptureTest, DrawsTheCursorWhereThePointerIs) {
-    client_->useCrosshairCursor();
+TEST_F(X11CaptureTest, DrawsTheCursorWhereThePointerIsClippedAtTheScreenEdge) {
+    XDefineCursor(client_->get(), client_->root(), XCreateFontCursor(client_->get(), XC_crosshair));
     client_->movePointer(600, 400);
     auto withCursor = grabOne(options());
-    auto o = options();
-    o.capturesCursor = false;
-    auto withoutCursor = grabOne(o);
+    auto withoutCursor = grabOne(options(false));
     client_->movePointer(1200, 800);
     auto moved = grabOne(options());
     ASSERT_TRUE(withCursor && withoutCursor && moved);
-
     EXPECT_GT(changedPixelsAround(*withCursor->imageBuffer(), 600, 400, 12), 10);
     EXPECT_EQ(changedPixelsAround(*withoutCursor->imageBuffer(), 600, 400, 12), 0);
     EXPECT_EQ(changedPixelsAround(*moved->imageBuffer(), 600, 400, 12), 0);
     EXPECT_GT(changedPixelsAround(*moved->imageBuffer(), 1200, 800, 12), 10);
-    // The frame stays opaque under the cursor.
-    EXPECT_EQ(pixelAt(*moved->imageBuffer(), 1200, 800) >> 24, 0xffu);
-}
+    EXPECT_EQ(pixelAt(*moved->imageBuffer(), 1200, 800) >> 24, 0xffu);  // still opaque
 
-TEST_F(X11CaptureTest, CursorAtTheScreenEdgeIsClipped) {
-    client_->useCrosshairCursor();
-    client_->movePointer(1919, 1079);
-    auto frame = grabOne(options());
-    ASSERT_NE(frame, nullptr);
-    EXPECT_GT(changedPixelsAround(*frame->imageBuffer(), 1912, 1072, 7), 0);
-    client_->movePointer(0, 0);
-    frame = grabOne(options());
-    ASSERT_NE(frame, nullptr);
-    EXPECT_GT(changedPixelsAround(*frame->imageBuffer(), 7, 7, 7), 0);
-}
-
-TEST_F(X11CaptureTest, SessionHandsScreenFramesToTheDelegateOnItsQueue) {
-    class Delegate final : public CaptureOutputDelegate {
-    public:
-        explicit Delegate(const SerialQueue& queue) : queue_(queue) {}
-        void captureOutput(CaptureOutput& output, const SampleBufferRef& sample) override {
-            {
-                std::lock_guard lock(mutex);
-                outputs.push_back(&output);
-                onQueue = onQueue && queue_.isCurrent();
-                width = sample->imageBuffer()->width();
-            }
-            changed.notify_all();
-        }
-        const SerialQueue& queue_;
-        std::mutex mutex;
-        std::condition_variable changed;
-        std::vector<CaptureOutput*> outputs;  // guarded by mutex
-        bool onQueue = true;                  // guarded by mutex
-        int width = 0;                        // guarded by mutex
-    };
-
-    LinuxCaptureFactory::Parts parts;
-    parts.screenInputMaker = LinuxCaptureFactory::x11ScreenInputMaker(options());
-    LinuxCaptureFactory factory(parts);
-    auto queue = std::make_shared<ThreadSerialQueue>("glimmerbox.recording");
-    auto delegate = std::make_shared<Delegate>(*queue);
-    auto session = factory.makeSession();
-    auto input = factory.makeScreenInput(rootID());
-    ASSERT_NE(input, nullptr);
-    input->setMinFrameDuration(MediaTime::make(1, 30));
-    auto output = factory.makeVideoDataOutput();
-    output->setSampleBufferDelegate(delegate, queue);
-    session->beginConfiguration();
-    ASSERT_TRUE(session->canAddInput(input));
-    session->addInput(input);
-    ASSERT_TRUE(session->canAddOutput(output));
-    session->addOutput(output);
-    session->commitConfiguration();
-
-    session->startRunning();
-    {
-        std::unique_lock lock(delegate->mutex);
-        ASSERT_TRUE(delegate->changed.wait_for(lock, std::chrono::seconds(10),
-                                               [&] { return delegate->outputs.size() >= 3; }));
+    // At the corners: the part of the cursor that is on the screen.
+    for (auto [x, y, nearX, nearY] : {std::array{1919, 1079, 1912, 1072}, {0, 0, 7, 7}}) {
+        client_->movePointer(x, y);
+        auto frame = grabOne(options());
+        ASSERT_NE(frame, nullptr);
+        EXPECT_GT(changedPixelsAround(*frame->imageBuffer(), nearX, nearY, 7), 0) << x << "," << y;
     }
-    session->stopRunning();
-    std::lock_guard lock(delegate->mutex);
-    EXPECT_TRUE(delegate->onQueue);
-    EXPECT_EQ(delegate->width, 1920);
-    for (auto* o : delegate->outputs) EXPECT_EQ(o, output.get());
 }
 
 // A server of its own for each test below: they change or end it.
@@ -441,8 +321,6 @@ TEST(X11CaptureServerTest, PrimaryRandrOutputIsTheMainScreen) {
     ASSERT_TRUE(screen.has_value());
     EXPECT_EQ(std::get<uint32_t>(screen->deviceDescription.at(kScreenNumberKey)),
               static_cast<uint32_t>(output));
-    EXPECT_EQ(screen->widthPoints, 1920);
-    EXPECT_EQ(screen->heightPoints, 1080);
     EXPECT_EQ(provider.displayRectangle(static_cast<uint32_t>(output)),
               (PixelRect{0, 0, 1920, 1080}));
 
