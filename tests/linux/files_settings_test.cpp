@@ -60,52 +60,38 @@ protected:
 
 using DocumentsFolderTest = TemporaryHomeTest;
 
-TEST_F(DocumentsFolderTest, FallsBackToDocumentsInTheHome) {
-    XdgFileSystem files;
-    EXPECT_EQ(files.documentsDirectory(), home() + "/Documents");
-}
-
 TEST_F(DocumentsFolderTest, ReadsTheUserDirsFileWithHomeExpansionAndEscapes) {
     XdgFileSystem files;
+    EXPECT_EQ(files.documentsDirectory(), home() + "/Documents");
     writeFile(home() + "/.config/user-dirs.dirs",
               "# written by xdg-user-dirs-update\n"
               "XDG_DESKTOP_DIR=\"$HOME/Desktop\"\n"
-              "XDG_DOCUMENTS_DIR=\"$HOME/Papiere\"\n");
-    EXPECT_EQ(files.documentsDirectory(), home() + "/Papiere");
-
-    // Escaped characters, leading blanks, and the last assignment counts.
-    writeFile(home() + "/.config/user-dirs.dirs",
               "XDG_DOCUMENTS_DIR=\"$HOME/first\"\n"
               "  XDG_DOCUMENTS_DIR=\"$HOME/My \\\"Docs\\\" \\$x\"\n");
-    EXPECT_EQ(files.documentsDirectory(), home() + "/My \"Docs\" $x");
+    EXPECT_EQ(files.documentsDirectory(), home() + "/My \"Docs\" $x");  // the last one counts
 
     // A value that is neither under $HOME nor absolute does not count.
     writeFile(home() + "/.config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"Documents2\"\n");
     EXPECT_EQ(files.documentsDirectory(), home() + "/Documents");
 }
 
-TEST_F(DocumentsFolderTest, UsesXdgConfigHomeAndTheEnvironmentFirst) {
+TEST_F(DocumentsFolderTest, UsesXdgConfigHomeAndTheEnvironmentFirstAndNeedsAHome) {
     XdgFileSystem files;
     writeFile(home() + "/.config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"$HOME/from-home\"\n");
     writeFile(dir_ / "config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"/srv/shared docs\"\n");
     environment_.set("XDG_CONFIG_HOME", dir_ / "config");
     EXPECT_EQ(files.documentsDirectory(), "/srv/shared docs");
-
     environment_.set("XDG_DOCUMENTS_DIR", "$HOME/from-environment");
     EXPECT_EQ(files.documentsDirectory(), home() + "/from-environment");
     environment_.set("XDG_DOCUMENTS_DIR", "/data/docs");
     EXPECT_EQ(files.documentsDirectory(), "/data/docs");
-}
 
-TEST_F(DocumentsFolderTest, NoHomeMeansNoDocumentsFolder) {
-    XdgFileSystem files;
+    // Without a home, nothing in terms of $HOME helps.
+    environment_.unset("XDG_DOCUMENTS_DIR");
+    writeFile(dir_ / "config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"$HOME/Documents\"\n");
     environment_.unset("HOME");
     EXPECT_EQ(files.documentsDirectory(), std::nullopt);
     environment_.set("HOME", "");
-    EXPECT_EQ(files.documentsDirectory(), std::nullopt);
-    // A user-dirs file in terms of $HOME does not help without one.
-    writeFile(dir_ / "config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"$HOME/Documents\"\n");
-    environment_.set("XDG_CONFIG_HOME", dir_ / "config");
     EXPECT_EQ(files.documentsDirectory(), std::nullopt);
 }
 
@@ -130,9 +116,6 @@ TEST_F(FileSystemTest, CreatesPrivateFoldersWithTheirParentsWhateverTheUmask) {
     EXPECT_TRUE(files.createDirectory(home(), false).ok());
     EXPECT_EQ(modeOf(home()), 0755u);
     EXPECT_TRUE(files.createDirectory(leaf + "/", true).ok());
-
-    EXPECT_TRUE(files.createDirectory(home() + "/single", false).ok());
-    EXPECT_EQ(modeOf(home() + "/single"), 0700u);
 }
 
 TEST_F(FileSystemTest, ReportsWhyAFolderCannotBeMade) {
@@ -145,8 +128,6 @@ TEST_F(FileSystemTest, ReportsWhyAFolderCannotBeMade) {
     writeFile(home() + "/Documents", "a file where the folder should be");
     const auto underFile = files.createDirectory(home() + "/Documents/Glimmerbox Recordings", true);
     ASSERT_FALSE(underFile.ok());
-    EXPECT_EQ(underFile.error().domain, "POSIX");
-    EXPECT_EQ(underFile.error().localizedDescription, "Not a directory");
     EXPECT_EQ(underFile.error().textualForm(),
               "Error Domain=POSIX Code=" + std::to_string(ENOTDIR) + " \"Not a directory\"");
     const auto fileItself = files.createDirectory(home() + "/Documents", true);
@@ -163,8 +144,6 @@ TEST_F(FileSystemTest, ReportsWhyAFolderCannotBeMade) {
         return result.ok() ? 0 : result.error().code;
     });
     EXPECT_EQ(code, EACCES);
-    EXPECT_EQ(posixError(EACCES).localizedDescription, "Permission denied");
-    EXPECT_EQ(posixError(ENOSPC).localizedDescription, "No space left on device");
 }
 
 TEST_F(FileSystemTest, TellsAndRemovesFilesFoldersAndLinks) {
@@ -182,7 +161,7 @@ TEST_F(FileSystemTest, TellsAndRemovesFilesFoldersAndLinks) {
 
     writeFile(home() + "/tree/a/b.txt", "x");
     EXPECT_TRUE(files.removeItem(home() + "/tree").ok());
-    EXPECT_FALSE(files.fileExists(home() + "/tree"));
+    EXPECT_FALSE(std::filesystem::exists(home() + "/tree"));
 
     // A link to nothing does not exist as a file but can be removed.
     std::filesystem::create_symlink(home() + "/nowhere", home() + "/dangling");
@@ -247,40 +226,25 @@ TEST_F(SettingsTest, ValuesSurviveARestart) {
 
 TEST_F(SettingsTest, ValuesOfTheWrongFormReadAsAbsent) {
     writeFile(home() + "/.config/Glimmerbox/Glimmerbox.conf",
-              "[General]\n"
-              "banana=banana\n"
-              "five=5\n"
-              "one=1\n"
-              "zero=0\n"
-              "yes=true\n"
-              "no=false\n"
-              "list=a, b\n"
-              "relative=some/folder\n"
-              "absolute=/srv/recordings\n"
-              "url=file:///srv/my%20recordings\n"
-              "web=https://example.com/recordings\n"
-              "remote=file://fileserver/recordings\n"
-              "empty=\n");
+              "[General]\nbanana=banana\nfive=5\none=1\nzero=0\nyes=true\nno=false\n"
+              "list=a, b\nrelative=some/folder\nabsolute=/srv/recordings\n"
+              "url=file:///srv/my%20recordings\nweb=https://example.com/recordings\n"
+              "remote=file://fileserver/recordings\nempty=\n");
     QSettingsDefaultsStore store;
-    EXPECT_EQ(store.boolForKey("banana"), std::nullopt);
-    EXPECT_EQ(store.boolForKey("five"), std::nullopt);
-    EXPECT_EQ(store.boolForKey("one"), true);
-    EXPECT_EQ(store.boolForKey("zero"), false);
-    EXPECT_EQ(store.boolForKey("yes"), true);
-    EXPECT_EQ(store.boolForKey("no"), false);
-    EXPECT_EQ(store.boolForKey("list"), std::nullopt);
-    EXPECT_EQ(store.boolForKey("absolute"), std::nullopt);
-    EXPECT_EQ(store.boolForKey("empty"), std::nullopt);
-    EXPECT_EQ(store.boolForKey("missing"), std::nullopt);
-
-    EXPECT_EQ(store.urlForKey("relative"), std::nullopt);
-    EXPECT_EQ(store.urlForKey("absolute"), "/srv/recordings");
-    EXPECT_EQ(store.urlForKey("url"), "/srv/my recordings");
-    EXPECT_EQ(store.urlForKey("web"), std::nullopt);
-    EXPECT_EQ(store.urlForKey("remote"), std::nullopt);
-    EXPECT_EQ(store.urlForKey("yes"), std::nullopt);
-    EXPECT_EQ(store.urlForKey("list"), std::nullopt);
-    EXPECT_EQ(store.urlForKey("empty"), std::nullopt);
+    const std::vector<std::pair<std::string, std::optional<bool>>> bools{
+        {"banana", {}}, {"five", {}}, {"one", true},    {"zero", false}, {"yes", true},
+        {"no", false},  {"list", {}}, {"absolute", {}}, {"empty", {}},   {"missing", {}}};
+    for (const auto& [key, value] : bools) EXPECT_EQ(store.boolForKey(key), value) << key;
+    const std::vector<std::pair<std::string, std::optional<std::string>>> urls{
+        {"relative", {}},
+        {"absolute", "/srv/recordings"},
+        {"url", "/srv/my recordings"},
+        {"web", {}},
+        {"remote", {}},
+        {"yes", {}},
+        {"list", {}},
+        {"empty", {}}};
+    for (const auto& [key, value] : urls) EXPECT_EQ(store.urlForKey(key), value) << key;
 }
 
 TEST_F(SettingsTest, ADamagedFileReadsAsEmptyAndIsKeptAsideWhenWritten) {
@@ -358,35 +322,20 @@ protected:
     ScopedEnvironment environment_;
 };
 
-TEST_F(DateFormatterTest, FormatsTheRecordingNameInLocalTime) {
+TEST_F(DateFormatterTest, FormatsInLocalTimeWithTheUsualFieldsAndQuotedText) {
     EXPECT_EQ(format("yyyy-MM-dd_HH-mm-ss", "UTC0"), "2025-03-14_09-26-53");
     // New York had moved to summer time five days earlier: UTC-4.
     EXPECT_EQ(format("yyyy-MM-dd_HH-mm-ss", "EST5EDT,M3.2.0,M11.1.0"), "2025-03-14_05-26-53");
-    EXPECT_EQ(format("yyyy-MM-dd_HH-mm-ss", "JST-9"), "2025-03-14_18-26-53");
-    // Across midnight and the year.
-    EXPECT_EQ(format("yyyy-MM-dd_HH-mm-ss", "<-10>10"), "2025-03-13_23-26-53");
     using namespace std::chrono;
     const auto newYear = sys_days{year{2026} / January / 1} + minutes{5};
     EXPECT_EQ(format("yyyy-MM-dd_HH-mm-ss", "<-01>1", newYear), "2025-12-31_23-05-00");
-}
-
-TEST_F(DateFormatterTest, SupportsTheUsualFieldsAndQuotedText) {
     EXPECT_EQ(format("'Recorded' d.M.yy 'at' h:mm a", "UTC0"), "Recorded 14.3.25 at 9:26 AM");
     EXPECT_EQ(format("EEE, MMM d yyyy HH:mm:ss.SSS", "UTC0"), "Fri, Mar 14 2025 09:26:53.123");
     EXPECT_EQ(format("EEEE MMMM", "UTC0"), "Friday March");
     EXPECT_EQ(format("hh 'o''clock' ''yy", "JST-9"), "06 o'clock '25");
     EXPECT_EQ(format("'unterminated HH", "UTC0"), "unterminated HH");
     EXPECT_EQ(format("h a", "<+15>-15"), "12 AM");  // 00:26 local
-    EXPECT_EQ(format("y", "UTC0"), "2025");
     EXPECT_EQ(format("'Glimmerbox' ✓ [HH]", "UTC0"), "Glimmerbox ✓ [09]");
-}
-
-TEST_F(DateFormatterTest, NowIsTheSystemClock) {
-    const auto before = std::chrono::system_clock::now();
-    const auto now = LocaleDateFormatter().now();
-    const auto after = std::chrono::system_clock::now();
-    EXPECT_LE(before, now);
-    EXPECT_LE(now, after);
 }
 
 }  // namespace

@@ -21,11 +21,10 @@ const ViewDescription& view(const WindowDescription& d, const std::string& id) {
     return *it;
 }
 
-TEST(AboutWindow, IsAFixedFloatingWindowThatHidesWhenClosed) {
+TEST(AboutWindow, IsAFixedFloatingWindowWithItsViewsInOrder) {
     FakeApplication app;
     FakeWindowSystem windows;
     AboutWindowController controller(windows, app);
-
     ASSERT_EQ(windows.makeWindowCount(), 1u);
     const WindowAttributes& a = windows.descriptions[0].attributes;
     EXPECT_EQ(a.title, "About Glimmerbox");
@@ -33,17 +32,10 @@ TEST(AboutWindow, IsAFixedFloatingWindowThatHidesWhenClosed) {
     EXPECT_EQ(a.contentHeight, 300);
     EXPECT_EQ(a.styleMask, 3u);  // titled | closable, nothing resizable or miniaturizable
     EXPECT_FALSE(a.releasedWhenClosed);
-    // Floating once loaded; realised but not shown until asked.
     EXPECT_EQ(windows.windows[0]->level, 3);
-    EXPECT_EQ(windows.windows[0]->showCount, 0);
-}
+    EXPECT_EQ(windows.windows[0]->showCount, 0);  // realised, not shown until asked
 
-TEST(AboutWindow, ViewsInOrderWithTheirTexts) {
-    FakeApplication app;
-    FakeWindowSystem windows;
-    AboutWindowController controller(windows, app);
     const WindowDescription& d = controller.description();
-
     std::vector<std::string> ids;
     for (const auto& v : d.views) {
         ids.push_back(v.id);
@@ -60,9 +52,6 @@ TEST(AboutWindow, ViewsInOrderWithTheirTexts) {
               "\u2022 Multiple video quality options  \n\u2022 Customizable camera positioning\n"
               "\u2022 VS Code automation integration");
     EXPECT_EQ(view(d, "features").maximumNumberOfLines, 0);  // wraps, never cut off
-    const std::string& footer = view(d, "footer").text;
-    EXPECT_FALSE(footer.empty());
-    EXPECT_EQ(footer.find('\n'), std::string::npos);
 }
 
 TEST(AboutWindow, IconFromTheBundledResourceElseTheApplicationsOwn) {
@@ -80,17 +69,14 @@ TEST(AboutWindow, IconFromTheBundledResourceElseTheApplicationsOwn) {
               "/usr/share/glimmerbox/AppIcon.icns");
 }
 
-// ---- notification identifiers ------------------------------------------------------------------
-
 TEST(UUIDString, StampsVersionFourAndTheVariantInUpperCaseHex) {
     std::array<uint8_t, 16> bytes{};
     bytes.fill(0xFF);
     EXPECT_EQ(uuidString(bytes), "FFFFFFFF-FFFF-4FFF-BFFF-FFFFFFFFFFFF");
     bytes.fill(0x00);
     EXPECT_EQ(uuidString(bytes), "00000000-0000-4000-8000-000000000000");
-    std::array<uint8_t, 16> counting{};
-    for (size_t i = 0; i < counting.size(); ++i) counting[i] = static_cast<uint8_t>(0xA0 + i);
-    EXPECT_EQ(uuidString(counting), "A0A1A2A3-A4A5-46A7-A8A9-AAABACADAEAF");
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(0xA0 + i);
+    EXPECT_EQ(uuidString(bytes), "A0A1A2A3-A4A5-46A7-A8A9-AAABACADAEAF");
 }
 
 }  // namespace

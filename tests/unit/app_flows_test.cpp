@@ -20,18 +20,23 @@ using testing::render;
 using testing::ShellHarness;
 using testing::submenu;
 
+using Lines = std::vector<std::string>;
+
 std::string checkedTitle(const std::vector<MenuEntry>& entries) {
     for (const auto& e : entries)
         if (e.checked) return e.title;
     return {};
 }
 
-// The lines logged by the shell itself, leaving out the recorder's and the menu builds.
-std::vector<std::string> shellLines(const ShellHarness& h) {
-    return h.log.linesStartingWith({"Start recording", "About to start", "\U0001F527",
-                                    "Recording start completed", "Stop recording button",
-                                    "AppDelegate."});
+// A launched shell with the editor running and the automation on.
+void launchWithEditor(ShellHarness& h) {
+    h.enableAutomation();
+    h.finder.launch(kVSCode);
+    h.launch();
 }
+
+const Lines kIdleIcon{"statusItem.image video.circle", "statusItem.template true",
+                      "statusItem.title "};
 
 // ---- recording options -----------------------------------------------------------------------
 
@@ -50,7 +55,7 @@ TEST(OptionActions, SubmenuChoicesWriteTheirOptionLogAndRebuildTheMenu) {
     EXPECT_EQ(h.composer->cameraPosition(), CameraPosition::topLeft);
 
     EXPECT_EQ(h.log.lines(),
-              (std::vector<std::string>{
+              (Lines{
                   "Menu update - Recording state: false",
                   "\U0001F4F7 Camera overlay preset changed to: Large (480\u00D7270)",
                   "Menu update - Recording state: false",
@@ -63,32 +68,31 @@ TEST(OptionActions, SubmenuChoicesWriteTheirOptionLogAndRebuildTheMenu) {
     EXPECT_EQ(checkedTitle(submenu(h.menu(), "Camera Position")), "Top Left");
 }
 
-TEST(OptionActions, OverlayToggleWritesAllThreePlacesAndLogsOldToNew) {
+TEST(OptionActions, TogglesWriteEveryPlaceLogOldToNewAndRebuildTheMenu) {
     ShellHarness h;
     h.launch();
-    h.log.clear();
-    h.choose({"Camera Overlay"});
-    EXPECT_FALSE(h.recorder().cameraOverlayEnabled());
-    EXPECT_FALSE(h.capture->cameraOverlayEnabled());
-    EXPECT_FALSE(h.composer->cameraOverlayEnabled());
-    EXPECT_EQ(h.log.lines(), (std::vector<std::string>{
-                                 "\U0001F4F7 Camera overlay toggled: true \u2192 false",
-                                 "\u274C Camera overlay is now DISABLED",
-                                 "Menu update - Recording state: false",
-                             }));
-    EXPECT_EQ(render(h.menu())[3], "Camera Overlay");
-
-    h.log.clear();
-    h.choose({"Camera Overlay"});
-    EXPECT_TRUE(h.recorder().cameraOverlayEnabled());
-    EXPECT_TRUE(h.capture->cameraOverlayEnabled());
-    EXPECT_TRUE(h.composer->cameraOverlayEnabled());
-    EXPECT_EQ(h.log.lines(), (std::vector<std::string>{
-                                 "\U0001F4F7 Camera overlay toggled: false \u2192 true",
-                                 "\u2705 Camera overlay is now ENABLED",
-                                 "Menu update - Recording state: false",
-                             }));
-    EXPECT_EQ(render(h.menu())[3], "\u2713 Camera Overlay");
+    for (const bool on : {false, true}) {
+        h.log.clear();
+        h.choose({"Camera Overlay"});
+        EXPECT_EQ(h.recorder().cameraOverlayEnabled(), on);
+        EXPECT_EQ(h.capture->cameraOverlayEnabled(), on);
+        EXPECT_EQ(h.composer->cameraOverlayEnabled(), on);
+        EXPECT_EQ(h.log.lines(), (Lines{on ? "\U0001F4F7 Camera overlay toggled: false \u2192 true"
+                                           : "\U0001F4F7 Camera overlay toggled: true \u2192 false",
+                                        on ? "\u2705 Camera overlay is now ENABLED"
+                                           : "\u274C Camera overlay is now DISABLED",
+                                        "Menu update - Recording state: false"}));
+        EXPECT_EQ(render(h.menu())[3], on ? "\u2713 Camera Overlay" : "Camera Overlay");
+    }
+    for (const bool on : {true, false}) {
+        h.log.clear();
+        h.choose({"VS Code Automation"});
+        EXPECT_EQ(h.defaults.boolForKey(AppDelegate::kVSCodeAutomationEnabledKey), on);
+        EXPECT_EQ(render(h.menu())[7], on ? "\u2713 VS Code Automation" : "VS Code Automation");
+        EXPECT_EQ(h.log.lines(), (Lines{on ? "\U0001F527 VS Code automation enabled"
+                                           : "\U0001F527 VS Code automation disabled",
+                                        "Menu update - Recording state: false"}));
+    }
 }
 
 TEST(OptionActions, EntriesWithoutAValueOfTheirTypeDoNothing) {
@@ -96,85 +100,59 @@ TEST(OptionActions, EntriesWithoutAValueOfTheirTypeDoNothing) {
     h.launch();
     h.log.clear();
     const auto before = h.item().events.size();
-
     MenuEntry empty;
-    MenuEntry wrongType;
-    wrongType.value = CameraPosition::topLeft;
-    MenuEntry wrongTypeToo;
-    wrongTypeToo.value = VideoQuality::medium;
+    MenuEntry position;
+    position.value = CameraPosition::topLeft;
+    MenuEntry quality;
+    quality.value = VideoQuality::medium;
     MenuEntry text;
     text.value = std::string("high");
-
-    for (const MenuEntry* e : {&empty, &text, &wrongTypeToo}) {
-        h.delegate->setCameraPosition(*e);
-    }
-    for (const MenuEntry* e : {&empty, &text, &wrongType}) {
+    for (const MenuEntry* e : {&empty, &text, &quality}) h.delegate->setCameraPosition(*e);
+    for (const MenuEntry* e : {&empty, &text, &position}) {
         h.delegate->setVideoQuality(*e);
         h.delegate->setCameraOverlayPreset(*e);
     }
-    // Routed through the status item too: an option action with no value.
-    MenuEntry routed;
+    MenuEntry routed;  // through the status item's routing, with no value
     routed.action = MenuAction::setVideoQuality;
     h.delegate->perform(routed);
 
     EXPECT_EQ(h.recorder().videoQuality(), VideoQuality::screenResolution);
-    EXPECT_EQ(h.recorder().cameraOverlayPreset(), CameraOverlayPreset::medium);
     EXPECT_EQ(h.capture->cameraOverlayPreset(), CameraOverlayPreset::medium);
     EXPECT_EQ(h.composer->cameraOverlayPreset(), CameraOverlayPreset::medium);
-    EXPECT_EQ(h.recorder().cameraPosition(), CameraPosition::bottomRight);
     EXPECT_EQ(h.composer->cameraPosition(), CameraPosition::bottomRight);
     EXPECT_TRUE(h.log.lines().empty());
     EXPECT_EQ(h.item().events.size(), before);
 }
 
-TEST(OptionActions, AutomationToggleFlipsThePersistedSetting) {
+// ---- start flow ------------------------------------------------------------------------------
+
+TEST(StartStopFlow, WithAutomationOffLogInOrderAndCancelTheStartTaskAtTheStop) {
     ShellHarness h;
     h.launch();
     h.log.clear();
-    h.choose({"VS Code Automation"});
-    EXPECT_EQ(h.defaults.boolForKey(AppDelegate::kVSCodeAutomationEnabledKey), true);
-    EXPECT_EQ(render(h.menu())[7], "\u2713 VS Code Automation");
-    h.choose({"VS Code Automation"});
-    EXPECT_EQ(h.defaults.boolForKey(AppDelegate::kVSCodeAutomationEnabledKey), false);
-    EXPECT_EQ(render(h.menu())[7], "VS Code Automation");
-    EXPECT_EQ(h.log.lines(), (std::vector<std::string>{
-                                 "\U0001F527 VS Code automation enabled",
-                                 "Menu update - Recording state: false",
-                                 "\U0001F527 VS Code automation disabled",
-                                 "Menu update - Recording state: false",
-                             }));
-}
-
-TEST(OptionActions, OptionsStayAvailableWhileRecording) {
-    ShellHarness h;
-    h.launch();
-    h.choose({kStart});
+    h.calls.clear();
+    h.delegate->stopRecording();  // before any start: still follows the setting
+    EXPECT_FALSE(h.delegate->recordingTask().has_value());
+    EXPECT_EQ(
+        h.log.lines(),
+        (Lines{"Stop recording button pressed", "Stop recording called but not currently recording",
+               "\U0001F527 VS Code automation: Disabled - skipping screencast mode cleanup"}));
+    EXPECT_TRUE(h.calls.calls().empty());  // the icon update is queued
     h.runAll();
-    h.choose({"Camera Position", "Top Right"});
-    EXPECT_EQ(h.composer->cameraPosition(), CameraPosition::topRight);
-    EXPECT_EQ(h.menu()[0].title, kStop);
-}
+    EXPECT_EQ(h.calls.calls(), kIdleIcon);
 
-// ---- start flow ------------------------------------------------------------------------------
-
-TEST(StartFlow, WithAutomationOffLogsBeforeTheRecorderAndReportsTheOutcome) {
-    ShellHarness h;
-    h.launch();
     h.log.clear();
     h.choose({kStart});
     // The action returns at once; the task runs later on the main queue.
-    EXPECT_EQ(h.log.lines(), std::vector<std::string>{"Start recording button pressed"});
+    EXPECT_EQ(h.log.lines(), Lines{"Start recording button pressed"});
     ASSERT_TRUE(h.delegate->recordingTask().has_value());
-    EXPECT_FALSE(h.delegate->recordingTask()->isCancelled());
     h.runAll();
-
-    const auto lines = h.log.lines();
+    auto lines = h.log.lines();
     ASSERT_GE(lines.size(), 4u);
-    EXPECT_EQ(lines[1], "About to start recording...");
-    EXPECT_EQ(lines[2], "\U0001F527 VS Code automation: Disabled - skipping screencast mode");
     EXPECT_EQ(lines[3], "ScreenRecorder.startRecording() called");
-    EXPECT_EQ(shellLines(h),
-              (std::vector<std::string>{
+    EXPECT_EQ(h.log.linesStartingWith({"Start recording", "About to start", "\U0001F527",
+                                       "Recording start completed", "AppDelegate."}),
+              (Lines{
                   "Start recording button pressed",
                   "About to start recording...",
                   "\U0001F527 VS Code automation: Disabled - skipping screencast mode",
@@ -183,54 +161,61 @@ TEST(StartFlow, WithAutomationOffLogsBeforeTheRecorderAndReportsTheOutcome) {
               }));
     EXPECT_TRUE(h.runner.scripts().empty());
     EXPECT_TRUE(h.finder.queries().empty());
+
+    const CancellationToken task = *h.delegate->recordingTask();
+    h.log.clear();
+    h.choose({kStop});
+    EXPECT_TRUE(task.isCancelled());
+    EXPECT_FALSE(h.recorder().isRecording());
+    lines = h.log.lines();
+    ASSERT_GE(lines.size(), 3u);
+    EXPECT_EQ(lines[0], "Stop recording button pressed");
+    EXPECT_EQ(lines[1], "Stopping recording...");
+    EXPECT_EQ(lines.back(),
+              "\U0001F527 VS Code automation: Disabled - skipping screencast mode cleanup");
+    h.runAll();
+    EXPECT_TRUE(h.log.contains("Recording completed successfully"));
 }
 
 TEST(StartFlow, WithTheEditorRunningForcesHighQualityAndDoesNotWaitForTheEditor) {
     ShellHarness h;
     h.display.setSize(1512, 982);
-    h.enableAutomation();
-    h.finder.launch(kVSCode);
-    h.launch();
+    launchWithEditor(h);
     h.choose({"Video Quality", "Medium (720p)"});
     h.log.clear();
 
     h.choose({kStart});
     ASSERT_TRUE(h.dispatch.main.runOne());  // the start task up to its await
     EXPECT_EQ(h.recorder().videoQuality(), VideoQuality::high);
-    EXPECT_EQ(h.log.lines(), (std::vector<std::string>{
+    EXPECT_EQ(h.log.lines(), (Lines{
                                  "Start recording button pressed",
                                  "About to start recording...",
                                  "\U0001F527 VS Code automation: Enabled screencast mode",
                              }));
-    // Only the terminal detection has run; the editor's keystrokes come from the enable task,
-    // which is queued on the background executor beside the recorder's start.
-    EXPECT_EQ(h.runner.scripts(),
-              std::vector<std::string>{std::string(scripts::kTerminalDetection)});
+    // Only the terminal detection has run; the enable task waits on the background executor
+    // beside the recorder's start.
+    EXPECT_EQ(h.runner.scripts(), Lines{std::string(scripts::kTerminalDetection)});
     EXPECT_EQ(h.dispatch.background.pendingCount(), 2u);
     EXPECT_FALSE(h.vsCode.screencastModeEnabled());
 
     h.runAll();
     EXPECT_TRUE(h.vsCode.screencastModeEnabled());
-    const auto scriptsSent = h.runner.scripts();
-    ASSERT_EQ(scriptsSent.size(), 4u);
-    EXPECT_EQ(scriptsSent[1], std::string(scripts::kCommandPalette));
+    ASSERT_EQ(h.runner.scripts().size(), 4u);
+    EXPECT_EQ(h.runner.scripts()[1], std::string(scripts::kCommandPalette));
     EXPECT_TRUE(h.recorder().isRecording());
-    // The writer was made for 1080p, not for the screen's size.
     auto videoInput = h.factory.lastInput(MediaType::video);
     ASSERT_NE(videoInput, nullptr);
     auto video = std::get<VideoOutputSettingsForWriter>(videoInput->outputSettings());
-    EXPECT_EQ(video.width, 1920);
+    EXPECT_EQ(video.width, 1920);  // 1080p, not the screen's size
     EXPECT_EQ(video.height, 1080);
     EXPECT_EQ(checkedTitle(submenu(h.menu(), "Video Quality")), "High (1080p)");
-    // Two searches for the editor on the main thread, one more in the enable task.
-    EXPECT_EQ(h.finder.queries(), (std::vector<std::string>{kVSCode, kVSCode, kVSCode}));
+    EXPECT_EQ(h.finder.queries(), (Lines{kVSCode, kVSCode, kVSCode}));
 }
 
 TEST(StartFlow, WithTheEditorNotRunningTheQualityIsUntouched) {
     ShellHarness h;
     h.enableAutomation();
     h.launch();
-    h.log.clear();
     h.choose({kStart});
     h.runAll();
     EXPECT_EQ(h.recorder().videoQuality(), VideoQuality::screenResolution);
@@ -246,85 +231,30 @@ TEST(StartFlow, AFailedStartEndsWithTheAlertOnly) {
     h.access.setAnswer(MediaType::video, false);
     h.launch();
     h.calls.clear();
-    h.log.clear();
     const size_t menusBefore = h.item().menus.size();
 
     h.choose({kStart});
     h.runAll();
-    EXPECT_EQ(h.calls.calls(), (std::vector<std::string>{
-                                   "statusItem.image video.circle",
-                                   "statusItem.template true",
-                                   "statusItem.title ",
-                                   "alert Recording Failed",
-                                   "statusItem.image video.circle",
-                                   "statusItem.template true",
-                                   "statusItem.title ",
-                               }));
+    Lines expected = kIdleIcon;
+    expected.push_back("alert Recording Failed");
+    expected.insert(expected.end(), kIdleIcon.begin(), kIdleIcon.end());
+    EXPECT_EQ(h.calls.calls(), expected);
     ASSERT_EQ(h.alerts.alerts.size(), 1u);
     const AlertDescription& alert = h.alerts.alerts[0];
     EXPECT_EQ(alert.messageText, "Recording Failed");
     EXPECT_EQ(alert.informativeText, "Permission denied: Microphone And Camera access required");
     EXPECT_EQ(alert.style, AlertStyle::warning);
-    EXPECT_EQ(alert.buttons, std::vector<std::string>{"OK"});
+    EXPECT_EQ(alert.buttons, Lines{"OK"});
     EXPECT_TRUE(h.notifications.requests.empty());
     EXPECT_EQ(h.item().menus.size(), menusBefore);
-    EXPECT_EQ(h.menu()[0].title, kStart);
     EXPECT_TRUE(h.log.contains("Recording start completed. Current state: false"));
-    EXPECT_FALSE(h.log.contains("AppDelegate.recorderDidStart() called - Recording state: true"));
 }
 
 // ---- stop flow -------------------------------------------------------------------------------
 
-TEST(StopFlow, CancelsTheStartTaskStopsTheRecorderAndUpdatesTheIcon) {
-    ShellHarness h;
-    h.launch();
-    h.choose({kStart});
-    h.runAll();
-    const CancellationToken task = *h.delegate->recordingTask();
-    h.log.clear();
-    h.calls.clear();
-
-    h.choose({kStop});
-    EXPECT_TRUE(task.isCancelled());
-    ASSERT_TRUE(h.delegate->recordingTask().has_value());  // kept
-    EXPECT_TRUE(h.delegate->recordingTask()->isCancelled());
-    EXPECT_FALSE(h.recorder().isRecording());
-    const auto lines = h.log.lines();
-    ASSERT_GE(lines.size(), 3u);
-    EXPECT_EQ(lines[0], "Stop recording button pressed");
-    EXPECT_EQ(lines[1], "Stopping recording...");
-    EXPECT_EQ(lines.back(),
-              "\U0001F527 VS Code automation: Disabled - skipping screencast mode cleanup");
-
-    h.runAll();
-    EXPECT_TRUE(h.log.contains("Recording completed successfully"));
-}
-
-TEST(StopFlow, BeforeAnyStartStillFollowsTheSettingAndUpdatesTheIcon) {
-    ShellHarness h;
-    h.launch();
-    h.log.clear();
-    h.calls.clear();
-    h.delegate->stopRecording();
-    EXPECT_FALSE(h.delegate->recordingTask().has_value());
-    EXPECT_EQ(h.log.lines(), (std::vector<std::string>{
-                                 "Stop recording button pressed",
-                                 "Stop recording called but not currently recording",
-                                 "\U0001F527 VS Code automation: Disabled - skipping screencast "
-                                 "mode cleanup",
-                             }));
-    EXPECT_TRUE(h.calls.calls().empty());  // the icon update is queued
-    h.runAll();
-    EXPECT_EQ(h.calls.calls(),
-              (std::vector<std::string>{"statusItem.image video.circle", "statusItem.template true",
-                                        "statusItem.title "}));
-}
-
 TEST(StopFlow, WithAutomationOnSwitchesTheScreencastModeOffInTheBackground) {
     ShellHarness h;
-    h.enableAutomation();
-    h.finder.launch(kVSCode);
-    h.launch();
+    launchWithEditor(h);
     h.choose({kStart});
     h.runAll();
     ASSERT_TRUE(h.vsCode.screencastModeEnabled());
@@ -339,31 +269,24 @@ TEST(StopFlow, WithAutomationOnSwitchesTheScreencastModeOffInTheBackground) {
     // The disable's pauses were not cut short by the cancelled start task.
     const auto sleeps = h.dispatch.sleeperImpl.sleeps();
     EXPECT_EQ(std::count(sleeps.begin(), sleeps.end(), std::chrono::milliseconds(500)), 2);
-}
 
-TEST(StopFlow, AutomationSwitchedOffMidRecordingSkipsTheCleanup) {
-    ShellHarness h;
-    h.enableAutomation();
-    h.finder.launch(kVSCode);
-    h.launch();
+    // Switched off during the next recording: the editor is left as it is.
     h.choose({kStart});
     h.runAll();
     h.choose({"VS Code Automation"});
-    h.log.clear();
     h.choose({kStop});
     h.runAll();
     EXPECT_TRUE(h.log.contains(
         "\U0001F527 VS Code automation: Disabled - skipping screencast mode cleanup"));
-    EXPECT_TRUE(h.vsCode.screencastModeEnabled());  // left on, as the user asked
+    EXPECT_TRUE(h.vsCode.screencastModeEnabled());
 }
 
 // ---- a whole recording -----------------------------------------------------------------------
 
-TEST(Recording, IconMenuAndNotificationsFollowTheRecordersReports) {
+TEST(Recording, IconMenuAndNotificationsFollowTheRecordersReportsForTwoRecordings) {
     ShellHarness h;
     h.launch();
     h.calls.clear();
-
     // Inputs and writers report their own calls; only the shell's effects matter here.
     auto shellCalls = [&h] {
         auto got = h.calls.calls();
@@ -371,53 +294,43 @@ TEST(Recording, IconMenuAndNotificationsFollowTheRecordersReports) {
             return c.rfind("statusItem.", 0) != 0 && c.rfind("notification", 0) != 0 &&
                    c != "writer.finishWriting";
         });
+        h.calls.clear();
         return got;
     };
     h.choose({kStart});
     EXPECT_TRUE(shellCalls().empty());  // the start action changes nothing by itself
     h.runAll();
-    const std::vector<std::string> recordingIcon{"statusItem.image record.circle.fill",
-                                                 "statusItem.template true", "statusItem.title "};
-    std::vector<std::string> expected = recordingIcon;  // recorderDidStart
+    const Lines recordingIcon{"statusItem.image record.circle.fill", "statusItem.template true",
+                              "statusItem.title "};
+    Lines expected = recordingIcon;  // recorderDidStart
     expected.push_back("statusItem.menu");
     expected.push_back("notification Recording Started");
     expected.insert(expected.end(), recordingIcon.begin(), recordingIcon.end());  // end of task
     EXPECT_EQ(shellCalls(), expected);
     EXPECT_EQ(h.menu()[0].title, kStop);
-    h.calls.clear();
 
     h.choose({kStop});
-    EXPECT_EQ(h.menu()[0].title, kStop);
     h.runAll();
-    const std::vector<std::string> idleIcon{"statusItem.image video.circle",
-                                            "statusItem.template true", "statusItem.title "};
     expected = {"writer.finishWriting"};
-    expected.insert(expected.end(), idleIcon.begin(), idleIcon.end());  // stop action
-    expected.insert(expected.end(), idleIcon.begin(), idleIcon.end());  // recorderDidStop
+    expected.insert(expected.end(), kIdleIcon.begin(), kIdleIcon.end());  // stop action
+    expected.insert(expected.end(), kIdleIcon.begin(), kIdleIcon.end());  // recorderDidStop
     expected.push_back("statusItem.menu");
     expected.push_back("notification Recording Saved");
     EXPECT_EQ(shellCalls(), expected);
     EXPECT_EQ(h.menu()[0].title, kStart);
 
     ASSERT_EQ(h.notifications.requests.size(), 2u);
-    const auto& started = h.notifications.requests[0];
-    EXPECT_EQ(started.title, "Recording Started");
-    EXPECT_EQ(started.body, "Glimmerbox recording in progress");
-    EXPECT_TRUE(started.defaultSound);
-    const auto& saved = h.notifications.requests[1];
-    EXPECT_EQ(saved.title, "Recording Saved");
-    EXPECT_EQ(saved.body, "Screencast saved to: glimmerbox-2025-03-14_09-26-53.mov");
+    EXPECT_EQ(h.notifications.requests[0].title, "Recording Started");
+    EXPECT_EQ(h.notifications.requests[0].body, "Glimmerbox recording in progress");
+    EXPECT_TRUE(h.notifications.requests[0].defaultSound);
+    EXPECT_EQ(h.notifications.requests[1].title, "Recording Saved");
+    EXPECT_EQ(h.notifications.requests[1].body,
+              "Screencast saved to: glimmerbox-2025-03-14_09-26-53.mov");
     EXPECT_TRUE(h.alerts.alerts.empty());
-}
 
-TEST(Recording, TwoRecordingsPostFourNotificationsWithDistinctIdentifiers) {
-    ShellHarness h;
-    h.launch();
-    h.dates.setFormatted("2025-03-14_09-26-53");
-    h.record();
+    // A second recording: four notifications, four distinct identifiers.
     h.dates.setFormatted("2025-03-14_09-30-00");
     h.record();
-
     ASSERT_EQ(h.notifications.requests.size(), 4u);
     const std::regex form("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
     std::set<std::string> ids;
@@ -437,10 +350,7 @@ TEST(Recording, AFailedFinishShowsTheAlertAndKeepsTheMenu) {
     config.finishError = PlatformError{"AVFoundationErrorDomain", -11800, "The disk is full."};
     h.factory.setConfig(config);
     h.launch();
-    h.choose({kStart});
-    h.runAll();
-    h.choose({kStop});
-    h.runAll();
+    h.record();
 
     ASSERT_EQ(h.alerts.alerts.size(), 1u);
     EXPECT_EQ(h.alerts.alerts[0].messageText, "Recording Failed");
@@ -458,7 +368,6 @@ TEST(Recording, ReportsKeepTheDelegateAliveUntilTheMainQueueRuns) {
     h.launch();
     h.choose({kStart});
     std::weak_ptr<AppDelegate> weak = h.delegate;
-    // Let the start run up to its report, then drop the program's own reference.
     ASSERT_TRUE(h.dispatch.main.runOne());
     h.dispatch.background.runPending();
     auto recorder = h.delegate->recorder();
@@ -477,19 +386,12 @@ TEST(Automation, ScriptRunnerErrorsNeitherThrowNorReachTheUser) {
     for (const bool throws : {false, true}) {
         SCOPED_TRACE(throws ? "runner throws" : "runner fails");
         ShellHarness h;
-        h.enableAutomation();
-        h.finder.launch(kVSCode);
         h.runner.setResponder([throws](const std::string&) -> ScriptOutcome {
             if (throws) throw std::runtime_error("System Events is gone");
             return {ScriptOutcome::Kind::failed, "{NSAppleScriptErrorNumber = -600}"};
         });
-        h.launch();
-        ASSERT_NO_THROW({
-            h.choose({kStart});
-            h.runAll();
-            h.choose({kStop});
-            h.runAll();
-        });
+        launchWithEditor(h);
+        ASSERT_NO_THROW(h.record());
         EXPECT_TRUE(h.alerts.alerts.empty());
         ASSERT_EQ(h.notifications.requests.size(), 2u);
         EXPECT_EQ(h.notifications.requests[1].title, "Recording Saved");
@@ -498,8 +400,6 @@ TEST(Automation, ScriptRunnerErrorsNeitherThrowNorReachTheUser) {
     }
 }
 
-// An application finder that breaks: the automation's failure is logged and the recording
-// starts all the same.
 class BrokenFinder final : public ApplicationFinder {
 public:
     std::vector<RunningApplicationRef> runningApplications(const std::string&) override {
@@ -515,19 +415,14 @@ TEST(Automation, ABrokenApplicationFinderDoesNotStopTheRecording) {
     h.delegate = std::make_shared<AppDelegate>(
         h.platform(), [&h] { return h.makeRecorder(); }, vsCode);
     h.delegate->applicationDidFinishLaunching();
-    ASSERT_NO_THROW({
-        h.choose({kStart});
-        h.runAll();
-        h.choose({kStop});
-        h.runAll();
-    });
+    ASSERT_NO_THROW(h.record());
     EXPECT_TRUE(h.log.contains("\U0001F527 VS Code automation: start failed: no session bus"));
     EXPECT_TRUE(h.alerts.alerts.empty());
     EXPECT_EQ(h.notifications.requests.size(), 2u);
     h.delegate.reset();
 }
 
-// ---- settings --------------------------------------------------------------------------------
+// ---- settings, folders, About, quit ----------------------------------------------------------
 
 TEST(Settings, ValuesOfTheWrongTypeReadAsAbsent) {
     ShellHarness h;
@@ -537,52 +432,35 @@ TEST(Settings, ValuesOfTheWrongTypeReadAsAbsent) {
     h.launch();
     EXPECT_EQ(render(h.menu())[7], "VS Code Automation");
     EXPECT_EQ(render(h.menu())[9], "Saving to: Documents/Glimmerbox Recordings (disabled)");
-
     h.delegate->openRecordingsFolder();
-    EXPECT_EQ(h.workspace.opened,
-              std::vector<std::string>{"/home/user/Documents/Glimmerbox Recordings"});
-
+    EXPECT_EQ(h.workspace.opened, Lines{"/home/user/Documents/Glimmerbox Recordings"});
     h.choose({kStart});
     h.runAll();
     EXPECT_TRUE(
         h.log.contains("\U0001F527 VS Code automation: Disabled - skipping screencast mode"));
     EXPECT_TRUE(h.runner.scripts().empty());
-
-    // Toggling treats the unreadable value as false.
-    h.choose({"VS Code Automation"});
+    h.choose({"VS Code Automation"});  // the unreadable value counts as false
     EXPECT_EQ(h.defaults.boolForKey(AppDelegate::kVSCodeAutomationEnabledKey), true);
 }
 
-// ---- folders, About, quit --------------------------------------------------------------------
-
-TEST(Folders, TheDefaultFolderIsCreatedThenOpenedAChosenOneOpenedAsItIs) {
-    ShellHarness h;
-    h.launch();
-    h.choose({"Open Recordings Folder"});
-    const auto creates = h.files.createDirectoryCalls();
-    ASSERT_EQ(creates.size(), 1u);
-    EXPECT_EQ(creates[0].path, "/home/user/Documents/Glimmerbox Recordings");
-    EXPECT_TRUE(creates[0].intermediates);
-    EXPECT_TRUE(h.files.directoryExists("/home/user/Documents/Glimmerbox Recordings"));
-
-    h.defaults.setURL("/media/usb/Casts", AppDelegate::kCustomSaveLocationKey);
-    h.choose({"Open Recordings Folder"});
-    EXPECT_EQ(h.files.createDirectoryCalls().size(), 1u);
-    EXPECT_EQ(h.workspace.opened,
-              (std::vector<std::string>{"/home/user/Documents/Glimmerbox Recordings",
-                                        "/media/usb/Casts"}));
-}
-
-TEST(Folders, AFolderThatCannotBeCreatedIsOpenedAllTheSame) {
+TEST(Folders, TheDefaultFolderIsCreatedThenOpenedEvenOnFailureAChosenOneOpenedAsItIs) {
     ShellHarness h;
     h.files.setCreateDirectoryError(PlatformError{"NSCocoaErrorDomain", 513, "Permission denied."});
     h.launch();
     h.log.clear();
     h.choose({"Open Recordings Folder"});
-    EXPECT_EQ(h.workspace.opened,
-              std::vector<std::string>{"/home/user/Documents/Glimmerbox Recordings"});
+    const auto creates = h.files.createDirectoryCalls();
+    ASSERT_EQ(creates.size(), 1u);
+    EXPECT_EQ(creates[0].path, "/home/user/Documents/Glimmerbox Recordings");
+    EXPECT_TRUE(creates[0].intermediates);
     EXPECT_EQ(h.log.lines().size(), 1u);  // one diagnostic line, nothing for the user
     EXPECT_TRUE(h.alerts.alerts.empty());
+
+    h.defaults.setURL("/media/usb/Casts", AppDelegate::kCustomSaveLocationKey);
+    h.choose({"Open Recordings Folder"});
+    EXPECT_EQ(h.files.createDirectoryCalls().size(), 1u);
+    EXPECT_EQ(h.workspace.opened,
+              (Lines{"/home/user/Documents/Glimmerbox Recordings", "/media/usb/Casts"}));
 }
 
 TEST(About, OneControllerServesEveryRequest) {
@@ -598,20 +476,22 @@ TEST(About, OneControllerServesEveryRequest) {
     EXPECT_EQ(h.windows.windows[0]->showCount, 2);
     EXPECT_EQ(h.windows.windows[0]->level, 3);
     EXPECT_EQ(h.application.count("activateIgnoringOtherApps"), 2u);
-    EXPECT_EQ(h.application.count("terminate"), 0u);
 }
 
-TEST(Quit, WhileRecordingStopsTheRecorderThenTerminates) {
+TEST(Quit, WhileRecordingStopsTheRecorderThenTerminatesAndWhileIdleAtOnce) {
     ShellHarness h;
-    h.enableAutomation();
-    h.finder.launch(kVSCode);
-    h.launch();
+    launchWithEditor(h);
+    h.calls.clear();
+    h.log.clear();
+    h.choose({"Quit Glimmerbox"});
+    EXPECT_EQ(h.calls.calls(), Lines{"application.terminate"});
+    EXPECT_TRUE(h.log.lines().empty());
+
     h.choose({kStart});
     h.runAll();
     const size_t scriptsBefore = h.runner.scripts().size();
     h.calls.clear();
     h.log.clear();
-
     h.choose({"Quit Glimmerbox"});
     auto calls = h.calls.calls();
     ASSERT_FALSE(calls.empty());
@@ -623,16 +503,6 @@ TEST(Quit, WhileRecordingStopsTheRecorderThenTerminates) {
     h.runAll();
     EXPECT_EQ(h.runner.scripts().size(), scriptsBefore);
     EXPECT_TRUE(h.vsCode.screencastModeEnabled());
-}
-
-TEST(Quit, WhileIdleTerminatesAtOnce) {
-    ShellHarness h;
-    h.launch();
-    h.calls.clear();
-    h.log.clear();
-    h.choose({"Quit Glimmerbox"});
-    EXPECT_EQ(h.calls.calls(), std::vector<std::string>{"application.terminate"});
-    EXPECT_TRUE(h.log.lines().empty());
 }
 
 }  // namespace

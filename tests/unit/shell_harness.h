@@ -1,6 +1,5 @@
-// The application shell wired to fakes: the user-interface fakes, a real ScreenRecorder over the
-// engine's fake services, a real VSCodeIntegration over fake scripting, all driven by FakeDispatch
-// (nothing runs until the test drains the queues).
+// The application shell over fakes, driven by FakeDispatch: nothing runs until the test drains
+// the queues.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,12 +21,8 @@ inline constexpr const char* kStart = "\u23FA Start Recording";
 inline constexpr const char* kStop = "\u23F9 Stop Recording";
 
 struct ShellHarness : fakes::FakeShellPlatform {
-    ~ShellHarness() {
-        // Work still queued holds the delegate; drop it before the fakes go.
-        dispatch.runAll();
-    }
+    ~ShellHarness() { dispatch.runAll(); }  // queued work holds the delegate
 
-    // The recorder exactly as the program builds it, over fake platform services.
     std::shared_ptr<ScreenRecorder> makeRecorder() {
         calls.add("recorder.create");
         return FakeEngine::makeRecorder(dispatch);
@@ -43,13 +38,10 @@ struct ShellHarness : fakes::FakeShellPlatform {
     [[nodiscard]] fakes::FakeStatusItem& item() { return *statusBar.item(); }
     [[nodiscard]] ScreenRecorder& recorder() { return *delegate->recorder(); }
     [[nodiscard]] const std::vector<MenuEntry>& menu() { return item().menu(); }
-    // Chooses a menu entry as the user would; fails the test when there is none.
     void choose(const std::vector<std::string>& titlePath) {
         ASSERT_TRUE(item().choose(titlePath)) << "no menu entry " << titlePath.back();
     }
     void runAll() { dispatch.runAll(); }
-
-    // A whole recording: start, let everything run, stop, let everything run.
     void record() {
         choose({kStart});
         runAll();
@@ -66,8 +58,7 @@ struct ShellHarness : fakes::FakeShellPlatform {
     std::shared_ptr<AppDelegate> delegate;
 };
 
-// The menu in a compact form: "---" for separators, "✓ " before checked entries, " >" after
-// entries with a submenu, " (disabled)" and " ⌘<key>" after the title.
+// The menu in a compact form: "---", "✓ title", "title >", "title (disabled)", "title ⌘q".
 inline std::vector<std::string> render(const std::vector<MenuEntry>& entries) {
     std::vector<std::string> out;
     for (const auto& e : entries) {
