@@ -1,7 +1,5 @@
-// The shell over real threads: the recorder's start and the editor automation run on the
-// background pool, samples on a recording queue, and the test's thread is the main thread
-// draining the main queue. Checks that the reports reach the user interface on the main thread
-// only and that nothing races (run under ThreadSanitizer).
+// The shell over real threads (the test's thread drains the main queue): reports reach the user
+// interface on the main thread only, and nothing races under ThreadSanitizer.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -124,24 +122,19 @@ TEST(ShellThreads, AFailedStartShowsTheAlertOnTheMainThread) {
     s.access.setAnswer(MediaType::audio, false);
     s.launch();
     bool alertOnMain = false;
-    s.alerts.onAlert = [&](const AlertDescription&) {
-        alertOnMain = s.onMainThread();
-        // The start task still has to finish before the loop ends.
-    };
-    std::atomic<bool> quitQueued{false};
-    s.log.clear();
+    s.alerts.onAlert = [&](const AlertDescription&) { alertOnMain = s.onMainThread(); };
+    std::atomic<bool> startEnded{false};
     s.onMain([&] { ASSERT_TRUE(s.statusBar.item()->choose({kStart})); });
     std::jthread quitter([&] {
-        if (s.log.waitFor("Recording start completed. Current state: false", 1,
-                          std::chrono::seconds(10))) {
-            quitQueued = true;
-        }
+        // The start task has to end before the loop does.
+        startEnded = s.log.waitFor("Recording start completed. Current state: false", 1,
+                                   std::chrono::seconds(10));
         s.main.quit();
     });
     s.runMainLoop();
     quitter.join();
 
-    EXPECT_TRUE(quitQueued.load());
+    EXPECT_TRUE(startEnded.load());
     ASSERT_EQ(s.alerts.alerts.size(), 1u);
     EXPECT_TRUE(alertOnMain);
     EXPECT_EQ(s.alerts.alerts[0].informativeText, "Permission denied: Microphone access required");

@@ -1,7 +1,6 @@
-// The recorder on real threads: a main run loop, the background pool for the starts, and the
-// recording queue fed by a capture thread. Hundreds of start / stream / stop cycles, with stops
-// racing the starts and starts attempted while the previous recording is finishing. Under
-// ThreadSanitizer no race may be reported; every start and every finish must be reported.
+// The recorder on real threads: hundreds of start / stream / stop cycles with samples from a
+// capture thread, stops racing the starts and starts during the previous finish. No race under
+// ThreadSanitizer; every start and every finish reported.
 #include <gtest/gtest.h>
 
 #include <chrono>

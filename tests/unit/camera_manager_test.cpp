@@ -34,8 +34,6 @@ protected:
     LogCapture log;
 };
 
-// ---- categories ----------------------------------------------------------------------------
-
 TEST(CameraCategoryTest, VirtualRulesFirstThenBuiltInNamesElseExternal) {
     using C = CameraCategory;
     const struct {
@@ -65,51 +63,30 @@ TEST(CameraCategoryTest, VirtualRulesFirstThenBuiltInNamesElseExternal) {
     }
 }
 
-// ---- selection -----------------------------------------------------------------------------
-
-TEST_F(CameraManagerTest, UsableExternalBeatsSuspendedBuiltIn) {
-    auto builtIn = camera("FaceTime HD Camera", "a", true, /*suspended=*/true);
-    auto external = camera("Logitech C920", "b");
-    auto chosen = manager.selectBestCamera({builtIn, external});
-    EXPECT_EQ(chosen, external);
+// Usable first, then built-in, external, virtual; within a category the discovery order.
+TEST_F(CameraManagerTest, SelectionByUsabilityCategoryAndDiscoveryOrder) {
+    auto builtInSuspended = camera("FaceTime HD Camera", "a", true, /*suspended=*/true);
+    auto externalA = camera("USB Camera A", "ea");
+    EXPECT_EQ(manager.selectBestCamera({builtInSuspended, externalA}), externalA);
     EXPECT_THAT(log.lines(), ElementsAre("🎯 Selecting best camera from 2 available devices...",
                                          "📊 Camera categorization:", "   Built-in cameras: 1",
                                          "   External cameras: 1", "   Virtual cameras: 0",
-                                         "✅ Selected external camera: Logitech C920"));
-}
+                                         "✅ Selected external camera: USB Camera A"));
 
-TEST_F(CameraManagerTest, CategoryOrderThenDiscoveryOrder) {
-    auto virtualCam = camera("OBS Virtual Camera", "v");
-    auto externalA = camera("USB Camera A", "ea");
+    auto virtualCam = camera("Lobster Cam", "v");
     auto builtInOff = camera("FaceTime HD Camera", "b1", /*connected=*/false);
     auto builtIn = camera("Built-in Camera", "b2");
     auto externalB = camera("USB Camera B", "eb");
     EXPECT_EQ(manager.selectBestCamera({virtualCam, externalA, builtInOff, builtIn, externalB}),
               builtIn);
-    EXPECT_TRUE(log.contains("   Built-in cameras: 2"));
-    EXPECT_TRUE(log.contains("   External cameras: 2"));
-    EXPECT_TRUE(log.contains("   Virtual cameras: 1"));
-    EXPECT_TRUE(log.contains("✅ Selected built-in camera: Built-in Camera"));
-
-    log.clear();
+    EXPECT_EQ(log.lines().back(), "✅ Selected built-in camera: Built-in Camera");
     EXPECT_EQ(manager.selectBestCamera({virtualCam, externalB, externalA}), externalB);
-}
-
-TEST_F(CameraManagerTest, VirtualOnlyWhenNothingRealIsUsable) {
-    auto virtualCam = camera("Lobster Cam", "v");
-    auto external = camera("USB Camera", "e", true, /*suspended=*/true);
-    EXPECT_EQ(manager.selectBestCamera({external, virtualCam}), virtualCam);
+    EXPECT_EQ(manager.selectBestCamera({builtInSuspended, virtualCam}), virtualCam);
     EXPECT_EQ(log.lines().back(),
               "⚠️ Selected virtual camera: Lobster Cam (may contain screen content)");
-}
-
-TEST_F(CameraManagerTest, NothingUsableIsNoCamera) {
-    EXPECT_EQ(manager.selectBestCamera({camera("USB", "e", false), camera("OBS", "v", true, true)}),
-              nullptr);
+    EXPECT_EQ(manager.selectBestCamera({builtInOff, camera("OBS", "v", true, true)}), nullptr);
     EXPECT_EQ(log.lines().back(), "❌ No suitable camera found");
 }
-
-// ---- validation ----------------------------------------------------------------------------
 
 TEST_F(CameraManagerTest, ValidationWarningsInFixedOrder) {
     const CameraValidation all =
@@ -118,19 +95,11 @@ TEST_F(CameraManagerTest, ValidationWarningsInFixedOrder) {
     EXPECT_THAT(all.warnings,
                 ElementsAre("Camera appears to be virtual - may contain screen content",
                             "Camera is suspended", "Camera is not connected"));
-
     const CameraValidation virtualOk = manager.validateCamera(camera("mmhmm", "v"));
-    EXPECT_TRUE(virtualOk.isValid);
-    EXPECT_THAT(virtualOk.warnings,
-                ElementsAre("Camera appears to be virtual - may contain screen content"));
-
-    const CameraValidation clean = manager.validateCamera(camera("USB", "e"));
-    EXPECT_TRUE(clean.isValid);
-    EXPECT_THAT(clean.warnings, IsEmpty());
-
-    const CameraValidation disconnected = manager.validateCamera(camera("USB", "e", false));
-    EXPECT_FALSE(disconnected.isValid);
-    EXPECT_THAT(disconnected.warnings, ElementsAre("Camera is not connected"));
+    EXPECT_TRUE(virtualOk.isValid);  // a virtual camera is only a warning
+    EXPECT_EQ(virtualOk.warnings.size(), 1u);
+    EXPECT_THAT(manager.validateCamera(camera("USB", "e")).warnings, IsEmpty());
+    EXPECT_FALSE(manager.validateCamera(nullptr).isValid);
     EXPECT_THAT(manager.validateCamera(nullptr).warnings, ElementsAre("Camera is not connected"));
     EXPECT_THAT(log.lines(), IsEmpty());
 }

@@ -70,24 +70,18 @@ void expectFrame(const LayoutFrame& f, double x, double y, double w, double h) {
 }
 
 TEST(ConstraintLayout, PlacesAColumnHangingFromTheTopAndAFooterOnTheBottom) {
-    const LayoutResult r = solveLayout(columnWindow(), heights(40, 14));
+    std::optional<double> widthSeen;
+    const IntrinsicHeight measure = [&](const ViewDescription& v, std::optional<double> width) {
+        if (v.id == "text") widthSeen = width;  // asked at the view's width
+        return heights(40, 14)(v, width);
+    };
+    const LayoutResult r = solveLayout(columnWindow(), measure);
     EXPECT_TRUE(r.problems.empty()) << r.problems.front();
     expectFrame(r.frames.at("content"), 0, 0, 400, 300);
     expectFrame(r.frames.at("container"), 20, 20, 360, 260);
     expectFrame(r.frames.at("icon"), 168, 20, 64, 64);  // centred in the container
     expectFrame(r.frames.at("text"), 20, 96, 360, 40);
     expectFrame(r.frames.at("footer"), 20, 266, 360, 14);
-}
-
-TEST(ConstraintLayout, IntrinsicHeightIsAskedAtTheViewsWidth) {
-    std::optional<double> widthSeen;
-    const IntrinsicHeight measure = [&](const ViewDescription& v,
-                                        std::optional<double> width) -> std::optional<double> {
-        if (v.id == "text") widthSeen = width;
-        return v.kind == ViewKind::label ? std::optional<double>(10) : std::nullopt;
-    };
-    const LayoutResult r = solveLayout(columnWindow(), measure);
-    EXPECT_TRUE(r.problems.empty());
     ASSERT_TRUE(widthSeen.has_value());
     EXPECT_DOUBLE_EQ(*widthSeen, 360);
 }
@@ -106,6 +100,9 @@ TEST(ConstraintLayout, ReportsWhatItCannotPlaceOrSatisfy) {
     d.constraints.push_back(pin("loose", Anchor::top, "container", Anchor::top));
     d.constraints.push_back(pin("ghost", Anchor::top, "container", Anchor::top));
     d.constraints.push_back(fixed("icon", Anchor::width, 80));  // the icon is 64 wide already
+    // A top edge cannot give way.
+    d.constraints.push_back(
+        pin("text", Anchor::top, "container", Anchor::top, 0, Relation::lessThanOrEqual));
     const LayoutResult r = solveLayout(d, heights(40, 14));
 
     auto mentions = [&](const std::string& text) {
@@ -115,7 +112,8 @@ TEST(ConstraintLayout, ReportsWhatItCannotPlaceOrSatisfy) {
     EXPECT_TRUE(mentions("\"loose\" is not fully placed"));
     EXPECT_TRUE(mentions("ghost"));
     EXPECT_TRUE(mentions("constraint 18 (icon.width = 80"));
-    EXPECT_EQ(r.problems.size(), 3U);
+    EXPECT_TRUE(mentions("cannot be met"));
+    EXPECT_EQ(r.problems.size(), 4U);
     // What could be placed still is.
     expectFrame(r.frames.at("icon"), 168, 20, 64, 64);
     EXPECT_DOUBLE_EQ(r.frames.at("loose").y, 20);
@@ -140,16 +138,6 @@ TEST(ConstraintLayout, EqualitiesPropagateBackwardsToTheSecondView) {
     const LayoutResult r = solveLayout(d, nullptr);
     EXPECT_TRUE(r.problems.empty());
     expectFrame(r.frames.at("b"), 64, 15, 136, 85);
-}
-
-TEST(ConstraintLayout, UnsatisfiableUpperBoundIsReported) {
-    WindowDescription d = columnWindow();
-    // A top edge cannot give way.
-    d.constraints.push_back(
-        pin("text", Anchor::top, "container", Anchor::top, 0, Relation::lessThanOrEqual));
-    const LayoutResult r = solveLayout(d, heights(40, 14));
-    ASSERT_EQ(r.problems.size(), 1U);
-    EXPECT_NE(r.problems[0].find("cannot be met"), std::string::npos);
 }
 
 }  // namespace

@@ -49,11 +49,8 @@ protected:
     RecordingFileManager manager{files, defaults, dates, factory, display, picker};
 };
 
-// ---- naming and folders ------------------------------------------------------------------------
-
-TEST_F(FileManagerTest, NamesTheFileByTheStartSecondInTheDefaultFolder) {
-    const auto url = manager.generateOutputURL();
-    EXPECT_EQ(url, kDefaultPath);
+TEST_F(FileManagerTest, NamesTheFileByTheStartSecondAndCreatesTheDefaultFolderEveryTime) {
+    EXPECT_EQ(manager.generateOutputURL(), kDefaultPath);
     ASSERT_EQ(dates.requests().size(), 1u);
     EXPECT_EQ(dates.requests()[0].pattern, "yyyy-MM-dd_HH-mm-ss");
     EXPECT_EQ(dates.requests()[0].date, dates.now());
@@ -61,25 +58,27 @@ TEST_F(FileManagerTest, NamesTheFileByTheStartSecondInTheDefaultFolder) {
     EXPECT_EQ(files.createDirectoryCalls()[0].path, kDefaultFolder);
     EXPECT_TRUE(files.createDirectoryCalls()[0].intermediates);
     EXPECT_TRUE(files.directoryExists(kDefaultFolder));
-    EXPECT_EQ(log.lines(), Strings{"Created directory: " + kDefaultFolder});
-}
-
-TEST_F(FileManagerTest, DefaultFolderIsCreatedAndLoggedAtEveryRecording) {
-    files.addDirectory(kDefaultFolder);  // there already
+    // Already there: created and logged again at every recording.
     (void)manager.createAssetWriter(VideoQuality::medium);
     dates.setFormatted("2025-03-14_09-27-00");
     (void)manager.createAssetWriter(VideoQuality::medium);
-    EXPECT_EQ(log.count("Created directory: " + kDefaultFolder), 2u);
-    EXPECT_EQ(files.createDirectoryCalls().size(), 2u);
+    EXPECT_EQ(log.count("Created directory: " + kDefaultFolder), 3u);
+    EXPECT_EQ(files.createDirectoryCalls().size(), 3u);
 }
 
-TEST_F(FileManagerTest, CustomFolderIsUsedAsIsWithoutCreatingAnything) {
+TEST_F(FileManagerTest, CustomFolderIsUsedAsIsAndASettingOfTheWrongTypeReadsAsAbsent) {
     defaults.setURL("/media/videos", "customSaveLocation");
     EXPECT_EQ(manager.generateOutputURL(), "/media/videos/" + kFileName);
     defaults.setURL("/media/videos/", "customSaveLocation");
     EXPECT_EQ(manager.generateOutputURL(), "/media/videos/" + kFileName);
     EXPECT_TRUE(files.createDirectoryCalls().empty());
     EXPECT_TRUE(log.lines().empty());
+    using Value = FakeDefaultsStore::Value;
+    for (const Value& wrong :
+         {Value{std::string("/media/videos")}, Value{true}, Value{int64_t{42}}}) {
+        defaults.setRaw("customSaveLocation", wrong);
+        EXPECT_EQ(manager.generateOutputURL(), kDefaultPath);
+    }
 }
 
 TEST_F(FileManagerTest, CustomFolderThatNoLongerExistsFailsTheWriterCreation) {
@@ -89,7 +88,6 @@ TEST_F(FileManagerTest, CustomFolderThatNoLongerExistsFailsTheWriterCreation) {
     EXPECT_EQ(error.errorDescription(),
               "Failed to create video writer: The folder \u201C/media/gone\u201D doesn\u2019t "
               "exist.");
-    EXPECT_TRUE(files.createDirectoryCalls().empty());
     EXPECT_FALSE(files.directoryExists("/media/gone"));
     EXPECT_EQ(log.lines(),
               Strings{"Failed to create AVAssetWriter: Error Domain=NSCocoaErrorDomain Code=4 "
@@ -98,33 +96,18 @@ TEST_F(FileManagerTest, CustomFolderThatNoLongerExistsFailsTheWriterCreation) {
     EXPECT_EQ(manager.currentOutputURL(), "/media/gone/" + kFileName);
 }
 
-TEST_F(FileManagerTest, ASettingOfTheWrongTypeReadsAsAbsent) {
-    defaults.setRaw("customSaveLocation", std::string("/media/videos"));  // a string, not a URL
-    EXPECT_EQ(manager.generateOutputURL(), kDefaultPath);
-    defaults.setRaw("customSaveLocation", true);
-    EXPECT_EQ(manager.generateOutputURL(), kDefaultPath);
-    defaults.setRaw("customSaveLocation", int64_t{42});
-    EXPECT_EQ(manager.generateOutputURL(), kDefaultPath);
-}
-
-TEST_F(FileManagerTest, SameSecondNameCollisionReplacesTheOldFile) {
+TEST_F(FileManagerTest, SameSecondNameCollisionReplacesTheOldFileEvenIfRemovalFails) {
     (void)manager.createAssetWriter(VideoQuality::medium);
-    ASSERT_TRUE(files.fileContents(kDefaultPath).has_value());
     files.writeFile(kDefaultPath, "first recording");
-
-    auto second = manager.createAssetWriter(VideoQuality::medium);
+    (void)manager.createAssetWriter(VideoQuality::medium);
     EXPECT_EQ(files.removeCalls(), Strings{kDefaultPath});
     EXPECT_EQ(files.fileContents(kDefaultPath), "written by writer " + kDefaultPath);
     EXPECT_EQ(factory.requests().size(), 2u);
     EXPECT_EQ(factory.requests()[1].path, kDefaultPath);
-}
 
-TEST_F(FileManagerTest, AFailedRemovalOfTheOldFileIsIgnored) {
-    files.addDirectory(kDefaultFolder);
-    files.writeFile(kDefaultPath, "locked");
     files.setRemoveError(PlatformError{"NSCocoaErrorDomain", 513, "No permission."});
     EXPECT_NO_THROW((void)manager.createAssetWriter(VideoQuality::medium));
-    EXPECT_EQ(files.removeCalls(), Strings{kDefaultPath});
+    EXPECT_EQ(files.removeCalls().size(), 2u);
     EXPECT_EQ(log.countPrefix("Failed"), 0u);
 }
 
@@ -132,27 +115,11 @@ TEST_F(FileManagerTest, NoDocumentsFolderGivesNoURLAndUrlCreationFailed) {
     files.setDocumentsDirectory(std::nullopt);
     EXPECT_EQ(manager.generateOutputURL(), std::nullopt);
     log.clear();
-    const auto error = createFails();
-    EXPECT_EQ(error.kind(), RecordingFileManagerError::Kind::urlCreationFailed);
+    EXPECT_EQ(createFails().kind(), RecordingFileManagerError::Kind::urlCreationFailed);
     EXPECT_EQ(manager.currentOutputURL(), std::nullopt);
     EXPECT_TRUE(factory.requests().empty());
     EXPECT_EQ(log.lines(), Strings{"No Documents folder found for recordings"});
 }
-
-TEST_F(FileManagerTest, AFolderThatCannotBeCreatedIsLoggedAndTheWriterDecides) {
-    files.setCreateDirectoryError(
-        PlatformError{"NSCocoaErrorDomain", 513, "You don\u2019t have permission."});
-    EXPECT_EQ(manager.generateOutputURL(), kDefaultPath);
-    EXPECT_EQ(log.lines(),
-              Strings{"Failed to create directory: Error Domain=NSCocoaErrorDomain Code=513 "
-                      "\"You don\u2019t have permission.\""});
-    log.clear();
-    const auto error = createFails();
-    EXPECT_EQ(error.kind(), RecordingFileManagerError::Kind::writerCreationFailed);
-    EXPECT_EQ(log.countPrefix("Failed to create AVAssetWriter: "), 1u);
-}
-
-// ---- the writer --------------------------------------------------------------------------------
 
 TEST_F(FileManagerTest, PreparesAndStartsTheWriterInOrder) {
     auto bundle = manager.createAssetWriter(VideoQuality::medium);
@@ -161,18 +128,12 @@ TEST_F(FileManagerTest, PreparesAndStartsTheWriterInOrder) {
                        "Created AVAssetWriter for: " + kDefaultPath, videoSettingsLine(1280, 720),
                        "AVAssetWriter started successfully"}));
     EXPECT_EQ(manager.currentOutputURL(), kDefaultPath);
-    ASSERT_EQ(factory.requests().size(), 1u);
-    EXPECT_EQ(factory.requests()[0].fileType, FileType::quickTimeMovie);
-
+    EXPECT_EQ(factory.requests().at(0).fileType, FileType::quickTimeMovie);
     auto writer = factory.lastWriter();
-    ASSERT_TRUE(writer);
-    EXPECT_EQ(bundle.writer, writer);
     EXPECT_EQ(writer->status(), AssetWriterStatus::writing);
     EXPECT_TRUE(writer->sessionStarts().empty());  // the timeline starts with the first sample
-    const auto inputs = writer->inputs();
-    ASSERT_EQ(inputs.size(), 2u);
-    EXPECT_EQ(inputs[0], bundle.videoInput);
-    EXPECT_EQ(inputs[1], bundle.audioInput);
+    EXPECT_EQ(writer->inputs(), (std::vector<std::shared_ptr<AssetWriterInput>>{
+                                    bundle.videoInput, bundle.audioInput}));
     EXPECT_EQ(bundle.videoInput->mediaType(), MediaType::video);
     EXPECT_EQ(bundle.audioInput->mediaType(), MediaType::audio);
     EXPECT_TRUE(factory.lastInput(MediaType::video)->expectsMediaDataInRealTime());
@@ -210,78 +171,55 @@ TEST_F(FileManagerTest, WriterSettingsOfEveryQuality) {
     EXPECT_EQ(video.height, 1080);
 }
 
-TEST_F(FileManagerTest, WriterThatCannotBeCreated) {
+TEST_F(FileManagerTest, WriterFailuresWithTheirLogLines) {
     factory.setMakeWriterError(PlatformError{"AVFoundationErrorDomain", -11800, "No room"});
-    const auto error = createFails();
-    EXPECT_EQ(error.kind(), RecordingFileManagerError::Kind::writerCreationFailed);
+    auto error = createFails();
     EXPECT_EQ(error.payload(), "No room");
     EXPECT_EQ(log.lines().back(),
               "Failed to create AVAssetWriter: Error Domain=AVFoundationErrorDomain "
               "Code=-11800 \"No room\"");
-}
+    factory.setMakeWriterError(std::nullopt);
 
-TEST_F(FileManagerTest, InputsTheWriterRefuses) {
     FakeWriterConfig config;
-    config.canAddVideoInput = false;
-    factory.setConfig(config);
-    EXPECT_EQ(createFails().kind(), RecordingFileManagerError::Kind::cannotAddVideoInput);
-    EXPECT_EQ(factory.lastWriter()->startWritingCalls(), 0);
-
-    config.canAddVideoInput = true;
-    config.canAddAudioInput = false;
+    config.canAddAudioInput = false;  // the video input went in, the writer never started
     factory.setConfig(config);
     EXPECT_EQ(createFails().kind(), RecordingFileManagerError::Kind::cannotAddAudioInput);
     EXPECT_EQ(factory.lastWriter()->inputs().size(), 1u);
     EXPECT_EQ(factory.lastWriter()->startWritingCalls(), 0);
-    EXPECT_EQ(manager.currentOutputURL(), kDefaultPath);
-}
 
-TEST_F(FileManagerTest, WriterThatDoesNotStart) {
-    FakeWriterConfig config;
+    config.canAddAudioInput = true;
     config.startWritingSucceeds = false;
     config.startWritingError = PlatformError{"AVFoundationErrorDomain", -11823, "Cannot Save"};
     factory.setConfig(config);
-    auto error = createFails();
-    EXPECT_EQ(error.kind(), RecordingFileManagerError::Kind::startWritingFailed);
+    error = createFails();
     EXPECT_EQ(error.errorDescription(), "Failed to start writing: Cannot Save");
-    auto lines = log.lines();
-    ASSERT_GE(lines.size(), 2u);
-    EXPECT_EQ(lines.end()[-2], "AVAssetWriter failed to start writing: Cannot Save");
-    EXPECT_EQ(lines.back(), "Writer status: 3");
-
+    EXPECT_EQ(log.lines().end()[-2], "AVAssetWriter failed to start writing: Cannot Save");
+    EXPECT_EQ(log.lines().back(), "Writer status: 3");
     config.startWritingError.reset();
     factory.setConfig(config);
-    error = createFails();
-    EXPECT_EQ(error.errorDescription(), "Failed to start writing: Unknown error");
+    EXPECT_EQ(createFails().errorDescription(), "Failed to start writing: Unknown error");
     EXPECT_EQ(log.lines().end()[-2], "AVAssetWriter failed to start writing: Unknown error");
 }
 
-// ---- the picker --------------------------------------------------------------------------------
-
-TEST_F(FileManagerTest, ChosenFolderIsStoredAndLogged) {
-    picker.setResult({1, "/media/videos"});
-    manager.chooseSaveLocation();
-    const auto shown = picker.shown();
-    ASSERT_EQ(shown.size(), 1u);
-    const auto& options = shown[0];
-    EXPECT_FALSE(options.canChooseFiles);
-    EXPECT_TRUE(options.canChooseDirectories);
-    EXPECT_FALSE(options.allowsMultipleSelection);
-    EXPECT_EQ(options.prompt, "Choose Save Location");
-    EXPECT_EQ(defaults.urlForKey("customSaveLocation"), "/media/videos");
-    EXPECT_EQ(log.lines(), Strings{"Save location set to: /media/videos"});
-    EXPECT_FALSE(files.directoryExists("/media/videos"));  // neither created nor tested
-    EXPECT_EQ(manager.generateOutputURL(), "/media/videos/" + kFileName);
-}
-
-TEST_F(FileManagerTest, CancelledPickerChangesNothing) {
-    defaults.setURL("/media/old", "customSaveLocation");
+TEST_F(FileManagerTest, ChosenFolderIsStoredAndLoggedACancelledPickerChangesNothing) {
     picker.setResult({0, "/media/new"});
     manager.chooseSaveLocation();
     picker.setResult({1, std::nullopt});
     manager.chooseSaveLocation();
-    EXPECT_EQ(defaults.urlForKey("customSaveLocation"), "/media/old");
+    EXPECT_EQ(defaults.urlForKey("customSaveLocation"), std::nullopt);
     EXPECT_TRUE(log.lines().empty());
+
+    picker.setResult({1, "/media/videos"});
+    manager.chooseSaveLocation();
+    const auto shown = picker.shown();
+    ASSERT_EQ(shown.size(), 3u);
+    EXPECT_FALSE(shown[2].canChooseFiles);
+    EXPECT_TRUE(shown[2].canChooseDirectories);
+    EXPECT_FALSE(shown[2].allowsMultipleSelection);
+    EXPECT_EQ(shown[2].prompt, "Choose Save Location");
+    EXPECT_EQ(defaults.urlForKey("customSaveLocation"), "/media/videos");
+    EXPECT_EQ(log.lines(), Strings{"Save location set to: /media/videos"});
+    EXPECT_FALSE(files.directoryExists("/media/videos"));  // neither created nor tested
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The screen-sized quality and the texts of the engine's errors. (The other option labels and
-// sizes show in the menu, placement and writer-settings tests.)
+// The screen-sized quality on nonsense display sizes and the texts of the engine's errors that
+// the recorder tests do not already show.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -12,79 +12,42 @@
 namespace gb {
 namespace {
 
-using fakes::FakeDisplayProvider;
-
-TEST(VideoQualityTest, ScreenResolutionFollowsTheMainDisplayInTruncatedPoints) {
-    FakeDisplayProvider display;
-    display.setSize(1470.0, 956.0);
-    EXPECT_EQ(resolution(VideoQuality::screenResolution, display), (Resolution{1470, 956}));
+TEST(VideoQualityTest, ScreenResolutionTruncatesAndStaysDefinedOnNonsense) {
+    fakes::FakeDisplayProvider display;
+    display.setSize(10240.9, 4320.2);
+    EXPECT_EQ(resolution(VideoQuality::screenResolution, display), (Resolution{10240, 4320}));
     EXPECT_EQ(displayName(VideoQuality::screenResolution, display),
-              "Current Screen Resolution (1470x956)");
-    display.setSize(10240, 4320);  // no digit grouping
-    EXPECT_EQ(displayName(VideoQuality::screenResolution, display),
-              "Current Screen Resolution (10240x4320)");
-
-    // Nonsense from the display stays defined (no overflowing conversion).
-    display.setSize(1e12, -1e12);
-    const auto r = resolution(VideoQuality::screenResolution, display);
-    EXPECT_EQ(r.width, std::numeric_limits<int32_t>::max());
-    EXPECT_EQ(r.height, std::numeric_limits<int32_t>::min());
+              "Current Screen Resolution (10240x4320)");  // no digit grouping
+    display.setSize(1e12, -1e12);                         // no overflowing conversion
+    EXPECT_EQ(
+        resolution(VideoQuality::screenResolution, display),
+        (Resolution{std::numeric_limits<int32_t>::max(), std::numeric_limits<int32_t>::min()}));
     display.setSize(std::nan(""), 720.7);
     EXPECT_EQ(resolution(VideoQuality::screenResolution, display), (Resolution{0, 720}));
 }
 
-// ---- errors ------------------------------------------------------------------------------------
-
-struct ErrorCase {
-    std::string description;
-    std::string caseText;
-};
-
-void expectError(const EngineError& error, const ErrorCase& expected) {
-    EXPECT_EQ(error.errorDescription(), expected.description);
-    EXPECT_EQ(error.localizedDescription(), expected.description);
-    EXPECT_STREQ(error.what(), expected.description.c_str());
-    EXPECT_EQ(error.caseDescription(), expected.caseText);
+void expectError(const EngineError& error, const std::string& description,
+                 const std::string& caseText) {
+    EXPECT_EQ(error.errorDescription(), description);
+    EXPECT_EQ(error.localizedDescription(), description);
+    EXPECT_STREQ(error.what(), description.c_str());
+    EXPECT_EQ(error.caseDescription(), caseText);
 }
 
-TEST(ErrorTextTest, ScreenRecorderErrors) {
-    using E = ScreenRecorderError;
-    expectError(E::permissionDenied("Microphone And Camera access required"),
-                {"Permission denied: Microphone And Camera access required",
-                 "permissionDenied(\"Microphone And Camera access required\")"});
-    expectError(E::setupFailed("x"), {"Setup failed: x", "setupFailed(\"x\")"});
-    expectError(E::recordingFailed("Failed to finalize recording: x"),
-                {"Recording failed: Failed to finalize recording: x",
-                 "recordingFailed(\"Failed to finalize recording: x\")"});
-    expectError(E::noDisplay(), {"No display found", "noDisplay"});
-    expectError(E::writerCreationFailed(),
-                {"Failed to create video writer", "writerCreationFailed"});
-    EXPECT_EQ(E::setupFailed("x").kind(), E::Kind::setupFailed);
-    EXPECT_EQ(E::setupFailed("x").payload(), "x");
+TEST(ErrorTextTest, DescriptionsAndCaseForms) {
+    expectError(ScreenRecorderError::noDisplay(), "No display found", "noDisplay");
+    expectError(RecordingFileManagerError::urlCreationFailed(), "Failed to create output URL",
+                "urlCreationFailed");
+    expectError(RecordingFileManagerError::cannotAddVideoInput(),
+                "Cannot add video input to writer", "cannotAddVideoInput");
+    expectError(RecordingFileManagerError::cannotAddAudioInput(),
+                "Cannot add audio input to writer", "cannotAddAudioInput");
+    // The payload is appended unchanged (an empty one keeps the blank) and quoted in the case.
+    expectError(ScreenRecorderError::setupFailed(""), "Setup failed: ", "setupFailed(\"\")");
+    expectError(CaptureSessionError::microphoneSetupFailed("  a \"b\"\\\n"),
+                "Microphone setup failed:   a \"b\"\\\n",
+                "microphoneSetupFailed(\"  a \\\"b\\\"\\\\\\n\")");
     EXPECT_STREQ(CancellationError().what(), "The operation was cancelled.");
-}
-
-TEST(ErrorTextTest, RecordingFileManagerErrors) {
-    using E = RecordingFileManagerError;
-    expectError(E::writerCreationFailed("no room"),
-                {"Failed to create video writer: no room", "writerCreationFailed(\"no room\")"});
-    expectError(E::startWritingFailed("Unknown error"), {"Failed to start writing: Unknown error",
-                                                         "startWritingFailed(\"Unknown error\")"});
-    expectError(E::urlCreationFailed(), {"Failed to create output URL", "urlCreationFailed"});
-    expectError(E::cannotAddVideoInput(),
-                {"Cannot add video input to writer", "cannotAddVideoInput"});
-    expectError(E::cannotAddAudioInput(),
-                {"Cannot add audio input to writer", "cannotAddAudioInput"});
-}
-
-TEST(ErrorTextTest, PayloadIsAppendedUnchangedAndQuotedInTheCaseForm) {
-    // An empty payload keeps the prefix's trailing blank; nothing is trimmed.
-    EXPECT_EQ(ScreenRecorderError::setupFailed("").errorDescription(), "Setup failed: ");
-    EXPECT_EQ(CaptureSessionError::microphoneSetupFailed("  a \"b\"\n").errorDescription(),
-              "Microphone setup failed:   a \"b\"\n");
-    EXPECT_EQ(CaptureSessionError::microphoneSetupFailed("  a \"b\"\\\n").caseDescription(),
-              "microphoneSetupFailed(\"  a \\\"b\\\"\\\\\\n\")");
-    EXPECT_EQ(ScreenRecorderError::setupFailed("").caseDescription(), "setupFailed(\"\")");
 }
 
 }  // namespace

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "automation/system_events_scripts.h"
@@ -56,87 +56,72 @@ TEST(SystemEventsScriptTest, DecodesTextAndItsTwoEscapes) {
               U"é");
 }
 
-// Scripts that look almost right are refused, each with the line at fault.
-struct NearMiss {
-    const char* why;
-    std::string source;
-    int line;
-};
-
-void PrintTo(const NearMiss& miss, std::ostream* os) {
-    *os << miss.why;
-}
-
-class SystemEventsScriptRefusalTest : public testing::TestWithParam<NearMiss> {};
-
-TEST_P(SystemEventsScriptRefusalTest, IsRefusedWithTheLineAtFault) {
-    const NearMiss& miss = GetParam();
-    Result<std::vector<ScriptAction>> parsed = parseSystemEventsScript(miss.source);
-    ASSERT_FALSE(parsed.ok()) << miss.why;
-    EXPECT_EQ(parsed.error().domain, kScriptErrorDomain);
-    EXPECT_EQ(parsed.error().code, miss.line) << miss.why;
-    EXPECT_TRUE(parsed.error().localizedDescription.starts_with("Unsupported script"));
-}
-
 const std::string kPalette(scripts::kCommandPalette);
 const std::string kDetection(scripts::kTerminalDetection);
 
-INSTANTIATE_TEST_SUITE_P(
-    NearMisses, SystemEventsScriptRefusalTest,
-    testing::Values(
-        NearMiss{"empty", "", 0},
-        NearMiss{"other application", "tell application \"Finder\"\n    key code 36\nend tell", 1},
-        NearMiss{"application name in other case",
-                 "tell application \"system events\"\n    key code 36\nend tell", 1},
-        NearMiss{"other modifier", wrap(R"(keystroke "p" using {option down})"), 2},
-        NearMiss{"control is not command", wrap(R"(keystroke "p" using {control down})"), 2},
-        NearMiss{"one good one bad modifier",
-                 wrap(R"(keystroke "p" using {command down, option down})"), 2},
-        NearMiss{"modifier twice", wrap(R"(keystroke "p" using {shift down, shift down})"), 2},
-        NearMiss{"empty modifier list", wrap(R"(keystroke "p" using {})"), 2},
-        NearMiss{"modifier list without braces", wrap(R"(keystroke "p" using command down)"), 2},
-        NearMiss{"chord of two characters", wrap(R"(keystroke "pq" using {command down})"), 2},
-        NearMiss{"unterminated string", wrap(R"(keystroke "Toggle)"), 2},
-        NearMiss{"string ends in an escape", wrap(R"(keystroke "abc\")"), 2},
-        NearMiss{"unknown escape", wrap(R"(keystroke "a\nb")"), 2},
-        NearMiss{"control character", wrap("keystroke \"a\tb\""), 2},
-        NearMiss{"invalid UTF-8", wrap("keystroke \"\xC3\x28\""), 2},
-        NearMiss{"overlong UTF-8", wrap("keystroke \"\xC0\xAF\""), 2},
-        NearMiss{"text after the string", wrap(R"(keystroke "a" & "b")"), 2},
-        NearMiss{"unquoted keystroke", wrap("keystroke p"), 2},
-        NearMiss{"key code in hex", wrap("key code 0x24"), 2},
-        NearMiss{"key code with leading zero", wrap("key code 036"), 2},
-        NearMiss{"key code out of range", wrap("key code 128"), 2},
-        NearMiss{"key code missing", wrap("key code "), 2},
-        NearMiss{"key code with trailing blank", wrap("key code 36 "), 2},
-        NearMiss{"other command", wrap("do shell script \"rm -rf ~\""), 2},
-        NearMiss{"three-space indent",
-                 "tell application \"System Events\"\n   key code "
-                 "36\nend tell",
-                 2},
-        NearMiss{"five-space indent",
-                 "tell application \"System Events\"\n     key code "
-                 "36\nend tell",
-                 2},
-        NearMiss{"tab indent", "tell application \"System Events\"\n\tkey code 36\nend tell", 2},
-        NearMiss{"missing end tell", "tell application \"System Events\"\n    key code 36", 0},
-        NearMiss{"wrong end", "tell application \"System Events\"\n    key code 36\nend", 3},
-        NearMiss{"trailing line feed", kPalette + "\n", 0},
-        NearMiss{"extra line after end tell", kPalette + "\nkey code 36", 0},
-        NearMiss{"two actions",
-                 "tell application \"System Events\"\n    key code 36\n    key code "
-                 "36\nend tell",
-                 0},
-        NearMiss{"carriage returns",
-                 "tell application \"System Events\"\r\n    key code 36\r\nend tell", 1},
-        NearMiss{"terminal detection altered", kDetection.substr(0, kDetection.size() - 1), 0}));
+// Scripts that look almost right are refused, each with the line at fault.
+TEST(SystemEventsScriptTest, NearMissesAreRefusedWithTheLineAtFault) {
+    const struct {
+        const char* why;
+        std::string source;
+        int line;
+    } nearMisses[] = {
+        {"empty", "", 0},
+        {"other application", "tell application \"Finder\"\n    key code 36\nend tell", 1},
+        {"application name in other case",
+         "tell application \"system events\"\n    key code 36\nend tell", 1},
+        {"other modifier", wrap(R"(keystroke "p" using {option down})"), 2},
+        {"one good one bad modifier", wrap(R"(keystroke "p" using {command down, option down})"),
+         2},
+        {"modifier twice", wrap(R"(keystroke "p" using {shift down, shift down})"), 2},
+        {"empty modifier list", wrap(R"(keystroke "p" using {})"), 2},
+        {"modifier list without braces", wrap(R"(keystroke "p" using command down)"), 2},
+        {"chord of two characters", wrap(R"(keystroke "pq" using {command down})"), 2},
+        {"unterminated string", wrap(R"(keystroke "Toggle)"), 2},
+        {"string ends in an escape", wrap(R"(keystroke "abc\")"), 2},
+        {"unknown escape", wrap(R"(keystroke "a\nb")"), 2},
+        {"control character", wrap("keystroke \"a\tb\""), 2},
+        {"invalid UTF-8", wrap("keystroke \"\xC3\x28\""), 2},
+        {"overlong UTF-8", wrap("keystroke \"\xC0\xAF\""), 2},
+        {"text after the string", wrap(R"(keystroke "a" & "b")"), 2},
+        {"unquoted keystroke", wrap("keystroke p"), 2},
+        {"key code in hex", wrap("key code 0x24"), 2},
+        {"key code with leading zero", wrap("key code 036"), 2},
+        {"key code out of range", wrap("key code 128"), 2},
+        {"key code with trailing blank", wrap("key code 36 "), 2},
+        {"other command", wrap("do shell script \"rm -rf ~\""), 2},
+        {"three-space indent",
+         "tell application \"System Events\"\n   key code "
+         "36\nend tell",
+         2},
+        {"tab indent", "tell application \"System Events\"\n\tkey code 36\nend tell", 2},
+        {"missing end tell", "tell application \"System Events\"\n    key code 36", 0},
+        {"wrong end", "tell application \"System Events\"\n    key code 36\nend", 3},
+        {"trailing line feed", kPalette + "\n", 0},
+        {"extra line after end tell", kPalette + "\nkey code 36", 0},
+        {"two actions",
+         "tell application \"System Events\"\n    key code 36\n    key code "
+         "36\nend tell",
+         0},
+        {"carriage returns", "tell application \"System Events\"\r\n    key code 36\r\nend tell",
+         1},
+        {"terminal detection altered", kDetection.substr(0, kDetection.size() - 1), 0}};
+    for (const auto& miss : nearMisses) {
+        Result<std::vector<ScriptAction>> parsed = parseSystemEventsScript(miss.source);
+        ASSERT_FALSE(parsed.ok()) << miss.why;
+        EXPECT_EQ(parsed.error().domain, kScriptErrorDomain);
+        EXPECT_EQ(parsed.error().code, miss.line) << miss.why;
+        EXPECT_TRUE(parsed.error().localizedDescription.starts_with("Unsupported script"));
+    }
+}
 
 TEST(SystemEventsScriptTest, KnowsTheFiveKeyCodesOnly) {
-    EXPECT_EQ(namedKeyForKeyCode(36), NamedKey::returnKey);
-    EXPECT_EQ(namedKeyForKeyCode(53), NamedKey::escape);
-    EXPECT_EQ(namedKeyForKeyCode(49), NamedKey::space);
-    EXPECT_EQ(namedKeyForKeyCode(48), NamedKey::tab);
-    EXPECT_EQ(namedKeyForKeyCode(51), NamedKey::backspace);
+    const std::pair<int, NamedKey> known[] = {{36, NamedKey::returnKey},
+                                              {53, NamedKey::escape},
+                                              {49, NamedKey::space},
+                                              {48, NamedKey::tab},
+                                              {51, NamedKey::backspace}};
+    for (const auto& [code, key] : known) EXPECT_EQ(namedKeyForKeyCode(code), key) << code;
     for (int code : {0, 35, 37, 52, 117, 127}) EXPECT_FALSE(namedKeyForKeyCode(code)) << code;
 }
 
