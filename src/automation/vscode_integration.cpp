@@ -111,19 +111,15 @@ RunningApplicationRef VSCodeIntegration::findVSCode() {
 }
 
 bool VSCodeIntegration::enableScreencastMode(const CancellationToken& token) {
-    RunningApplicationRef editor = findVSCode();
-    if (!editor) {
-        logLine("VS Code not found");
-        return false;
-    }
-    if (!toggleSequence(editor, token)) return false;
-    std::lock_guard lock(mutex_);
-    screencastModeEnabled_ = true;
-    return true;
+    return toggleInto(true, token);
 }
 
 bool VSCodeIntegration::disableScreencastMode(const CancellationToken& token) {
     if (!screencastModeEnabled()) return true;
+    return toggleInto(false, token);
+}
+
+bool VSCodeIntegration::toggleInto(bool enabled, const CancellationToken& token) {
     RunningApplicationRef editor = findVSCode();
     if (!editor) {
         logLine("VS Code not found");
@@ -131,7 +127,7 @@ bool VSCodeIntegration::disableScreencastMode(const CancellationToken& token) {
     }
     if (!toggleSequence(editor, token)) return false;
     std::lock_guard lock(mutex_);
-    screencastModeEnabled_ = false;
+    screencastModeEnabled_ = enabled;
     return true;
 }
 

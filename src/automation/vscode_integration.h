@@ -79,6 +79,8 @@ private:
 
     [[nodiscard]] Services services() const;
     void setServices(const Services& services);
+    // Toggles the mode in the running editor; the flag only follows a complete sequence.
+    bool toggleInto(bool enabled, const CancellationToken& token);
     // Activation, pauses, palette, typed command and Return; true when every script ran.
     bool toggleSequence(const RunningApplicationRef& editor, const CancellationToken& token);
     void pause(std::chrono::nanoseconds duration, const CancellationToken& token);

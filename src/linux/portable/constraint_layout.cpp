@@ -166,19 +166,31 @@ private:
         return true;
     }
 
+    // The views a constraint relates and their anchors' values so far; a constraint without a
+    // second view relates its first one to 0. Nothing when a view is unknown.
+    struct Operands {
+        Placement* first;
+        Placement* second;
+        std::optional<double> firstValue;
+        std::optional<double> secondValue;
+    };
+    std::optional<Operands> operandsOf(const LayoutConstraint& c) {
+        Placement* first = find(c.firstView);
+        Placement* second = c.secondView.empty() ? nullptr : find(c.secondView);
+        if (first == nullptr || (!c.secondView.empty() && second == nullptr)) return std::nullopt;
+        return Operands{first, second, slot(*first, c.firstAnchor),
+                        second ? slot(*second, c.secondAnchor) : std::optional<double>(0.0)};
+    }
+
     bool propagateEqualities() {
         bool progressed = false;
         const auto& constraints = description_.constraints;
         for (size_t i = 0; i < constraints.size(); ++i) {
             const LayoutConstraint& c = constraints[i];
             if (c.relation != Relation::equal) continue;
-            Placement* first = find(c.firstView);
-            Placement* second = c.secondView.empty() ? nullptr : find(c.secondView);
-            if (first == nullptr || (!c.secondView.empty() && second == nullptr)) continue;
-
-            const std::optional<double> f = slot(*first, c.firstAnchor);
-            const std::optional<double> s =
-                second ? slot(*second, c.secondAnchor) : std::optional<double>(0.0);
+            const std::optional<Operands> o = operandsOf(c);
+            if (!o) continue;
+            const auto& [first, second, f, s] = *o;
             if (f && s) {
                 if (std::abs(*f - (*s + c.constant)) > kTolerance) {
                     reportOnce(i, describe(i, c) + " contradicts the constraints before it");
@@ -209,13 +221,9 @@ private:
         for (size_t i = 0; i < constraints.size(); ++i) {
             const LayoutConstraint& c = constraints[i];
             if (c.relation != Relation::lessThanOrEqual) continue;
-            Placement* first = find(c.firstView);
-            Placement* second = c.secondView.empty() ? nullptr : find(c.secondView);
-            if (first == nullptr || (!c.secondView.empty() && second == nullptr)) continue;
-
-            const std::optional<double> f = slot(*first, c.firstAnchor);
-            const std::optional<double> s =
-                second ? slot(*second, c.secondAnchor) : std::optional<double>(0.0);
+            const std::optional<Operands> o = operandsOf(c);
+            if (!o) continue;
+            const auto& [first, second, f, s] = *o;
             if (!f || !s) {
                 reportOnce(i, describe(i, c) + " bounds an edge that nothing places");
                 continue;
