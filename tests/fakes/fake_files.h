@@ -74,10 +74,6 @@ public:
     void setRemoveError(std::optional<PlatformError> error) {
         lockedSet(mutex_, removeError_, std::move(error));
     }
-    void addDirectory(const std::string& path) {
-        std::lock_guard lock(mutex_);
-        directories_.insert(path);
-    }
     // Writes a file; `contents` tells files apart (e.g. which recording wrote it).
     void writeFile(const std::string& path, std::string contents = {}) {
         std::lock_guard lock(mutex_);
@@ -150,12 +146,6 @@ public:
     void setRaw(const std::string& key, Value value) {
         std::lock_guard lock(mutex_);
         values_[key] = std::move(value);
-    }
-    [[nodiscard]] std::optional<Value> raw(const std::string& key) const {
-        std::lock_guard lock(mutex_);
-        const auto it = values_.find(key);
-        if (it == values_.end()) return std::nullopt;
-        return it->second;
     }
 
 private:

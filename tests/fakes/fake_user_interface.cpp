@@ -54,10 +54,8 @@ void FakeStatusItem::record(std::string event) {
 
 std::optional<SymbolImage> FakeStatusItem::lookupSymbol(
     const std::string& name, const std::string& accessibilityDescription) {
-    SymbolImage symbol{name, accessibilityDescription};
-    symbolLookups.push_back(symbol);
     if (unavailableSymbols.contains(name)) return std::nullopt;
-    return symbol;
+    return SymbolImage{name, accessibilityDescription};
 }
 
 void FakeStatusItem::setImage(const std::optional<SymbolImage>& newImage) {
@@ -120,7 +118,6 @@ bool FakeStatusItem::choose(const std::vector<std::string>& titlePath) {
 std::shared_ptr<StatusItem> FakeStatusBar::makeStatusItem() {
     auto item = std::make_shared<FakeStatusItem>();
     item->journal = journal;
-    item->withButton = itemsHaveButton;
     item->unavailableSymbols = unavailableSymbols;
     items.push_back(item);
     if (journal) journal->add("statusBar.makeStatusItem");
@@ -139,11 +136,10 @@ int FakeAlertPresenter::runModal(const AlertDescription& alert) {
     alerts.push_back(alert);
     if (journal) journal->add("alert " + alert.messageText);
     if (onAlert) onAlert(alert);
-    return pressedButton;
+    return 0;
 }
 
 void FakeNotificationCenter::requestAuthorization(std::function<void(bool granted)> completion) {
-    ++authorizationRequests;
     if (journal) journal->add("notifications.requestAuthorization");
     pendingAnswers_.push_back(std::move(completion));
 }

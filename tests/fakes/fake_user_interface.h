@@ -50,7 +50,7 @@ private:
 
 class FakeStatusItem final : public StatusItem {
 public:
-    bool hasButton() const override { return withButton; }
+    bool hasButton() const override { return true; }
     std::optional<SymbolImage> lookupSymbol(const std::string& name,
                                             const std::string& accessibilityDescription) override;
     void setImage(const std::optional<SymbolImage>& image) override;
@@ -67,9 +67,7 @@ public:
     [[nodiscard]] const std::vector<MenuEntry>& menu() const;
 
     CallLog* journal = nullptr;
-    bool withButton = true;
     std::set<std::string> unavailableSymbols;  // lookups of these names yield nothing
-    std::vector<SymbolImage> symbolLookups;
 
     // The button's state.
     std::optional<SymbolImage> image;
@@ -96,9 +94,7 @@ public:
     }
 
     CallLog* journal = nullptr;
-    // Settings for items made from now on.
-    bool itemsHaveButton = true;
-    std::set<std::string> unavailableSymbols;
+    std::set<std::string> unavailableSymbols;  // for items made from now on
     std::vector<std::shared_ptr<FakeStatusItem>> items;
 };
 
@@ -132,7 +128,6 @@ public:
 
     CallLog* journal = nullptr;
     std::vector<AlertDescription> alerts;
-    int pressedButton = 0;
     // Runs while the alert is "up", before runModal returns.
     std::function<void(const AlertDescription&)> onAlert;
 };
@@ -141,10 +136,9 @@ class FakeWorkspace final : public Workspace {
 public:
     bool openURL(const std::string& path) override {
         opened.push_back(path);
-        return opens;
+        return true;
     }
 
-    bool opens = true;
     std::vector<std::string> opened;
 };
 
@@ -157,7 +151,6 @@ public:
     void answerAuthorization(bool granted);
 
     CallLog* journal = nullptr;
-    int authorizationRequests = 0;
     std::vector<NotificationRequest> requests;
     // Runs after each request was recorded.
     std::function<void(const NotificationRequest&)> onAdd;

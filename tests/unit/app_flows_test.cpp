@@ -18,29 +18,18 @@ using testing::kStop;
 using testing::kVSCode;
 using testing::render;
 using testing::ShellHarness;
-using testing::submenu;
 
 using Lines = std::vector<std::string>;
 
-std::string checkedTitle(const std::vector<MenuEntry>& entries) {
-    for (const auto& e : entries)
-        if (e.checked) return e.title;
-    return {};
-}
-
-// A launched shell with the editor running and the automation on.
-void launchWithEditor(ShellHarness& h) {
-    h.enableAutomation();
-    h.finder.launch(kVSCode);
-    h.launch();
-}
-
 const Lines kIdleIcon{"statusItem.image video.circle", "statusItem.template true",
                       "statusItem.title "};
+Lines operator+(Lines a, const Lines& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+constexpr const char* kMenuUpdate = "Menu update - Recording state: false";
 
-// ---- recording options -----------------------------------------------------------------------
-
-TEST(OptionActions, SubmenuChoicesWriteTheirOptionLogAndRebuildTheMenu) {
+TEST(OptionActions, EachChoiceWritesEveryPlaceLogsAndRebuildsTheMenu) {
     ShellHarness h;
     h.launch();
     h.log.clear();
@@ -53,46 +42,33 @@ TEST(OptionActions, SubmenuChoicesWriteTheirOptionLogAndRebuildTheMenu) {
     h.choose({"Camera Position", "Top Left"});
     EXPECT_EQ(h.recorder().cameraPosition(), CameraPosition::topLeft);
     EXPECT_EQ(h.composer->cameraPosition(), CameraPosition::topLeft);
-
-    EXPECT_EQ(h.log.lines(),
-              (Lines{
-                  "Menu update - Recording state: false",
-                  "\U0001F4F7 Camera overlay preset changed to: Large (480\u00D7270)",
-                  "Menu update - Recording state: false",
-                  "\U0001F4CD Camera position changed to: Top Left",
-                  "Menu update - Recording state: false",
-              }));
     EXPECT_EQ(h.item().menus.size(), 4u);
-    EXPECT_EQ(checkedTitle(submenu(h.menu(), "Video Quality")), "Ultra (1440p)");
-    EXPECT_EQ(checkedTitle(submenu(h.menu(), "Camera Size")), "Large (480\u00D7270)");
-    EXPECT_EQ(checkedTitle(submenu(h.menu(), "Camera Position")), "Top Left");
-}
+    EXPECT_EQ(h.checked("Video Quality"), "Ultra (1440p)");
+    EXPECT_EQ(h.checked("Camera Size"), "Large (480\u00D7270)");
+    EXPECT_EQ(h.checked("Camera Position"), "Top Left");
 
-TEST(OptionActions, TogglesWriteEveryPlaceLogOldToNewAndRebuildTheMenu) {
-    ShellHarness h;
-    h.launch();
     for (const bool on : {false, true}) {
-        h.log.clear();
         h.choose({"Camera Overlay"});
         EXPECT_EQ(h.recorder().cameraOverlayEnabled(), on);
         EXPECT_EQ(h.capture->cameraOverlayEnabled(), on);
         EXPECT_EQ(h.composer->cameraOverlayEnabled(), on);
-        EXPECT_EQ(h.log.lines(), (Lines{on ? "\U0001F4F7 Camera overlay toggled: false \u2192 true"
-                                           : "\U0001F4F7 Camera overlay toggled: true \u2192 false",
-                                        on ? "\u2705 Camera overlay is now ENABLED"
-                                           : "\u274C Camera overlay is now DISABLED",
-                                        "Menu update - Recording state: false"}));
         EXPECT_EQ(render(h.menu())[3], on ? "\u2713 Camera Overlay" : "Camera Overlay");
     }
     for (const bool on : {true, false}) {
-        h.log.clear();
         h.choose({"VS Code Automation"});
         EXPECT_EQ(h.defaults.boolForKey(AppDelegate::kVSCodeAutomationEnabledKey), on);
         EXPECT_EQ(render(h.menu())[7], on ? "\u2713 VS Code Automation" : "VS Code Automation");
-        EXPECT_EQ(h.log.lines(), (Lines{on ? "\U0001F527 VS Code automation enabled"
-                                           : "\U0001F527 VS Code automation disabled",
-                                        "Menu update - Recording state: false"}));
     }
+    EXPECT_EQ(
+        h.log.lines(),
+        (Lines{kMenuUpdate, "\U0001F4F7 Camera overlay preset changed to: Large (480\u00D7270)",
+               kMenuUpdate, "\U0001F4CD Camera position changed to: Top Left", kMenuUpdate,
+               "\U0001F4F7 Camera overlay toggled: true \u2192 false",
+               "\u274C Camera overlay is now DISABLED", kMenuUpdate,
+               "\U0001F4F7 Camera overlay toggled: false \u2192 true",
+               "\u2705 Camera overlay is now ENABLED", kMenuUpdate,
+               "\U0001F527 VS Code automation enabled", kMenuUpdate,
+               "\U0001F527 VS Code automation disabled", kMenuUpdate}));
 }
 
 TEST(OptionActions, EntriesWithoutAValueOfTheirTypeDoNothing) {
@@ -100,21 +76,18 @@ TEST(OptionActions, EntriesWithoutAValueOfTheirTypeDoNothing) {
     h.launch();
     h.log.clear();
     const auto before = h.item().events.size();
-    MenuEntry empty;
-    MenuEntry position;
-    position.value = CameraPosition::topLeft;
-    MenuEntry quality;
-    quality.value = VideoQuality::medium;
-    MenuEntry text;
-    text.value = std::string("high");
-    for (const MenuEntry* e : {&empty, &text, &quality}) h.delegate->setCameraPosition(*e);
-    for (const MenuEntry* e : {&empty, &text, &position}) {
-        h.delegate->setVideoQuality(*e);
-        h.delegate->setCameraOverlayPreset(*e);
+    const auto entry = [](std::any value) {
+        MenuEntry e;
+        e.value = std::move(value);
+        return e;
+    };
+    const MenuEntry empty, text = entry(std::string("high"));
+    for (const MenuEntry& e : {empty, text, entry(VideoQuality::medium)})
+        h.delegate->setCameraPosition(e);
+    for (const MenuEntry& e : {empty, text, entry(CameraPosition::topLeft)}) {
+        h.delegate->setVideoQuality(e);
+        h.delegate->setCameraOverlayPreset(e);
     }
-    MenuEntry routed;  // through the status item's routing, with no value
-    routed.action = MenuAction::setVideoQuality;
-    h.delegate->perform(routed);
 
     EXPECT_EQ(h.recorder().videoQuality(), VideoQuality::screenResolution);
     EXPECT_EQ(h.capture->cameraOverlayPreset(), CameraOverlayPreset::medium);
@@ -123,8 +96,6 @@ TEST(OptionActions, EntriesWithoutAValueOfTheirTypeDoNothing) {
     EXPECT_TRUE(h.log.lines().empty());
     EXPECT_EQ(h.item().events.size(), before);
 }
-
-// ---- start flow ------------------------------------------------------------------------------
 
 TEST(StartStopFlow, WithAutomationOffLogInOrderAndCancelTheStartTaskAtTheStop) {
     ShellHarness h;
@@ -143,22 +114,17 @@ TEST(StartStopFlow, WithAutomationOffLogInOrderAndCancelTheStartTaskAtTheStop) {
 
     h.log.clear();
     h.choose({kStart});
-    // The action returns at once; the task runs later on the main queue.
     EXPECT_EQ(h.log.lines(), Lines{"Start recording button pressed"});
     ASSERT_TRUE(h.delegate->recordingTask().has_value());
     h.runAll();
-    auto lines = h.log.lines();
-    ASSERT_GE(lines.size(), 4u);
-    EXPECT_EQ(lines[3], "ScreenRecorder.startRecording() called");
     EXPECT_EQ(h.log.linesStartingWith({"Start recording", "About to start", "\U0001F527",
+                                       "ScreenRecorder.startRecording()",
                                        "Recording start completed", "AppDelegate."}),
-              (Lines{
-                  "Start recording button pressed",
-                  "About to start recording...",
-                  "\U0001F527 VS Code automation: Disabled - skipping screencast mode",
-                  "AppDelegate.recorderDidStart() called - Recording state: true",
-                  "Recording start completed. Current state: true",
-              }));
+              (Lines{"Start recording button pressed", "About to start recording...",
+                     "\U0001F527 VS Code automation: Disabled - skipping screencast mode",
+                     "ScreenRecorder.startRecording() called",
+                     "AppDelegate.recorderDidStart() called - Recording state: true",
+                     "Recording start completed. Current state: true"}));
     EXPECT_TRUE(h.runner.scripts().empty());
     EXPECT_TRUE(h.finder.queries().empty());
 
@@ -167,31 +133,26 @@ TEST(StartStopFlow, WithAutomationOffLogInOrderAndCancelTheStartTaskAtTheStop) {
     h.choose({kStop});
     EXPECT_TRUE(task.isCancelled());
     EXPECT_FALSE(h.recorder().isRecording());
-    lines = h.log.lines();
+    const auto lines = h.log.lines();
     ASSERT_GE(lines.size(), 3u);
     EXPECT_EQ(lines[0], "Stop recording button pressed");
     EXPECT_EQ(lines[1], "Stopping recording...");
     EXPECT_EQ(lines.back(),
               "\U0001F527 VS Code automation: Disabled - skipping screencast mode cleanup");
-    h.runAll();
-    EXPECT_TRUE(h.log.contains("Recording completed successfully"));
 }
 
-TEST(StartFlow, WithTheEditorRunningForcesHighQualityAndDoesNotWaitForTheEditor) {
+TEST(AutomationFlow, TheEditorIsSwitchedOnWithoutWaitingAndOffInTheBackground) {
     ShellHarness h;
-    h.display.setSize(1512, 982);
-    launchWithEditor(h);
+    h.enableAutomation();
+    h.launch();
     h.choose({"Video Quality", "Medium (720p)"});
     h.log.clear();
 
     h.choose({kStart});
     ASSERT_TRUE(h.dispatch.main.runOne());  // the start task up to its await
     EXPECT_EQ(h.recorder().videoQuality(), VideoQuality::high);
-    EXPECT_EQ(h.log.lines(), (Lines{
-                                 "Start recording button pressed",
-                                 "About to start recording...",
-                                 "\U0001F527 VS Code automation: Enabled screencast mode",
-                             }));
+    EXPECT_EQ(h.log.lines(), (Lines{"Start recording button pressed", "About to start recording...",
+                                    "\U0001F527 VS Code automation: Enabled screencast mode"}));
     // Only the terminal detection has run; the enable task waits on the background executor
     // beside the recorder's start.
     EXPECT_EQ(h.runner.scripts(), Lines{std::string(scripts::kTerminalDetection)});
@@ -203,63 +164,10 @@ TEST(StartFlow, WithTheEditorRunningForcesHighQualityAndDoesNotWaitForTheEditor)
     ASSERT_EQ(h.runner.scripts().size(), 4u);
     EXPECT_EQ(h.runner.scripts()[1], std::string(scripts::kCommandPalette));
     EXPECT_TRUE(h.recorder().isRecording());
-    auto videoInput = h.factory.lastInput(MediaType::video);
-    ASSERT_NE(videoInput, nullptr);
-    auto video = std::get<VideoOutputSettingsForWriter>(videoInput->outputSettings());
-    EXPECT_EQ(video.width, 1920);  // 1080p, not the screen's size
-    EXPECT_EQ(video.height, 1080);
-    EXPECT_EQ(checkedTitle(submenu(h.menu(), "Video Quality")), "High (1080p)");
+    EXPECT_EQ(h.checked("Video Quality"), "High (1080p)");
     EXPECT_EQ(h.finder.queries(), (Lines{kVSCode, kVSCode, kVSCode}));
-}
 
-TEST(StartFlow, WithTheEditorNotRunningTheQualityIsUntouched) {
-    ShellHarness h;
-    h.enableAutomation();
-    h.launch();
-    h.choose({kStart});
-    h.runAll();
-    EXPECT_EQ(h.recorder().videoQuality(), VideoQuality::screenResolution);
-    EXPECT_TRUE(h.log.contains("\U0001F527 VS Code automation: VS Code not running"));
-    EXPECT_FALSE(h.log.contains("\U0001F527 VS Code automation: Enabled screencast mode"));
-    EXPECT_TRUE(h.runner.scripts().empty());  // no terminal detection, no enable task
-    EXPECT_TRUE(h.recorder().isRecording());
-}
-
-TEST(StartFlow, AFailedStartEndsWithTheAlertOnly) {
-    ShellHarness h;
-    h.access.setAnswer(MediaType::audio, false);
-    h.access.setAnswer(MediaType::video, false);
-    h.launch();
-    h.calls.clear();
-    const size_t menusBefore = h.item().menus.size();
-
-    h.choose({kStart});
-    h.runAll();
-    Lines expected = kIdleIcon;
-    expected.push_back("alert Recording Failed");
-    expected.insert(expected.end(), kIdleIcon.begin(), kIdleIcon.end());
-    EXPECT_EQ(h.calls.calls(), expected);
-    ASSERT_EQ(h.alerts.alerts.size(), 1u);
-    const AlertDescription& alert = h.alerts.alerts[0];
-    EXPECT_EQ(alert.messageText, "Recording Failed");
-    EXPECT_EQ(alert.informativeText, "Permission denied: Microphone And Camera access required");
-    EXPECT_EQ(alert.style, AlertStyle::warning);
-    EXPECT_EQ(alert.buttons, Lines{"OK"});
-    EXPECT_TRUE(h.notifications.requests.empty());
-    EXPECT_EQ(h.item().menus.size(), menusBefore);
-    EXPECT_TRUE(h.log.contains("Recording start completed. Current state: false"));
-}
-
-// ---- stop flow -------------------------------------------------------------------------------
-
-TEST(StopFlow, WithAutomationOnSwitchesTheScreencastModeOffInTheBackground) {
-    ShellHarness h;
-    launchWithEditor(h);
-    h.choose({kStart});
-    h.runAll();
-    ASSERT_TRUE(h.vsCode.screencastModeEnabled());
     h.log.clear();
-
     h.choose({kStop});
     EXPECT_FALSE(h.log.contains("\U0001F527 VS Code automation: Disabled screencast mode"));
     h.runAll();
@@ -271,8 +179,7 @@ TEST(StopFlow, WithAutomationOnSwitchesTheScreencastModeOffInTheBackground) {
     EXPECT_EQ(std::count(sleeps.begin(), sleeps.end(), std::chrono::milliseconds(500)), 2);
 
     // Switched off during the next recording: the editor is left as it is.
-    h.choose({kStart});
-    h.runAll();
+    h.startThenRun();
     h.choose({"VS Code Automation"});
     h.choose({kStop});
     h.runAll();
@@ -281,7 +188,52 @@ TEST(StopFlow, WithAutomationOnSwitchesTheScreencastModeOffInTheBackground) {
     EXPECT_TRUE(h.vsCode.screencastModeEnabled());
 }
 
-// ---- a whole recording -----------------------------------------------------------------------
+TEST(StartFlow, WithTheEditorNotRunningTheQualityIsUntouched) {
+    ShellHarness h;
+    h.enableAutomation(false);
+    h.launch();
+    h.startThenRun();
+    EXPECT_EQ(h.recorder().videoQuality(), VideoQuality::screenResolution);
+    EXPECT_TRUE(h.log.contains("\U0001F527 VS Code automation: VS Code not running"));
+    EXPECT_FALSE(h.log.contains("\U0001F527 VS Code automation: Enabled screencast mode"));
+    EXPECT_TRUE(h.runner.scripts().empty());  // no terminal detection, no enable task
+    EXPECT_TRUE(h.recorder().isRecording());
+}
+
+TEST(Failures, AFailedStartOrFinishEndsWithTheAlertAndKeepsTheMenu) {
+    ShellHarness h;
+    h.access.setAnswer(MediaType::audio, false);
+    h.access.setAnswer(MediaType::video, false);
+    h.launch();
+    h.calls.clear();
+    const size_t menusBefore = h.item().menus.size();
+    h.startThenRun();
+    EXPECT_EQ(h.calls.calls(), kIdleIcon + Lines{"alert Recording Failed"} + kIdleIcon);
+    ASSERT_EQ(h.alerts.alerts.size(), 1u);
+    const AlertDescription& alert = h.alerts.alerts[0];
+    EXPECT_EQ(alert.informativeText, "Permission denied: Microphone And Camera access required");
+    EXPECT_EQ(alert.style, AlertStyle::warning);
+    EXPECT_EQ(alert.buttons, Lines{"OK"});
+    EXPECT_TRUE(h.notifications.requests.empty());
+    EXPECT_EQ(h.item().menus.size(), menusBefore);
+
+    fakes::FakeWriterConfig config;
+    config.finishStatus = AssetWriterStatus::failed;
+    config.finishError = PlatformError{"AVFoundationErrorDomain", -11800, "The disk is full."};
+    h.factory.setConfig(config);
+    h.access.setAnswer(MediaType::audio, true);
+    h.access.setAnswer(MediaType::video, true);
+    h.record();
+    ASSERT_EQ(h.alerts.alerts.size(), 2u);
+    EXPECT_EQ(h.alerts.alerts[1].messageText, "Recording Failed");
+    EXPECT_EQ(h.alerts.alerts[1].informativeText,
+              "Recording failed: Failed to finalize recording: The disk is full.");
+    ASSERT_EQ(h.notifications.requests.size(), 1u);  // only "Recording Started"
+    // The menu is not rebuilt for a failure; the icon shows the recorder's state.
+    EXPECT_EQ(h.menu()[0].title, kStop);
+    ASSERT_TRUE(h.item().image);
+    EXPECT_EQ(h.item().image->name, "video.circle");
+}
 
 TEST(Recording, IconMenuAndNotificationsFollowTheRecordersReportsForTwoRecordings) {
     ShellHarness h;
@@ -302,33 +254,17 @@ TEST(Recording, IconMenuAndNotificationsFollowTheRecordersReportsForTwoRecording
     h.runAll();
     const Lines recordingIcon{"statusItem.image record.circle.fill", "statusItem.template true",
                               "statusItem.title "};
-    Lines expected = recordingIcon;  // recorderDidStart
-    expected.push_back("statusItem.menu");
-    expected.push_back("notification Recording Started");
-    expected.insert(expected.end(), recordingIcon.begin(), recordingIcon.end());  // end of task
-    EXPECT_EQ(shellCalls(), expected);
-    EXPECT_EQ(h.menu()[0].title, kStop);
-
+    EXPECT_EQ(shellCalls(),
+              (recordingIcon + Lines{"statusItem.menu", "notification Recording Started"} +
+               recordingIcon));
     h.choose({kStop});
     h.runAll();
-    expected = {"writer.finishWriting"};
-    expected.insert(expected.end(), kIdleIcon.begin(), kIdleIcon.end());  // stop action
-    expected.insert(expected.end(), kIdleIcon.begin(), kIdleIcon.end());  // recorderDidStop
-    expected.push_back("statusItem.menu");
-    expected.push_back("notification Recording Saved");
-    EXPECT_EQ(shellCalls(), expected);
+    EXPECT_EQ(shellCalls(), (Lines{"writer.finishWriting"} + kIdleIcon + kIdleIcon +
+                             Lines{"statusItem.menu", "notification Recording Saved"}));
     EXPECT_EQ(h.menu()[0].title, kStart);
-
-    ASSERT_EQ(h.notifications.requests.size(), 2u);
-    EXPECT_EQ(h.notifications.requests[0].title, "Recording Started");
-    EXPECT_EQ(h.notifications.requests[0].body, "Glimmerbox recording in progress");
     EXPECT_TRUE(h.notifications.requests[0].defaultSound);
-    EXPECT_EQ(h.notifications.requests[1].title, "Recording Saved");
-    EXPECT_EQ(h.notifications.requests[1].body,
-              "Screencast saved to: glimmerbox-2025-03-14_09-26-53.mov");
     EXPECT_TRUE(h.alerts.alerts.empty());
 
-    // A second recording: four notifications, four distinct identifiers.
     h.dates.setFormatted("2025-03-14_09-30-00");
     h.record();
     ASSERT_EQ(h.notifications.requests.size(), 4u);
@@ -343,63 +279,6 @@ TEST(Recording, IconMenuAndNotificationsFollowTheRecordersReportsForTwoRecording
               "Screencast saved to: glimmerbox-2025-03-14_09-30-00.mov");
 }
 
-TEST(Recording, AFailedFinishShowsTheAlertAndKeepsTheMenu) {
-    ShellHarness h;
-    fakes::FakeWriterConfig config;
-    config.finishStatus = AssetWriterStatus::failed;
-    config.finishError = PlatformError{"AVFoundationErrorDomain", -11800, "The disk is full."};
-    h.factory.setConfig(config);
-    h.launch();
-    h.record();
-
-    ASSERT_EQ(h.alerts.alerts.size(), 1u);
-    EXPECT_EQ(h.alerts.alerts[0].messageText, "Recording Failed");
-    EXPECT_EQ(h.alerts.alerts[0].informativeText,
-              "Recording failed: Failed to finalize recording: The disk is full.");
-    ASSERT_EQ(h.notifications.requests.size(), 1u);  // only "Recording Started"
-    // The menu is not rebuilt for a failure; the icon shows the recorder's state.
-    EXPECT_EQ(h.menu()[0].title, kStop);
-    ASSERT_TRUE(h.item().image);
-    EXPECT_EQ(h.item().image->name, "video.circle");
-}
-
-TEST(Recording, ReportsKeepTheDelegateAliveUntilTheMainQueueRuns) {
-    ShellHarness h;
-    h.launch();
-    h.choose({kStart});
-    std::weak_ptr<AppDelegate> weak = h.delegate;
-    ASSERT_TRUE(h.dispatch.main.runOne());
-    h.dispatch.background.runPending();
-    auto recorder = h.delegate->recorder();
-    h.delegate.reset();
-    EXPECT_FALSE(weak.expired());
-    h.runAll();
-    EXPECT_EQ(h.notifications.requests.size(), 1u);
-    EXPECT_TRUE(weak.expired());
-    recorder->stopRecording();
-    h.runAll();
-}
-
-// ---- automation failures never reach the user -------------------------------------------------
-
-TEST(Automation, ScriptRunnerErrorsNeitherThrowNorReachTheUser) {
-    for (const bool throws : {false, true}) {
-        SCOPED_TRACE(throws ? "runner throws" : "runner fails");
-        ShellHarness h;
-        h.runner.setResponder([throws](const std::string&) -> ScriptOutcome {
-            if (throws) throw std::runtime_error("System Events is gone");
-            return {ScriptOutcome::Kind::failed, "{NSAppleScriptErrorNumber = -600}"};
-        });
-        launchWithEditor(h);
-        ASSERT_NO_THROW(h.record());
-        EXPECT_TRUE(h.alerts.alerts.empty());
-        ASSERT_EQ(h.notifications.requests.size(), 2u);
-        EXPECT_EQ(h.notifications.requests[1].title, "Recording Saved");
-        EXPECT_FALSE(h.vsCode.screencastModeEnabled());
-        EXPECT_TRUE(h.log.contains("\U0001F527 VS Code automation: Disabled screencast mode"));
-    }
-}
-
 class BrokenFinder final : public ApplicationFinder {
 public:
     std::vector<RunningApplicationRef> runningApplications(const std::string&) override {
@@ -407,22 +286,30 @@ public:
     }
 };
 
-TEST(Automation, ABrokenApplicationFinderDoesNotStopTheRecording) {
+TEST(Automation, ScriptRunnerAndFinderErrorsNeitherThrowNorReachTheUser) {
+    {
+        ShellHarness h;
+        h.runner.setResponder([](const std::string&) -> ScriptOutcome {
+            throw std::runtime_error("System Events is gone");
+        });
+        h.enableAutomation();
+        h.launch();
+        ASSERT_NO_THROW(h.record());
+        EXPECT_TRUE(h.alerts.alerts.empty());
+        EXPECT_EQ(h.notifications.requests.size(), 2u);
+        EXPECT_FALSE(h.vsCode.screencastModeEnabled());
+    }
     ShellHarness h;
     BrokenFinder broken;
     VSCodeIntegration vsCode(broken, h.runner, h.dispatch.sleeperImpl);
     h.enableAutomation();
-    h.delegate = std::make_shared<AppDelegate>(
-        h.platform(), [&h] { return h.makeRecorder(); }, vsCode);
-    h.delegate->applicationDidFinishLaunching();
+    h.launch(&vsCode);
     ASSERT_NO_THROW(h.record());
     EXPECT_TRUE(h.log.contains("\U0001F527 VS Code automation: start failed: no session bus"));
     EXPECT_TRUE(h.alerts.alerts.empty());
     EXPECT_EQ(h.notifications.requests.size(), 2u);
     h.delegate.reset();
 }
-
-// ---- settings, folders, About, quit ----------------------------------------------------------
 
 TEST(Settings, ValuesOfTheWrongTypeReadAsAbsent) {
     ShellHarness h;
@@ -434,8 +321,7 @@ TEST(Settings, ValuesOfTheWrongTypeReadAsAbsent) {
     EXPECT_EQ(render(h.menu())[9], "Saving to: Documents/Glimmerbox Recordings (disabled)");
     h.delegate->openRecordingsFolder();
     EXPECT_EQ(h.workspace.opened, Lines{"/home/user/Documents/Glimmerbox Recordings"});
-    h.choose({kStart});
-    h.runAll();
+    h.startThenRun();
     EXPECT_TRUE(
         h.log.contains("\U0001F527 VS Code automation: Disabled - skipping screencast mode"));
     EXPECT_TRUE(h.runner.scripts().empty());
@@ -474,30 +360,25 @@ TEST(About, OneControllerServesEveryRequest) {
     EXPECT_EQ(h.delegate->aboutWindow(), first);
     EXPECT_EQ(h.windows.makeWindowCount(), 1u);
     EXPECT_EQ(h.windows.windows[0]->showCount, 2);
-    EXPECT_EQ(h.windows.windows[0]->level, 3);
     EXPECT_EQ(h.application.count("activateIgnoringOtherApps"), 2u);
 }
 
 TEST(Quit, WhileRecordingStopsTheRecorderThenTerminatesAndWhileIdleAtOnce) {
     ShellHarness h;
-    launchWithEditor(h);
+    h.enableAutomation();
+    h.launch();
     h.calls.clear();
-    h.log.clear();
     h.choose({"Quit Glimmerbox"});
     EXPECT_EQ(h.calls.calls(), Lines{"application.terminate"});
-    EXPECT_TRUE(h.log.lines().empty());
 
-    h.choose({kStart});
-    h.runAll();
+    h.startThenRun();
     const size_t scriptsBefore = h.runner.scripts().size();
     h.calls.clear();
-    h.log.clear();
     h.choose({"Quit Glimmerbox"});
     auto calls = h.calls.calls();
     ASSERT_FALSE(calls.empty());
     EXPECT_EQ(calls.back(), "application.terminate");
     EXPECT_NE(std::find(calls.begin(), calls.end(), "writer.finishWriting"), calls.end());
-    EXPECT_TRUE(h.log.contains("Stopping recording..."));
     // Quitting neither cancels the start task nor switches the editor back.
     EXPECT_FALSE(h.delegate->recordingTask()->isCancelled());
     h.runAll();

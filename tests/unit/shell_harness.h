@@ -27,11 +27,10 @@ struct ShellHarness : fakes::FakeShellPlatform {
         calls.add("recorder.create");
         return FakeEngine::makeRecorder(dispatch);
     }
-    AppDelegate::Platform platform() { return FakeShellPlatform::platform(dispatch); }
-
-    void launch() {
+    void launch(VSCodeIntegration* integration = nullptr) {
         delegate = std::make_shared<AppDelegate>(
-            platform(), [this] { return makeRecorder(); }, vsCode);
+            platform(dispatch), [this] { return makeRecorder(); },
+            integration ? *integration : vsCode);
         delegate->applicationDidFinishLaunching();
     }
 
@@ -42,14 +41,21 @@ struct ShellHarness : fakes::FakeShellPlatform {
         ASSERT_TRUE(item().choose(titlePath)) << "no menu entry " << titlePath.back();
     }
     void runAll() { dispatch.runAll(); }
-    void record() {
+    void startThenRun() {
         choose({kStart});
         runAll();
+    }
+    void record() {
+        startThenRun();
         choose({kStop});
         runAll();
     }
-
-    void enableAutomation() { defaults.setBool(true, AppDelegate::kVSCodeAutomationEnabledKey); }
+    // The automation on, and the editor running unless told otherwise.
+    void enableAutomation(bool editorRunning = true) {
+        defaults.setBool(true, AppDelegate::kVSCodeAutomationEnabledKey);
+        if (editorRunning) finder.launch(kVSCode);
+    }
+    [[nodiscard]] std::string checked(const std::string& submenuTitle);
 
     fakes::LogCapture log;
     fakes::FakeDispatch dispatch;
@@ -80,6 +86,13 @@ inline const std::vector<MenuEntry>& submenu(const std::vector<MenuEntry>& menu,
     for (const auto& e : menu)
         if (e.title == title && e.submenu) return *e.submenu;
     throw std::runtime_error("no submenu " + title);
+}
+
+// The title of the checked entry of a submenu ("" when none is).
+inline std::string ShellHarness::checked(const std::string& submenuTitle) {
+    for (const auto& e : submenu(menu(), submenuTitle))
+        if (e.checked) return e.title;
+    return {};
 }
 
 }  // namespace gb::testing
