@@ -35,40 +35,21 @@ namespace gb::fakes {
 
 struct FakeFrameSize {
     uint32_t type = V4L2_FRMSIZE_TYPE_DISCRETE;
-    uint32_t width = 0;  // discrete
-    uint32_t height = 0;
-    v4l2_frmsize_stepwise range{};  // stepwise or continuous
+    v4l2_frmsize_stepwise range{};  // discrete: only max_width and max_height count
 
     static FakeFrameSize discrete(uint32_t w, uint32_t h) {
-        FakeFrameSize s;
-        s.width = w;
-        s.height = h;
-        return s;
+        return {V4L2_FRMSIZE_TYPE_DISCRETE, {0, w, 0, 0, h, 0}};
     }
     static FakeFrameSize stepwise(uint32_t minW, uint32_t minH, uint32_t maxW, uint32_t maxH,
                                   uint32_t stepW, uint32_t stepH) {
-        FakeFrameSize s;
-        s.type = V4L2_FRMSIZE_TYPE_STEPWISE;
-        s.range = {minW, maxW, stepW, minH, maxH, stepH};
-        return s;
-    }
-    static FakeFrameSize continuous(uint32_t minW, uint32_t minH, uint32_t maxW, uint32_t maxH) {
-        FakeFrameSize s = stepwise(minW, minH, maxW, maxH, 1, 1);
-        s.type = V4L2_FRMSIZE_TYPE_CONTINUOUS;
-        return s;
-    }
-    [[nodiscard]] bool contains(uint32_t w, uint32_t h) const {
-        if (type == V4L2_FRMSIZE_TYPE_DISCRETE) return w == width && h == height;
-        const auto fits = [](uint32_t v, uint32_t min, uint32_t max, uint32_t step) {
-            return v >= min && v <= max && (step <= 1 || (v - min) % step == 0);
-        };
-        return fits(w, range.min_width, range.max_width, range.step_width) &&
-               fits(h, range.min_height, range.max_height, range.step_height);
+        return {V4L2_FRMSIZE_TYPE_STEPWISE, {minW, maxW, stepW, minH, maxH, stepH}};
     }
 };
 
 struct FakePixelFormat {
-    uint32_t fourcc = V4L2_PIX_FMT_YUYV;
+    FakePixelFormat(uint32_t fourcc, std::vector<FakeFrameSize> sizes)
+        : fourcc(fourcc), sizes(std::move(sizes)) {}
+    uint32_t fourcc;
     std::vector<FakeFrameSize> sizes;
     // Frame intervals per size; a size without an entry makes ENUM_FRAMEINTERVALS fail.
     std::map<std::pair<uint32_t, uint32_t>, std::vector<v4l2_fract>> intervals;
@@ -80,12 +61,12 @@ struct FakeV4l2Node {
     std::string busInfo = "usb-0000:00:14.0-1";
     uint32_t deviceCaps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
     int openErrno = 0;  // open() fails with this when set
-    std::vector<FakePixelFormat> formats;
-    uint32_t currentFourcc = V4L2_PIX_FMT_YUYV;  // what VIDIOC_G_FMT answers
+    std::vector<FakePixelFormat> formats{};
+    uint32_t currentFourcc = V4L2_PIX_FMT_YUYV;  // what VIDIOC_G_FMT answers; S_FMT sets it
     uint32_t currentWidth = 640;
     uint32_t currentHeight = 480;
     bool busy = false;                 // another program owns the capture queue
-    uint32_t bytesPerLinePadding = 0;  // extra bytes at the end of each packed row
+    uint32_t bytesPerLinePadding = 0;  // extra bytes at the end of each YUYV row
 };
 
 class FakeV4l2 final : public linuxp::V4l2Calls {
@@ -94,7 +75,7 @@ public:
     FakeV4l2(const FakeV4l2&) = delete;
     FakeV4l2& operator=(const FakeV4l2&) = delete;
     ~FakeV4l2() override {
-        for (auto& [fd, state] : fds_) ::close(fd);
+        for (auto& [fd, nodePath] : fds_) ::close(fd);
     }
 
     // ---- scripting ----------------------------------------------------------------------------
@@ -111,10 +92,6 @@ public:
     void setBusy(const std::string& path, bool busy) {
         std::lock_guard lock(mutex_);
         nodes_.at(path).config.busy = busy;
-    }
-    void setOpenErrno(const std::string& path, int error) {
-        std::lock_guard lock(mutex_);
-        nodes_.at(path).config.openErrno = error;
     }
 
     // Hands a frame to the device. False when it was lost (not streaming, or no queued buffer).
@@ -139,8 +116,8 @@ public:
         Node& node = nodes_.at(path);
         node.gone = true;
         node.config.openErrno = ENODEV;
-        for (auto& [fd, state] : fds_) {
-            if (state.path == path) signal(fd);
+        for (auto& [fd, nodePath] : fds_) {
+            if (nodePath == path) signal(fd);
         }
     }
 
@@ -157,14 +134,10 @@ public:
         std::lock_guard lock(mutex_);
         return nodes_.at(path).streaming;
     }
-    // The last format set with VIDIOC_S_FMT, and the last interval with VIDIOC_S_PARM.
+    // The last format set with VIDIOC_S_FMT.
     [[nodiscard]] std::optional<v4l2_pix_format> lastSetFormat(const std::string& path) const {
         std::lock_guard lock(mutex_);
         return nodes_.at(path).lastSetFormat;
-    }
-    [[nodiscard]] std::optional<v4l2_fract> lastTimePerFrame(const std::string& path) const {
-        std::lock_guard lock(mutex_);
-        return nodes_.at(path).lastTimePerFrame;
     }
     // Waits until the capture has given back `count` buffers in all (VIDIOC_QBUF after DQBUF).
     bool waitForRequeues(const std::string& path, size_t count,
@@ -208,7 +181,7 @@ public:
         if (it->second.config.openErrno != 0) return fail(it->second.config.openErrno);
         const int fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE);
         if (fd < 0) return -1;
-        fds_[fd] = FdState{path};
+        fds_[fd] = path;
         return fd;
     }
 
@@ -216,7 +189,7 @@ public:
         std::lock_guard lock(mutex_);
         auto it = fds_.find(fd);
         if (it == fds_.end()) return fail(EBADF);
-        Node& node = nodes_.at(it->second.path);
+        Node& node = nodes_.at(it->second);
         if (node.owner == fd) releaseQueue(node);
         fds_.erase(it);
         ::close(fd);
@@ -227,7 +200,7 @@ public:
         std::lock_guard lock(mutex_);
         auto it = fds_.find(fd);
         if (it == fds_.end()) return fail(EBADF);
-        Node& node = nodes_.at(it->second.path);
+        Node& node = nodes_.at(it->second);
         if (node.gone) return fail(ENODEV);
         const FakeV4l2Node& c = node.config;
         switch (request) {
@@ -256,7 +229,7 @@ public:
                 const FakeFrameSize& size = f->sizes[s->index];
                 s->type = size.type;
                 if (size.type == V4L2_FRMSIZE_TYPE_DISCRETE) {
-                    s->discrete = {size.width, size.height};
+                    s->discrete = {size.range.max_width, size.range.max_height};
                 } else {
                     if (s->index != 0) return fail(EINVAL);
                     s->stepwise = size.range;
@@ -285,16 +258,16 @@ public:
                 auto* f = static_cast<v4l2_format*>(arg);
                 if (c.busy || (node.owner && *node.owner != fd)) return fail(EBUSY);
                 if (node.streaming) return fail(EBUSY);
-                applyFormat(node, f->fmt.pix);
+                // Taken as asked: the capture only asks for what the device listed.
+                node.config.currentFourcc = f->fmt.pix.pixelformat;
+                node.config.currentWidth = f->fmt.pix.width;
+                node.config.currentHeight = f->fmt.pix.height;
                 f->fmt.pix = currentFormat(node.config);
                 node.lastSetFormat = f->fmt.pix;
                 return 0;
             }
-            case VIDIOC_S_PARM: {
-                auto* p = static_cast<v4l2_streamparm*>(arg);
-                node.lastTimePerFrame = p->parm.capture.timeperframe;
+            case VIDIOC_S_PARM:
                 return 0;
-            }
             case VIDIOC_REQBUFS: {
                 auto* r = static_cast<v4l2_requestbuffers*>(arg);
                 if (r->memory != V4L2_MEMORY_MMAP) return fail(EINVAL);
@@ -360,7 +333,7 @@ public:
             errno = EBADF;
             return MAP_FAILED;
         }
-        Node& node = nodes_.at(it->second.path);
+        Node& node = nodes_.at(it->second);
         const auto index = static_cast<size_t>(offset) / kOffsetStep;
         if (node.owner != fd || index >= node.buffers.size() ||
             length > node.buffers[index]->size()) {
@@ -385,7 +358,7 @@ public:
         int result = 0;
         for (nfds_t i = 0; i < count; ++i) {
             auto it = fds_.find(fds[i].fd);
-            if (it != fds_.end() && nodes_.at(it->second.path).gone) {
+            if (it != fds_.end() && nodes_.at(it->second).gone) {
                 fds[i].revents |= POLLERR | POLLHUP;
             }
             if (fds[i].revents != 0) ++result;
@@ -412,10 +385,6 @@ private:
         bool streaming = false;
         size_t requeues = 0;
         std::optional<v4l2_pix_format> lastSetFormat;
-        std::optional<v4l2_fract> lastTimePerFrame;
-    };
-    struct FdState {
-        std::string path;
     };
 
     static int fail(int error) {
@@ -441,44 +410,19 @@ private:
         }
         return nullptr;
     }
-    static bool packed(uint32_t fourcc) {
-        return fourcc == V4L2_PIX_FMT_YUYV || fourcc == V4L2_PIX_FMT_UYVY;
-    }
     static v4l2_pix_format currentFormat(const FakeV4l2Node& c) {
         v4l2_pix_format pix{};
         pix.width = c.currentWidth;
         pix.height = c.currentHeight;
         pix.pixelformat = c.currentFourcc;
         pix.field = V4L2_FIELD_NONE;
-        if (packed(c.currentFourcc)) {
+        if (c.currentFourcc == V4L2_PIX_FMT_YUYV) {
             pix.bytesperline = c.currentWidth * 2 + c.bytesPerLinePadding;
             pix.sizeimage = pix.bytesperline * c.currentHeight;
         } else {
             pix.sizeimage = c.currentWidth * c.currentHeight * 2;
         }
         return pix;
-    }
-    // Like a driver: an unknown pixel format becomes the first one, an unknown size the first
-    // size of that format.
-    static void applyFormat(Node& node, const v4l2_pix_format& wanted) {
-        FakeV4l2Node& c = node.config;
-        if (c.formats.empty()) return;
-        const FakePixelFormat* f = findFormat(c, wanted.pixelformat);
-        if (!f) f = &c.formats.front();
-        c.currentFourcc = f->fourcc;
-        const bool sizeOffered = std::any_of(
-            f->sizes.begin(), f->sizes.end(),
-            [&](const FakeFrameSize& s) { return s.contains(wanted.width, wanted.height); });
-        if (sizeOffered) {
-            c.currentWidth = wanted.width;
-            c.currentHeight = wanted.height;
-        } else if (!f->sizes.empty()) {
-            const FakeFrameSize& first = f->sizes.front();
-            c.currentWidth =
-                first.type == V4L2_FRMSIZE_TYPE_DISCRETE ? first.width : first.range.max_width;
-            c.currentHeight =
-                first.type == V4L2_FRMSIZE_TYPE_DISCRETE ? first.height : first.range.max_height;
-        }
     }
     void stopStreaming(Node& node) {
         node.streaming = false;
@@ -494,10 +438,10 @@ private:
 
     mutable std::mutex mutex_;
     std::condition_variable requeued_;
-    std::map<std::string, Node> nodes_;                                // guarded by mutex_
-    std::vector<std::string> order_;                                   // guarded by mutex_
-    std::vector<linuxp::V4l2DeviceLink> links_;                        // guarded by mutex_
-    std::map<int, FdState> fds_;                                       // guarded by mutex_
+    std::map<std::string, Node> nodes_;          // guarded by mutex_
+    std::vector<std::string> order_;             // guarded by mutex_
+    std::vector<linuxp::V4l2DeviceLink> links_;  // guarded by mutex_
+    std::map<int, std::string> fds_;             // descriptor -> node path; guarded by mutex_
     std::map<void*, std::shared_ptr<std::vector<uint8_t>>> mappings_;  // guarded by mutex_
 };
 

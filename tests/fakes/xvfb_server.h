@@ -33,13 +33,16 @@ public:
     // ":N"
     [[nodiscard]] const std::string& displayName() const { return displayName_; }
     [[nodiscard]] pid_t pid() const;
-    // Ends the server now (SIGTERM, then SIGKILL if it lingers) and waits for it.
-    void kill();
+    // Kills the server and keeps its display number taken until this object goes, so that no
+    // other Xvfb (of a test running in parallel) answers under the same name meanwhile. False
+    // when another server got the number first.
+    [[nodiscard]] bool killKeepingTheDisplayNumber();
 
 private:
     XvfbServer(std::unique_ptr<ChildProcess> process, std::string displayName);
     std::unique_ptr<ChildProcess> process_;
     std::string displayName_;
+    int reservation_ = -1;  // a socket bound to the display's abstract address
 };
 
 }  // namespace gb::fakes

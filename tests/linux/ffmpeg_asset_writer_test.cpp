@@ -3,13 +3,11 @@
 // binary are in tests/e2e; these are the writer's own faults.
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -39,48 +37,28 @@ using namespace std::chrono_literals;
 
 constexpr int64_t kFrameNs = 33'333'333;
 
-struct CommandResult {
-    int exitCode = -1;
+// Exit code and output (with errors) of a shell command.
+std::pair<int, std::string> run(const std::string& command) {
     std::string output;
-};
-
-CommandResult run(const std::string& command) {
-    CommandResult result;
     FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) return result;
-    std::array<char, 4096> chunk{};
-    size_t n = 0;
-    while ((n = std::fread(chunk.data(), 1, chunk.size(), pipe)) > 0)
-        result.output.append(chunk.data(), n);
+    if (pipe == nullptr) return {-1, output};
+    for (int c = 0; (c = std::fgetc(pipe)) != EOF;) output.push_back(static_cast<char>(c));
     const int status = ::pclose(pipe);
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
 }
 
-// Decodes the whole file: exit code 0 and no output when it plays cleanly.
-CommandResult decode(const std::string& path) {
-    return run("ffmpeg -v error -i '" + path + "' -f null -");
+// Decodes the whole file; `quiet`: without a single complaint.
+void expectPlays(const std::string& path, bool quiet = true) {
+    const auto [exitCode, output] = run("ffmpeg -v error -i '" + path + "' -f null -");
+    EXPECT_EQ(exitCode, 0) << output;
+    EXPECT_TRUE(!quiet || output.empty()) << output;
 }
 
-// key=value lines of ffprobe's default writer, per stream (by codec_type).
-std::map<std::string, std::map<std::string, std::string>> probeStreams(const std::string& path) {
-    const auto r = run("ffprobe -v error -show_streams '" + path + "'");
-    std::map<std::string, std::map<std::string, std::string>> streams;
-    std::map<std::string, std::string> current;
-    std::istringstream lines(r.output);
-    for (std::string line; std::getline(lines, line);) {
-        if (line == "[/STREAM]") {
-            streams[current["codec_type"]] = current;
-            current.clear();
-        } else if (const auto eq = line.find('='); eq != std::string::npos) {
-            current[line.substr(0, eq)] = line.substr(eq + 1);
-        }
-    }
-    return streams;
-}
-
-double number(const std::map<std::string, std::string>& stream, const std::string& key) {
-    return std::atof(stream.at(key).c_str());
+// A value of the first stream of `type` ("v" or "a"), as ffprobe reports it.
+double streamValue(const std::string& path, const std::string& type, const std::string& key) {
+    return std::atof(run("ffprobe -v error -select_streams " + type +
+                         " -show_entries stream=" + key + " -of csv=p=0 '" + path + "'")
+                         .second.c_str());
 }
 
 // The earliest packet time and the end (pts + duration) of the last packet, per stream "v"/"a".
@@ -91,10 +69,10 @@ struct PacketSpan {
 std::map<std::string, PacketSpan> packetSpans(const std::string& path) {
     std::map<std::string, PacketSpan> spans;
     for (const std::string type : {"v", "a"}) {
-        const auto r =
-            run("ffprobe -v error -select_streams " + type +
-                " -show_entries packet=pts_time,duration_time -of csv=p=0 '" + path + "'");
-        std::istringstream lines(r.output);
+        std::istringstream lines(run("ffprobe -v error -select_streams " + type +
+                                     " -show_entries packet=pts_time,duration_time -of csv=p=0 '" +
+                                     path + "'")
+                                     .second);
         for (std::string line; std::getline(lines, line);) {
             double pts = 0, duration = 0;
             if (std::sscanf(line.c_str(), "%lf,%lf", &pts, &duration) < 1) continue;
@@ -105,27 +83,21 @@ std::map<std::string, PacketSpan> packetSpans(const std::string& path) {
     return spans;
 }
 
-// Top-level atom types of a QuickTime file.
-std::vector<std::string> topLevelAtoms(const std::string& path) {
-    std::vector<std::string> atoms;
+// Whether the QuickTime file has a top-level atom of this type.
+bool hasTopLevelAtom(const std::string& path, const std::string& type) {
     std::ifstream in(path, std::ios::binary);
     const uint64_t size = fs::file_size(path);
-    for (uint64_t offset = 0, atomSize = 0; offset + 8 <= size; offset += atomSize) {
-        in.seekg(static_cast<std::streamoff>(offset));
+    for (uint64_t offset = 0, atomSize = 8; atomSize >= 8 && offset + 8 <= size;
+         offset += atomSize) {
         unsigned char h[16] = {};
-        in.read(reinterpret_cast<char*>(h), 16);
-        atoms.emplace_back(reinterpret_cast<char*>(h + 4), 4);
+        in.seekg(static_cast<std::streamoff>(offset)).read(reinterpret_cast<char*>(h), 16);
+        if (std::string(reinterpret_cast<char*>(h + 4), 4) == type) return true;
         const bool large = h[0] == 0 && h[1] == 0 && h[2] == 0 && h[3] == 1;
         atomSize = 0;
         for (int i = large ? 8 : 0; i < (large ? 16 : 4); ++i) atomSize = (atomSize << 8) | h[i];
         if (atomSize == 0) atomSize = size - offset;  // to the end of the file
-        if (atomSize < 8) break;
     }
-    return atoms;
-}
-
-bool contains(const std::vector<std::string>& v, const std::string& s) {
-    return std::find(v.begin(), v.end(), s) != v.end();
+    return false;
 }
 
 // A colour gradient with a bright square that moves with the frame number.
@@ -146,11 +118,9 @@ SampleTiming at(int64_t ns) {
 
 bool waitUntilReady(const AssetWriterInput& input, std::chrono::milliseconds limit = 10s) {
     const auto until = std::chrono::steady_clock::now() + limit;
-    while (!input.isReadyForMoreMediaData()) {
-        if (std::chrono::steady_clock::now() > until) return false;
+    while (!input.isReadyForMoreMediaData() && std::chrono::steady_clock::now() < until)
         std::this_thread::sleep_for(1ms);
-    }
-    return true;
+    return input.isReadyForMoreMediaData();
 }
 
 VideoOutputSettingsForWriter videoSettings(int width, int height) {
@@ -193,7 +163,6 @@ struct Recording {
         r.writer = made.value();
         r.video = factory.makeInput(MediaType::video, videoSettings(width, height));
         r.audio = factory.makeInput(MediaType::audio, audioSettings());
-        EXPECT_TRUE(r.writer->canAddInput(r.video));
         r.writer->addInput(r.video);
         r.writer->addInput(r.audio);
         EXPECT_TRUE(r.writer->startWriting());
@@ -230,9 +199,6 @@ struct Recording {
         ASSERT_TRUE(waitUntilReady(*video));
         ASSERT_TRUE(video->append(SampleBuffer::video(std::move(picture), at(startNs + ns))));
     }
-    void feed(int frames, int width, int height, bool withAudio = true) {
-        for (int i = 0; i < frames; ++i) frame(i, makePicture(width, height, i), withAudio);
-    }
 
     int finish() {
         video->markAsFinished();
@@ -249,41 +215,6 @@ protected:
     fakes::LogCapture log_;
 };
 
-// Codecs, profiles and CAVLC of whole recordings are checked end to end (tests/e2e).
-TEST_F(FfmpegAssetWriterTest, CleanFinishIsAnIndexedPrivateMovieWhoseStreamsStartTogether) {
-    const std::string file = path();
-    Recording r = Recording::open(file, 1280, 720);
-    r.feed(90, 1280, 720);  // 3 s
-    EXPECT_EQ(r.finish(), 1);
-    EXPECT_EQ(r.writer->status(), AssetWriterStatus::completed);
-    EXPECT_FALSE(r.writer->error().has_value());
-    EXPECT_TRUE(log_.contains("Writer: 0 video frames dropped (queue full)"));
-
-    const auto streams = probeStreams(file);
-    ASSERT_EQ(streams.count("video"), 1u);
-    ASSERT_EQ(streams.count("audio"), 1u);
-    const auto& v = streams.at("video");
-    const auto& a = streams.at("audio");
-    EXPECT_EQ(v.at("codec_name") + " " + v.at("width") + "x" + v.at("height"), "h264 1280x720");
-    EXPECT_EQ(a.at("codec_name") + " " + a.at("sample_rate"), "aac 44100");
-    EXPECT_NEAR(number(v, "duration"), 3.0, 0.1);
-    EXPECT_NEAR(number(a, "duration"), 3.0, 0.1);
-    // The encoder's priming is hidden by the edit list.
-    EXPECT_NEAR(number(a, "start_time"), 0.0, 0.005);
-    EXPECT_NEAR(number(v, "start_time"), 0.0, 0.005);
-
-    // Indexed, no fragments or temporary file left, the user's only, and it plays cleanly.
-    const auto atoms = topLevelAtoms(file);
-    EXPECT_TRUE(contains(atoms, "moov"));
-    EXPECT_TRUE(contains(atoms, "mdat"));
-    EXPECT_FALSE(contains(atoms, "moof"));
-    EXPECT_FALSE(fs::exists(rewriteTemporaryPath(file)));
-    EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-    const auto decoded = decode(file);
-    EXPECT_EQ(decoded.exitCode, 0);
-    EXPECT_EQ(decoded.output, "");
-}
-
 TEST_F(FfmpegAssetWriterTest, LetterboxesFourByThreeWithPaddedRowsAndFollowsASizeChange) {
     const std::string file = path();
     Recording r = Recording::open(file, 1280, 720);
@@ -295,26 +226,17 @@ TEST_F(FfmpegAssetWriterTest, LetterboxesFourByThreeWithPaddedRowsAndFollowsASiz
     EXPECT_EQ(r.finish(), 1);
     ASSERT_EQ(r.writer->status(), AssetWriterStatus::completed);
     EXPECT_TRUE(log_.contains("Writer: letterboxing 640x480 frames into 1280x720"));
-    const auto decoded = decode(file);
-    EXPECT_EQ(decoded.exitCode, 0);
-    EXPECT_EQ(decoded.output, "");
-    EXPECT_EQ(std::atoi(run("ffprobe -v error -count_frames -select_streams v -show_entries "
-                            "stream=nb_read_frames -of csv=p=0 '" +
-                            file + "'")
-                            .output.c_str()),
-              30);
-
+    expectPlays(file);
+    EXPECT_NEAR(packetSpans(file).at("v").end, 1.0, 0.05);  // no frame lost at the size change
     // The picture spans x 160..1119 at full height; black bars left and right.
-    const auto frame =
-        run("ffmpeg -v error -i '" + file + "' -frames:v 1 -f rawvideo -pix_fmt gray -");
-    ASSERT_EQ(frame.output.size(), 1280u * 720u);
+    const std::string frame =
+        run("ffmpeg -v error -i '" + file + "' -frames:v 1 -f rawvideo -pix_fmt gray -").second;
+    ASSERT_EQ(frame.size(), 1280u * 720u);
     int wrong = 0;
-    for (int y = 0; y < 720; ++y) {
-        for (int x = 0; x < 1280; ++x) {
-            const int luma = static_cast<unsigned char>(frame.output[y * 1280 + x]);
-            if ((x <= 150 || x >= 1130) && luma >= 30) ++wrong;
-            if (x >= 172 && x <= 1107 && luma <= 220) ++wrong;
-        }
+    for (size_t i = 0; i < frame.size(); ++i) {
+        const size_t x = i % 1280;
+        const int luma = static_cast<unsigned char>(frame[i]);
+        wrong += ((x <= 150 || x >= 1130) && luma >= 30) || (x >= 172 && x <= 1107 && luma <= 220);
     }
     EXPECT_EQ(wrong, 0);
 }
@@ -326,17 +248,17 @@ TEST_F(FfmpegAssetWriterTest, AudioTrackSpansTheVideoWhenTheMicrophoneSkipsOrNev
         Recording r = Recording::open(file, 640, 360);
         r.gapAfterNs = 1'000'000'000;
         r.gapNs = 300'000'000;
-        r.feed(60, 640, 360, !silent);
+        for (int i = 0; i < 60; ++i) r.frame(i, makePicture(640, 360, i), !silent);
         EXPECT_EQ(r.finish(), 1);
-        const auto streams = probeStreams(file);
-        ASSERT_EQ(streams.count("audio"), 1u);
-        EXPECT_NEAR(number(streams.at("audio"), "duration"), 2.0, 0.06);
-        EXPECT_NEAR(number(streams.at("video"), "duration"), 2.0, 0.06);
+        EXPECT_NEAR(streamValue(file, "a", "duration"), 2.0, 0.06);
+        EXPECT_NEAR(streamValue(file, "v", "duration"), 2.0, 0.06);
     }
     EXPECT_EQ(log_.countPrefix("Writer: audio resynchronised: 300 ms of silence"), 1u);
 }
 
-TEST_F(FfmpegAssetWriterTest, StreamsKeepTheirPlaceOnTheTimelineWhenVideoStartsLate) {
+// Codecs, sizes, durations, 0600, letterboxing of full frames and a killed recording are checked
+// end to end (tests/e2e) through the binary.
+TEST_F(FfmpegAssetWriterTest, StreamsKeepTheirPlaceWhenVideoStartsLateFinishedOrNot) {
     const std::string growing = path("growing.mov");
     const std::string finished = path("finished.mov");
     for (const auto& file : {growing, finished}) {
@@ -345,18 +267,27 @@ TEST_F(FfmpegAssetWriterTest, StreamsKeepTheirPlaceOnTheTimelineWhenVideoStartsL
         for (int i = 30; i < 60; ++i) r.frame(i, makePicture(640, 360, i));
         if (file == finished) {
             EXPECT_EQ(r.finish(), 1);
+            EXPECT_EQ(r.writer->status(), AssetWriterStatus::completed);
+            EXPECT_FALSE(r.writer->error().has_value());
         }
-    }
-    // Fragmented (as a crash leaves it): the AAC priming starts at zero and everything else is
-    // shifted by it, so the sound still meets the pictures.
+    }  // the growing one is released unfinished: fragmented, as a crash leaves it
+    EXPECT_TRUE(log_.contains("Writer: 0 video frames dropped (queue full)"));
+    for (const auto& file : {growing, finished}) expectPlays(file);
+    EXPECT_TRUE(hasTopLevelAtom(growing, "moof"));
+    // The AAC priming starts at zero and everything else is shifted by it, so the sound still
+    // meets the pictures.
     const auto growingSpans = packetSpans(growing);
     EXPECT_NEAR(growingSpans.at("a").first, 0.0, 0.002);
     EXPECT_NEAR(growingSpans.at("v").first, 1.0 + 1024.0 / 44100.0, 0.002);
-    // Finished: audio at zero (priming hidden by the edit list), video one second in.
+    // Finished: indexed, not fragmented, no temporary file left, the user's only; audio at zero
+    // (priming hidden by the edit list), video one second in.
+    EXPECT_TRUE(hasTopLevelAtom(finished, "moov") && hasTopLevelAtom(finished, "mdat"));
+    EXPECT_FALSE(hasTopLevelAtom(finished, "moof"));
+    EXPECT_FALSE(fs::exists(rewriteTemporaryPath(finished)));
+    EXPECT_EQ(fs::status(finished).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     EXPECT_NEAR(packetSpans(finished).at("v").first, 1.0, 0.002);
-    const auto streams = probeStreams(finished);
-    EXPECT_NEAR(number(streams.at("video"), "start_time"), 1.0, 0.002);
-    EXPECT_NEAR(number(streams.at("audio"), "start_time"), 0.0, 0.002);
+    EXPECT_NEAR(streamValue(finished, "v", "start_time"), 1.0, 0.002);
+    EXPECT_NEAR(streamValue(finished, "a", "start_time"), 0.0, 0.002);
 }
 
 TEST_F(FfmpegAssetWriterTest, StatusAppendsAndEachCompletionRunOnceOnTheWritersThread) {
@@ -372,7 +303,6 @@ TEST_F(FfmpegAssetWriterTest, StatusAppendsAndEachCompletionRunOnceOnTheWritersT
     EXPECT_EQ(writer->status(), AssetWriterStatus::writing);
     EXPECT_FALSE(writer->startWriting());
     EXPECT_FALSE(writer->canAddInput(factory.makeInput(MediaType::audio, audioSettings())));
-
     const int64_t start = monotonicNanoseconds();
     const auto frame = [&](int i) {
         return SampleBuffer::video(makePicture(320, 240, i), at(start + i * kFrameNs));
@@ -387,28 +317,20 @@ TEST_F(FfmpegAssetWriterTest, StatusAppendsAndEachCompletionRunOnceOnTheWritersT
     video->markAsFinished();
     EXPECT_FALSE(video->isReadyForMoreMediaData());
     EXPECT_FALSE(video->append(frame(10)));
-
     std::promise<std::thread::id> thread;
     writer->finishWriting([&thread] { thread.set_value(std::this_thread::get_id()); });
     auto completedOn = thread.get_future();
     ASSERT_EQ(completedOn.wait_for(30s), std::future_status::ready);
     EXPECT_NE(completedOn.get(), std::this_thread::get_id());
     EXPECT_EQ(writer->status(), AssetWriterStatus::completed);
-    struct stat before {};
-    ASSERT_EQ(::stat(file.c_str(), &before), 0);
+    const auto written = fs::last_write_time(file);
     // A second finish only gets its completion called, once; the file is not rewritten.
     EXPECT_EQ(finishAndCountCompletions(*writer), 1);
-    struct stat after {};
-    ASSERT_EQ(::stat(file.c_str(), &after), 0);
-    EXPECT_EQ(before.st_ino, after.st_ino);
-    EXPECT_EQ(before.st_size, after.st_size);
-    EXPECT_EQ(writer->status(), AssetWriterStatus::completed);
+    EXPECT_EQ(fs::last_write_time(file), written);
 }
 
 TEST_F(FfmpegAssetWriterTest, NotReadyWhileTheEncoderIsBehindAndAppendThenFails) {
-    FfmpegWriterOptions options;
-    options.videoQueueCapacity = 2;
-    Recording r = Recording::open(path(), 1920, 1080, options);
+    Recording r = Recording::open(path(), 1920, 1080, {.videoQueueCapacity = 2});
     auto picture = makePicture(1920, 1080, 0);
     int refused = 0, notReady = 0;
     // Far faster than the encoder can go: the short queue fills at once.
@@ -439,33 +361,24 @@ TEST_F(FfmpegAssetWriterTest, MisuseAndBadSettingsFailWithAnError) {
     ASSERT_FALSE(notFolder.ok());
     EXPECT_NE(notFolder.error().localizedDescription.find("“" + (folder_ / "plain") + "”"),
               std::string::npos);
-
     auto unsupported = factory.makeWriter(path("zero.mov"), FileType::quickTimeMovie).value();
     unsupported->addInput(factory.makeInput(MediaType::video, videoSettings(0, 0)));
     EXPECT_FALSE(unsupported->startWriting());
     EXPECT_EQ(unsupported->status(), AssetWriterStatus::failed);
-    ASSERT_TRUE(unsupported->error().has_value());
-    EXPECT_NE(unsupported->error()->localizedDescription.find("unsupported"), std::string::npos);
-
+    EXPECT_TRUE(unsupported->error() && unsupported->error()->localizedDescription.find(
+                                            "unsupported") != std::string::npos);
     // Finished before it started: fails, and the completion still runs.
     auto unstarted = factory.makeWriter(path(), FileType::quickTimeMovie).value();
     EXPECT_EQ(finishAndCountCompletions(*unstarted), 1);
     EXPECT_EQ(unstarted->status(), AssetWriterStatus::failed);
-    ASSERT_TRUE(unstarted->error().has_value());
-    EXPECT_FALSE(unstarted->error()->localizedDescription.empty());
-}
-
-TEST_F(FfmpegAssetWriterTest, CompletionMayReleaseTheLastReferenceToTheWriter) {
-    FfmpegAssetWriterFactory factory;
-    auto writer = factory.makeWriter(path(), FileType::quickTimeMovie).value();
-    auto video = factory.makeInput(MediaType::video, videoSettings(320, 240));
-    writer->addInput(video);
+    EXPECT_TRUE(unstarted->error() && !unstarted->error()->localizedDescription.empty());
+    // The completion may drop the last reference to its writer.
+    auto writer = factory.makeWriter(path("last.mov"), FileType::quickTimeMovie).value();
+    writer->addInput(factory.makeInput(MediaType::video, videoSettings(320, 240)));
     ASSERT_TRUE(writer->startWriting());
     std::promise<void> done;
-    auto* raw = writer.get();
-    raw->finishWriting([keep = writer, &done]() mutable { done.set_value(); });
+    writer->finishWriting([keep = writer, &done]() mutable { done.set_value(); });
     writer.reset();
-    video.reset();
     ASSERT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
 }
 
@@ -478,9 +391,7 @@ TEST_F(FfmpegAssetWriterTest, FullDiskFailsTheRecordingButKeepsWhatWasWritten) {
         ::signal(SIGXFSZ, SIG_IGN);
         rlimit limit{400 * 1024, 400 * 1024};
         ::setrlimit(RLIMIT_FSIZE, &limit);
-        FfmpegWriterOptions options;
-        options.commitInterval = 200ms;
-        Recording r = Recording::open(file, 640, 360, options);
+        Recording r = Recording::open(file, 640, 360, {.commitInterval = 200ms});
         for (int i = 0; r.writer->status() == AssetWriterStatus::writing && i < 3000; ++i) {
             r.feedAudioUntil((i + 1) * kFrameNs);
             if (waitUntilReady(*r.video, 2s)) {
@@ -500,68 +411,9 @@ TEST_F(FfmpegAssetWriterTest, FullDiskFailsTheRecordingButKeepsWhatWasWritten) {
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0) << "the writer did not report the write failure";
-    // What was committed before the failure still plays.
     EXPECT_LE(fs::file_size(file), 400u * 1024);
-    const auto decoded = decode(file);
-    EXPECT_EQ(decoded.exitCode, 0) << decoded.output;
+    expectPlays(file, /*quiet=*/false);  // the cut-off end may be reported
     EXPECT_GT(packetSpans(file).at("v").end, 0.5);
-}
-
-TEST_F(FfmpegAssetWriterTest, KilledRecordingStillPlaysUpToItsLastSeconds) {
-    const std::string file = path();
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        ::close(ready[0]);
-        std::vector<PixelBufferRef> pictures;
-        for (int n = 0; n < 4; ++n) pictures.push_back(makePicture(1280, 720, n * 10));
-        Recording r = Recording::open(file, 1280, 720);
-        (void)!::write(ready[1], "x", 1);
-        // Like a capture: 30 ticks a second stamped with the clock, audio up to now, and a frame
-        // dropped whenever the writer is busy. Runs until killed.
-        for (int i = 1;; ++i) {
-            const int64_t wait = r.startNs + i * kFrameNs - monotonicNanoseconds();
-            if (wait > 0) std::this_thread::sleep_for(std::chrono::nanoseconds(wait));
-            const int64_t now = monotonicNanoseconds();
-            r.feedAudioUntil(now - r.startNs);
-            if (r.video->isReadyForMoreMediaData()) {
-                (void)r.video->append(SampleBuffer::video(pictures[i % 4], at(now)));
-            }
-        }
-    }
-    ::close(ready[1]);
-    char byte = 0;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    ::close(ready[0]);
-    const auto began = std::chrono::steady_clock::now();
-    std::this_thread::sleep_for(6s);
-    ::kill(child, SIGKILL);
-    const double diedAt =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status));
-
-    const auto decoded = decode(file);
-    EXPECT_EQ(decoded.exitCode, 0) << decoded.output;
-    // Everything up to two seconds before the kill is there.
-    const auto spans = packetSpans(file);
-    EXPECT_GE(spans.at("v").end, diedAt - 2.0) << "killed after " << diedAt << " s";
-    EXPECT_GE(spans.at("a").end, diedAt - 2.0) << "killed after " << diedAt << " s";
-}
-
-TEST_F(FfmpegAssetWriterTest, ReleasedUnfinishedWriterLeavesAPlayableFile) {
-    const std::string file = path();
-    {
-        Recording r = Recording::open(file, 640, 360);
-        r.feed(45, 640, 360);
-    }  // writer and inputs released without finishWriting
-    const auto decoded = decode(file);
-    EXPECT_EQ(decoded.exitCode, 0) << decoded.output;
-    EXPECT_GT(packetSpans(file).at("v").end, 1.0);
-    EXPECT_TRUE(contains(topLevelAtoms(file), "moof"));
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
-#include <algorithm>
 #include <condition_variable>
 #include <cstring>
 #include <fstream>
@@ -34,6 +33,7 @@ using fakes::ChildProcess;
 using fakes::LogCapture;
 using fakes::ScopedEnvironment;
 using fakes::TempDirectory;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -60,12 +60,8 @@ int freeLoopbackPort() {
 // sees a temporary home, never the user's.
 class PrivatePulseServer {
 public:
-    struct Config {
-        bool nullSink = true;
-        std::optional<int> cookieTcpPort;  // also listen on TCP, for clients with the cookie only
-    };
-
-    explicit PrivatePulseServer(Config config) {
+    // With `cookieTcpPort`, it also listens on TCP, for clients with the cookie only.
+    explicit PrivatePulseServer(bool nullSink = true, std::optional<int> cookieTcpPort = {}) {
         const std::string socket = dir_ / "native";
         address_ = "unix:" + socket;
         env_ = {{"HOME", dir_.path()},
@@ -84,22 +80,21 @@ public:
         std::vector<std::string> arguments(std::istream_iterator<std::string>(flags), {});
         arguments.insert(arguments.end(), {"-L", "module-native-protocol-unix socket=" + socket +
                                                      " auth-anonymous=1"});
-        if (config.nullSink) {
+        if (nullSink) {
             arguments.insert(arguments.end(), {"-L", "module-null-sink sink_name=gbtest", "-L",
                                                "module-always-sink"});
         }
-        if (config.cookieTcpPort) {
+        if (cookieTcpPort) {
             std::ofstream(dir_ / "server-cookie") << std::string(256, 'k');
-            arguments.insert(arguments.end(),
-                             {"-L", "module-native-protocol-tcp listen=127.0.0.1 port=" +
-                                        std::to_string(*config.cookieTcpPort) +
-                                        " auth-anonymous=0 auth-cookie=" +
-                                        (dir_ / "server-cookie") + " auth-cookie-enabled=1"});
+            arguments.insert(
+                arguments.end(),
+                {"-L", "module-native-protocol-tcp listen=127.0.0.1 port=" +
+                           std::to_string(*cookieTcpPort) + " auth-anonymous=0 auth-cookie=" +
+                           (dir_ / "server-cookie") + " auth-cookie-enabled=1"});
         }
         server_ = std::make_unique<ChildProcess>(arguments, childOptions("pulseaudio.log"));
         ready_ = fakes::eventually([&] { return pactl({"info"}) == 0; }, 10s);
-        if (ready_ && config.nullSink)
-            ready_ = pactl({"set-default-source", "gbtest.monitor"}) == 0;
+        if (ready_ && nullSink) ready_ = pactl({"set-default-source", "gbtest.monitor"}) == 0;
     }
 
     [[nodiscard]] bool ready() const { return ready_; }
@@ -133,39 +128,28 @@ private:
     bool ready_ = false;
 };
 
-// What the test keeps of one delivered sample (the sample itself goes back to the source's pool
-// at once, as it would from a well-behaved consumer).
+// What a source delivered, with the monotonic time of each arrival. The samples themselves go
+// back to the source's pool at once, as they would from a well-behaved consumer.
 struct Delivery {
-    bool floatStereo44k = false;  // audio, f32, 2 channels, 44.1 kHz, bytes matching the frames
-    int frames = 0;
+    int frames = -1;  // -1 unless f32 stereo 44.1 kHz audio with bytes matching its frames
     MediaTime duration;
     int64_t startNanoseconds = 0;
-    int64_t arrivalNanoseconds = 0;
+    int64_t arrivalNanoseconds = monotonicNanoseconds();
 };
-
-Delivery summarize(const SampleBufferRef& sample) {
-    Delivery d;
-    d.arrivalNanoseconds = monotonicNanoseconds();
-    d.duration = sample->timing().duration;
-    d.startNanoseconds = sample->presentationTime().nanoseconds();
-    const AudioBufferRef& audio = sample->audioBuffer();
-    if (sample->mediaType() != MediaType::audio || !audio) return d;
-    d.frames = audio->frameCount;
-    d.floatStereo44k = audio->format == AudioSampleFormat::f32 && audio->channels == 2 &&
-                       audio->sampleRate == kRate &&
-                       audio->data.size() == static_cast<size_t>(d.frames) * 2 * sizeof(float);
-    return d;
-}
-
-// What a source delivered, with the monotonic time of each arrival.
 class Collector {
 public:
     CaptureSource::Deliver deliver() {
         return [this](const SampleBufferRef& sample) {
-            const Delivery delivery = summarize(sample);
+            Delivery d{.duration = sample->timing().duration,
+                       .startNanoseconds = sample->presentationTime().nanoseconds()};
+            if (const AudioBufferRef& a = sample->audioBuffer();
+                a && a->format == AudioSampleFormat::f32 && a->channels == 2 &&
+                a->sampleRate == kRate && a->data.size() == size_t(a->frameCount) * 8) {
+                d.frames = a->frameCount;
+            }
             std::lock_guard lock(mutex_);
-            deliveries_.push_back(delivery);
-            seconds_ += delivery.duration.seconds();
+            deliveries_.push_back(d);
+            seconds_ += d.duration.seconds();
             arrived_.notify_all();
         };
     }
@@ -211,25 +195,21 @@ protected:
 };
 
 TEST_F(PulseMicrophoneTest, RecordsTheDefaultSourceInTimeAndStopsPromptly) {
-    PrivatePulseServer server({});
+    PrivatePulseServer server;
     ASSERT_TRUE(server.ready()) << server.log();
     const CaptureDeviceRef device = defaultPulseMicrophone();
     ASSERT_NE(device, nullptr) << server.log();
-    EXPECT_EQ(device->mediaType(), MediaType::audio);
     EXPECT_EQ(device->info().uniqueID, "gbtest.monitor");
     EXPECT_THAT(device->info().localizedName, StartsWith("Monitor of"));
     const auto input = inputOf(device);
     ASSERT_NE(input, nullptr);
     CaptureSource& source = fakes::sourceOf(input);
     source.stop();  // not started: nothing to do
-
     LogCapture logs;
     Collector collector;
     ASSERT_TRUE(source.start(collector.deliver()).ok());
     EXPECT_FALSE(source.start(collector.deliver()).ok());  // one recording at a time
-
     ASSERT_TRUE(collector.waitForSeconds(1.5, 10s));
-
     const int64_t stopStarted = monotonicNanoseconds();
     source.stop();
     EXPECT_LT(millisecondsSince(stopStarted), 500);
@@ -238,69 +218,38 @@ TEST_F(PulseMicrophoneTest, RecordsTheDefaultSourceInTimeAndStopsPromptly) {
     const auto deliveries = collector.deliveries();
     EXPECT_EQ(deliveries.size(), deliveredAtStop) << "delivered after stop() returned";
     ASSERT_GT(deliveries.size(), 20u);
-    EXPECT_EQ(logs.linesStartingWith({"Microphone capture stopped: "}),
-              std::vector<std::string>{
-                  "Microphone capture stopped: " + std::to_string(deliveries.size()) +
-                  " buffers delivered, 0 dropped"});
-
-    std::vector<int64_t> lags;
+    EXPECT_THAT(logs.linesStartingWith({"Microphone capture stopped: "}),
+                ElementsAre("Microphone capture stopped: " + std::to_string(deliveries.size()) +
+                            " buffers delivered, 0 dropped"));
     for (size_t i = 0; i < deliveries.size(); ++i) {
         const Delivery& d = deliveries[i];
-        ASSERT_TRUE(d.floatStereo44k) << i;
-        ASSERT_GT(d.frames, 0);
+        ASSERT_GT(d.frames, 0) << i;
         EXPECT_EQ(d.duration, MediaTime::make(d.frames, kRate));
         const int64_t end = d.startNanoseconds + d.duration.nanoseconds();
         if (i > 0) {
-            const Delivery& previous = deliveries[i - 1];
-            EXPECT_NEAR(static_cast<double>(d.startNanoseconds - previous.startNanoseconds -
-                                            previous.duration.nanoseconds()),
-                        0.0, 3e6)
-                << "gap at " << i;
+            const Delivery& p = deliveries[i - 1];
+            const int64_t gap = d.startNanoseconds - p.startNanoseconds - p.duration.nanoseconds();
+            EXPECT_LE(std::abs(gap), 3'000'000) << "gap at " << i;
         }
         // Recorded before it arrived. A little after is the timeline's smoothing, or a first
         // measurement taken late on a busy machine, being worked off.
         EXPECT_LE(end, d.arrivalNanoseconds + 20'000'000) << i;
-        lags.push_back(d.arrivalNanoseconds - end);
     }
-    // Typically it arrived soon after it was recorded (a busy machine may hold the capture
-    // thread up now and then, which delays a chunk but does not change its time stamp).
-    std::sort(lags.begin(), lags.end());
-    EXPECT_LT(lags[lags.size() / 2], 100'000'000);
-
-    // It records again after a stop; a second stop does nothing.
+    // It records again after a stop; a server that dies then ends the stream with one line.
     Collector again;
     ASSERT_TRUE(source.start(again.deliver()).ok());
-    EXPECT_TRUE(again.waitForSeconds(0.2, 5s));
-    source.stop();
-    source.stop();
-}
-
-TEST_F(PulseMicrophoneTest, AServerThatDiesEndsTheStreamWithOneLine) {
-    PrivatePulseServer server({});
-    ASSERT_TRUE(server.ready()) << server.log();
-    const auto device = defaultPulseMicrophone();
-    ASSERT_NE(device, nullptr);
-    const auto input = inputOf(device);
-    ASSERT_NE(input, nullptr);
-    CaptureSource& source = fakes::sourceOf(input);
-
-    LogCapture logs;
-    Collector collector;
-    ASSERT_TRUE(source.start(collector.deliver()).ok());
-    ASSERT_TRUE(collector.waitForSeconds(0.2, 5s));
+    ASSERT_TRUE(again.waitForSeconds(0.2, 5s));
     server.kill(SIGKILL);
-
     EXPECT_TRUE(logs.waitForContaining("⚠️ Microphone stream ended: ", 5s));
-    const size_t deliveredAfterDeath = collector.deliveries().size();
+    const size_t deliveredAfterDeath = again.deliveries().size();
     std::this_thread::sleep_for(200ms);
-    EXPECT_EQ(collector.deliveries().size(), deliveredAfterDeath);
-
-    const int64_t stopStarted = monotonicNanoseconds();
+    EXPECT_EQ(again.deliveries().size(), deliveredAfterDeath);
+    const int64_t secondStop = monotonicNanoseconds();
     source.stop();
-    EXPECT_LT(millisecondsSince(stopStarted), 500);
-    const auto ended = logs.linesStartingWith({"⚠️ Microphone stream ended: "});
-    ASSERT_EQ(ended.size(), 1u);
-    EXPECT_THAT(ended[0], HasSubstr("Connection terminated"));
+    source.stop();
+    EXPECT_LT(millisecondsSince(secondStop), 500);
+    EXPECT_THAT(logs.linesStartingWith({"⚠️ Microphone stream ended: "}),
+                ElementsAre(HasSubstr("Connection terminated")));
 }
 
 TEST_F(PulseMicrophoneTest, ServerThatNeverAnswersMeansNoMicrophoneWithinTwoSeconds) {
@@ -311,14 +260,12 @@ TEST_F(PulseMicrophoneTest, ServerThatNeverAnswersMeansNoMicrophoneWithinTwoSeco
     environment.unset("DISPLAY");
     // A socket that takes the connection and never answers.
     const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
     const std::string path = dir / "silent";
     std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
     ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     ASSERT_EQ(::listen(listener, 4), 0);
     environment.set("PULSE_SERVER", "unix:" + path);
-
     const int64_t started = monotonicNanoseconds();
     EXPECT_EQ(defaultPulseMicrophone(), nullptr);
     EXPECT_LT(millisecondsSince(started), 2000);
@@ -327,27 +274,19 @@ TEST_F(PulseMicrophoneTest, ServerThatNeverAnswersMeansNoMicrophoneWithinTwoSeco
     ::close(listener);
 }
 
-TEST_F(PulseMicrophoneTest, AServerWithoutSourcesHasNoMicrophone) {
-    PrivatePulseServer server({.nullSink = false, .cookieTcpPort = std::nullopt});
+TEST_F(PulseMicrophoneTest, AServerWithoutSourcesOrThatRefusesUsHasNoMicrophone) {
+    const int port = freeLoopbackPort();
+    PrivatePulseServer server(/*nullSink=*/false, port);
     ASSERT_TRUE(server.ready()) << server.log();
     LogCapture logs;
     EXPECT_EQ(defaultPulseMicrophone(), nullptr);
     EXPECT_EQ(logs.countPrefix("No microphone: the sound server has no default input"), 1u);
-}
-
-TEST_F(PulseMicrophoneTest, MicrophoneAccessIsRefusedOnlyByTheServer) {
-    const int port = freeLoopbackPort();
-    PrivatePulseServer server({.nullSink = true, .cookieTcpPort = port});
-    ASSERT_TRUE(server.ready()) << server.log();
     const PulseAccessRequester requester(server.dir().path());
     EXPECT_TRUE(ask(requester, MediaType::audio));  // the private socket lets anyone in
-
     // Over TCP the server wants its cookie, which this client does not have.
     server.pointClientsAt("tcp:127.0.0.1:" + std::to_string(port));
-    LogCapture logs;
     EXPECT_FALSE(ask(requester, MediaType::audio));
     EXPECT_EQ(logs.countPrefix("❌ Microphone access refused by the sound server: "), 1u);
-    EXPECT_EQ(defaultPulseMicrophone(), nullptr);
 }
 
 TEST(PulseAccessTest, CameraIsRefusedOnlyWhenNoVideoNodeCanBeOpened) {
@@ -360,7 +299,6 @@ TEST(PulseAccessTest, CameraIsRefusedOnlyWhenNoVideoNodeCanBeOpened) {
         return answer == 1;
     };
     EXPECT_TRUE(granted());  // no camera: nothing to refuse
-
     for (const char* name : {"video0", "video1"}) {
         std::ofstream(devices / name) << "";
         ::chmod((devices / name).c_str(), 0600);
@@ -368,7 +306,6 @@ TEST(PulseAccessTest, CameraIsRefusedOnlyWhenNoVideoNodeCanBeOpened) {
     std::ofstream(devices / "videonot") << "";  // not a video node: never considered
     ::chmod((devices / "videonot").c_str(), 0666);
     EXPECT_FALSE(granted());
-
     ::chmod((devices / "video1").c_str(), 0666);
     EXPECT_TRUE(granted());
     EXPECT_TRUE(ask(PulseAccessRequester(devices.path()), MediaType::video));
