@@ -4,7 +4,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
-#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -17,13 +16,11 @@ TEST(AudioBufferPoolConcurrencyTest, BuffersReleasedOnOtherThreadsAreReused) {
     constexpr size_t kCapacity = 8;
     constexpr int kChunks = 20'000;
     auto pool = AudioBufferPool::make(kCapacity, 256);
-
     std::mutex mutex;
     std::condition_variable ready;
     std::deque<std::shared_ptr<const AudioBuffer>> handed;  // guarded by mutex
     bool done = false;                                      // guarded by mutex
     std::atomic<int> checked{0};
-
     auto consumer = [&] {
         for (;;) {
             std::shared_ptr<const AudioBuffer> buffer;
@@ -39,15 +36,10 @@ TEST(AudioBufferPoolConcurrencyTest, BuffersReleasedOnOtherThreadsAreReused) {
     };
     std::thread first(consumer);
     std::thread second(consumer);
-
     int delivered = 0;
-    int dropped = 0;
     for (int i = 0; i < kChunks; ++i) {
         auto buffer = pool->acquire();
-        if (!buffer) {
-            ++dropped;
-            continue;
-        }
+        if (!buffer) continue;  // all in use: dropped, as the capture thread does
         buffer->data.assign(256, static_cast<uint8_t>(i));
         {
             std::lock_guard lock(mutex);
@@ -63,8 +55,6 @@ TEST(AudioBufferPoolConcurrencyTest, BuffersReleasedOnOtherThreadsAreReused) {
     ready.notify_all();
     first.join();
     second.join();
-
-    EXPECT_EQ(delivered + dropped, kChunks);
     EXPECT_EQ(checked.load(), delivered);
     EXPECT_LE(pool->allocations(), kCapacity);
     EXPECT_GT(delivered, 0);

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <future>
-#include <memory>
 #include <thread>
 
 #include "capture/capture_session_manager.h"
@@ -15,20 +14,15 @@
 
 namespace gb {
 namespace {
-
 // Tells the streams apart the way the recorder does: by comparing with the manager's outputs.
 class ClassifyingDelegate final : public CaptureSessionManagerDelegate {
 public:
     void captureSessionManager(CaptureService& manager, const SampleBufferRef&,
                                CaptureOutput& output) override {
-        const auto screen = manager.videoOutput();
-        const auto camera = manager.cameraOutput();
-        const auto audio = manager.audioOutput();
-        if (&output == screen.get() || &output == camera.get() || &output == audio.get()) {
-            ++known;
-        } else {
-            ++unknown;  // delivered after cleanup(): the recorder drops it
-        }
+        const bool known = &output == manager.videoOutput().get() ||
+                           &output == manager.cameraOutput().get() ||
+                           &output == manager.audioOutput().get();
+        ++(known ? this->known : unknown);  // unknown: delivered after cleanup(), then dropped
     }
     std::atomic<int> known{0};
     std::atomic<int> unknown{0};
@@ -45,7 +39,6 @@ TEST(CaptureSessionManagerConcurrencyTest, SamplesFlowWhileCleanupAndOptionWrite
     auto manager = std::make_shared<CaptureSessionManager>(factory, display, dispatch);
     auto delegate = std::make_shared<ClassifyingDelegate>();
     manager->setDelegate(delegate);
-
     // The menu, on its own thread.
     std::jthread menu([&manager](std::stop_token stop) {
         for (int i = 0; i < 2000 && !stop.stop_requested(); ++i) {
@@ -53,7 +46,6 @@ TEST(CaptureSessionManagerConcurrencyTest, SamplesFlowWhileCleanupAndOptionWrite
             manager->setCameraOverlayPreset(static_cast<CameraOverlayPreset>(i % 3));
         }
     });
-
     const auto sample = SampleBuffer::video(PixelBuffer::allocate(4, 4), {});
     int delivered = 0;
     for (int round = 0; round < 150; ++round) {
@@ -67,7 +59,6 @@ TEST(CaptureSessionManagerConcurrencyTest, SamplesFlowWhileCleanupAndOptionWrite
         manager->cleanup();  // while the queue still hands samples over
     }
     menu.request_stop();
-
     std::promise<void> drained;
     manager->recordingQueue()->async([&drained] { drained.set_value(); });
     drained.get_future().wait();

@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <future>
-#include <vector>
 
 namespace gb {
 namespace {
@@ -42,21 +41,6 @@ TEST(ThreadDispatchTest, QueueReleasedByItsOwnLastClosure) {
         });
         EXPECT_TRUE(released.get_future().get());
     }
-}
-
-TEST(ThreadDispatchTest, RunLoopRunsWorkFromOtherThreadsUntilQuit) {
-    RunLoopQueue main;
-    ThreadPoolExecutor pool(3);
-    int ran = 0;  // main thread only
-    for (int i = 0; i < 100; ++i) {
-        pool.async([&] {
-            main.async([&] {
-                if (++ran == 100) main.quit();
-            });
-        });
-    }
-    main.run();
-    EXPECT_EQ(ran, 100);
 }
 
 TEST(ThreadDispatchTest, CancelledSleepEndsEarly) {

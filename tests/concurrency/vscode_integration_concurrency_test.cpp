@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <thread>
-#include <vector>
 
 #include "automation/vscode_integration.h"
 #include "fakes/fake_dispatch.h"
@@ -18,7 +17,6 @@ TEST(VSCodeIntegrationConcurrencyTest, OverlappingSequencesKeepWholeState) {
     fakes::FakeSleeper sleeper;
     auto stable = finder.launch("com.microsoft.VSCode");
     VSCodeIntegration integration(finder, runner, sleeper);
-
     constexpr int kRounds = 200;
     int enabled = 0;
     {
@@ -38,7 +36,6 @@ TEST(VSCodeIntegrationConcurrencyTest, OverlappingSequencesKeepWholeState) {
     }
     EXPECT_EQ(enabled, kRounds);
     // Every sequence that ran sent its three scripts whole.
-    EXPECT_EQ(runner.scripts().size() % 3, 0u);
     EXPECT_GE(runner.scripts().size(), 3u * kRounds);
     EXPECT_EQ(stable->activations() * 3, static_cast<int>(runner.scripts().size()));
 }

@@ -66,7 +66,6 @@ void FakeCaptureSession::beginConfiguration() {
 
 void FakeCaptureSession::commitConfiguration() {
     std::lock_guard lock(mutex_);
-    ++commits_;
     if (openTransactions_ > 0) --openTransactions_;
     note("commit", false);
 }
@@ -137,16 +136,12 @@ void FakeCaptureSession::startRunning() {
 
 void FakeCaptureSession::stopRunning() {
     CallScope scope(*this);
-    std::function<void()> hook;
     {
         std::lock_guard lock(mutex_);
         running_ = false;
-        ++stops_;
         note("stop", false);
-        hook = onStop_;
     }
     if (calls_) calls_->add(name_ + ".stopRunning");
-    if (hook) hook();
 }
 
 void FakeCaptureSession::clearJournal() {

@@ -144,15 +144,9 @@ public:
     [[nodiscard]] bool isRunning() const override { return lockedCopy(mutex_, running_); }
 
     void setSwitches(Switches switches) { lockedSet(mutex_, switches_, switches); }
-    // Runs inside stopRunning (the recorder's state can be checked "during" the stop).
-    void setOnStopRunning(std::function<void()> hook) {
-        lockedSet(mutex_, onStop_, std::move(hook));
-    }
     [[nodiscard]] int startCount() const { return lockedCopy(mutex_, starts_); }
     [[nodiscard]] bool overlappingCallSeen() const { return overlapping_.load(); }
     [[nodiscard]] int beginCount() const { return lockedCopy(mutex_, begins_); }
-    [[nodiscard]] int commitCount() const { return lockedCopy(mutex_, commits_); }
-    [[nodiscard]] int stopCount() const { return lockedCopy(mutex_, stops_); }
     [[nodiscard]] std::vector<std::string> journal() const { return lockedCopy(mutex_, journal_); }
     void clearJournal();
     // Changes made while no transaction was open (should stay 0 for set-ups).
@@ -174,15 +168,12 @@ private:
     std::atomic<bool> overlapping_{false};
     mutable std::mutex mutex_;
     Switches switches_;                                    // guarded by mutex_
-    std::function<void()> onStop_;                         // guarded by mutex_
     int starts_ = 0;                                       // guarded by mutex_
     std::vector<std::shared_ptr<CaptureInput>> inputs_;    // guarded by mutex_
     std::vector<std::shared_ptr<CaptureOutput>> outputs_;  // guarded by mutex_
     std::vector<std::string> journal_;                     // guarded by mutex_
     int openTransactions_ = 0;                             // guarded by mutex_
     int begins_ = 0;                                       // guarded by mutex_
-    int commits_ = 0;                                      // guarded by mutex_
-    int stops_ = 0;                                        // guarded by mutex_
     int changesOutside_ = 0;                               // guarded by mutex_
     int outputsWithoutDelegate_ = 0;                       // guarded by mutex_
     bool running_ = false;                                 // guarded by mutex_

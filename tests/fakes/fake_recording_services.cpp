@@ -32,16 +32,8 @@ FakeCaptureService::FakeCaptureService(CallLog* calls)
       cameraSession_("cameraSession", calls) {}
 
 void FakeCaptureService::setupScreenCapture() {
-    std::function<void()> hook;
-    std::optional<CaptureSessionError> error;
-    {
-        std::lock_guard lock(mutex_);
-        ++screenSetups_;
-        hook = onSetupScreen_;
-        error = screenError_;
-    }
+    const auto error = lockedCopy(mutex_, screenError_);
     if (calls_) calls_->add("setupScreenCapture");
-    if (hook) hook();
     if (error) throw *error;
     std::lock_guard lock(mutex_);
     videoOutput_ = std::make_shared<StubCaptureOutput>(MediaType::video);
@@ -49,18 +41,11 @@ void FakeCaptureService::setupScreenCapture() {
 }
 
 void FakeCaptureService::setupCamera() {
-    std::optional<CaptureSessionError> error;
-    {
-        std::lock_guard lock(mutex_);
-        ++cameraSetups_;
-        error = cameraError_;
-    }
+    const auto error = lockedCopy(mutex_, cameraError_);
     if (calls_) calls_->add("setupCamera");
     if (error) throw *error;
     std::lock_guard lock(mutex_);
-    if (overlay_.load() && cameraAvailable_) {
-        cameraOutput_ = std::make_shared<StubCaptureOutput>(MediaType::video);
-    }
+    if (overlay_.load()) cameraOutput_ = std::make_shared<StubCaptureOutput>(MediaType::video);
 }
 
 void FakeCaptureService::cleanup() {
@@ -72,11 +57,6 @@ void FakeCaptureService::cleanup() {
     videoOutput_.reset();
     cameraOutput_.reset();
     audioOutput_.reset();
-}
-
-void FakeCaptureService::setOnSetupScreenCapture(std::function<void()> hook) {
-    std::lock_guard lock(mutex_);
-    onSetupScreen_ = std::move(hook);
 }
 
 void FakeCaptureService::deliver(const SampleBufferRef& sample, CaptureOutput& output) {
@@ -160,24 +140,15 @@ SampleBufferRef FakeCompositionService::createSampleBuffer(const PixelBufferRef&
 // ---- FakeRecorderDelegate ----------------------------------------------------------------------
 
 void FakeRecorderDelegate::recorderDidStart() {
-    add({Report::Kind::didStart, {}, {}, std::nullopt, std::this_thread::get_id()});
+    add({Report::Kind::didStart, {}, {}, std::nullopt});
 }
 
 void FakeRecorderDelegate::recorderDidStop(const std::string& outputURL) {
-    add({Report::Kind::didStop, outputURL, {}, std::nullopt, std::this_thread::get_id()});
+    add({Report::Kind::didStop, outputURL, {}, std::nullopt});
 }
 
 void FakeRecorderDelegate::recorderDidFail(const ScreenRecorderError& error) {
-    add({Report::Kind::didFail,
-         {},
-         error.localizedDescription(),
-         error.kind(),
-         std::this_thread::get_id()});
-}
-
-void FakeRecorderDelegate::setOnReport(std::function<void(const Report&)> hook) {
-    std::lock_guard lock(mutex_);
-    onReport_ = std::move(hook);
+    add({Report::Kind::didFail, {}, error.localizedDescription(), error.kind()});
 }
 
 size_t FakeRecorderDelegate::count() const {
@@ -191,14 +162,11 @@ bool FakeRecorderDelegate::waitForCount(size_t n, std::chrono::milliseconds time
 }
 
 void FakeRecorderDelegate::add(Report report) {
-    std::function<void(const Report&)> hook;
     {
         std::lock_guard lock(mutex_);
-        reports_.push_back(report);
-        hook = onReport_;
+        reports_.push_back(std::move(report));
     }
     changed_.notify_all();
-    if (hook) hook(report);
 }
 
 }  // namespace gb::fakes

@@ -13,7 +13,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "fakes/fake_capture_platform.h"
@@ -93,10 +92,6 @@ public:
     void setCameraSetupError(std::optional<CaptureSessionError> error) {
         lockedSet(mutex_, cameraError_, std::move(error));
     }
-    // Without a camera, setupCamera succeeds and leaves cameraOutput absent.
-    void setCameraAvailable(bool available) { lockedSet(mutex_, cameraAvailable_, available); }
-    // Runs at the start of setupScreenCapture (to act "during" the start's set-up).
-    void setOnSetupScreenCapture(std::function<void()> hook);
     // Where post*() delivers: the recording queue.
     void setRecordingQueue(std::shared_ptr<SerialQueue> queue) {
         lockedSet(mutex_, queue_, std::move(queue));
@@ -118,8 +113,6 @@ public:
     [[nodiscard]] FakeCaptureSession& screenSessionFake() { return screenSession_; }
     [[nodiscard]] FakeCaptureSession& cameraSessionFake() { return cameraSession_; }
     [[nodiscard]] int cleanupCount() const { return lockedCopy(mutex_, cleanups_); }
-    [[nodiscard]] int setupScreenCount() const { return lockedCopy(mutex_, screenSetups_); }
-    [[nodiscard]] int setupCameraCount() const { return lockedCopy(mutex_, cameraSetups_); }
 
 private:
     bool post(const std::shared_ptr<CaptureOutput>& output, SampleBufferRef sample);
@@ -136,12 +129,8 @@ private:
     std::shared_ptr<CaptureOutput> audioOutput_;             // guarded by mutex_
     std::optional<CaptureSessionError> screenError_;         // guarded by mutex_
     std::optional<CaptureSessionError> cameraError_;         // guarded by mutex_
-    bool cameraAvailable_ = true;                            // guarded by mutex_
-    std::function<void()> onSetupScreen_;                    // guarded by mutex_
     std::shared_ptr<SerialQueue> queue_;                     // guarded by mutex_
     int cleanups_ = 0;                                       // guarded by mutex_
-    int screenSetups_ = 0;                                   // guarded by mutex_
-    int cameraSetups_ = 0;                                   // guarded by mutex_
 };
 
 // ---- composition -------------------------------------------------------------------------------
@@ -187,7 +176,7 @@ private:
 
 // ---- the application side ----------------------------------------------------------------------
 
-// Records every report of the recorder, with the thread it came on.
+// Records every report of the recorder.
 class FakeRecorderDelegate final : public ScreenRecorderDelegate {
 public:
     struct Report {
@@ -196,15 +185,12 @@ public:
         std::string outputURL;    // didStop
         std::string description;  // didFail: the error's description
         std::optional<ScreenRecorderError::Kind> errorKind;
-        std::thread::id thread;
     };
 
     void recorderDidStart() override;
     void recorderDidStop(const std::string& outputURL) override;
     void recorderDidFail(const ScreenRecorderError& error) override;
 
-    // Runs after each report has been recorded (on the reporting thread).
-    void setOnReport(std::function<void(const Report&)> hook);
     [[nodiscard]] std::vector<Report> reports() const { return lockedCopy(mutex_, reports_); }
     [[nodiscard]] size_t count() const;
     // Blocks until there are at least `n` reports or the timeout passed.
@@ -214,8 +200,7 @@ private:
     void add(Report report);
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
-    std::vector<Report> reports_;                  // guarded by mutex_
-    std::function<void(const Report&)> onReport_;  // guarded by mutex_
+    std::vector<Report> reports_;  // guarded by mutex_
 };
 
 }  // namespace gb::fakes

@@ -168,7 +168,6 @@ public:
     }
 
     // ---- inspection
-    [[nodiscard]] const std::string& path() const { return path_; }
     [[nodiscard]] std::vector<AssetWriterInputRef> inputs() const {
         return lockedCopy(mutex_, inputs_);
     }

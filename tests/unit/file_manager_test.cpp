@@ -38,7 +38,6 @@ protected:
         ADD_FAILURE() << "createAssetWriter did not throw";
         return RecordingFileManagerError::urlCreationFailed();
     }
-
     LogCapture log;
     FakeFileSystem files;
     FakeDefaultsStore defaults;
@@ -54,9 +53,7 @@ TEST_F(FileManagerTest, NamesTheFileByTheStartSecondAndCreatesTheDefaultFolderEv
     ASSERT_EQ(dates.requests().size(), 1u);
     EXPECT_EQ(dates.requests()[0].pattern, "yyyy-MM-dd_HH-mm-ss");
     EXPECT_EQ(dates.requests()[0].date, dates.now());
-    ASSERT_EQ(files.createDirectoryCalls().size(), 1u);
-    EXPECT_EQ(files.createDirectoryCalls()[0].path, kDefaultFolder);
-    EXPECT_TRUE(files.createDirectoryCalls()[0].intermediates);
+    EXPECT_TRUE(files.createDirectoryCalls().at(0).intermediates);
     EXPECT_TRUE(files.directoryExists(kDefaultFolder));
     // Already there: created and logged again at every recording.
     (void)manager.createAssetWriter(VideoQuality::medium);
@@ -67,10 +64,10 @@ TEST_F(FileManagerTest, NamesTheFileByTheStartSecondAndCreatesTheDefaultFolderEv
 }
 
 TEST_F(FileManagerTest, CustomFolderIsUsedAsIsAndASettingOfTheWrongTypeReadsAsAbsent) {
-    defaults.setURL("/media/videos", "customSaveLocation");
-    EXPECT_EQ(manager.generateOutputURL(), "/media/videos/" + kFileName);
-    defaults.setURL("/media/videos/", "customSaveLocation");
-    EXPECT_EQ(manager.generateOutputURL(), "/media/videos/" + kFileName);
+    for (const char* folder : {"/media/videos", "/media/videos/"}) {
+        defaults.setURL(folder, "customSaveLocation");
+        EXPECT_EQ(manager.generateOutputURL(), "/media/videos/" + kFileName);
+    }
     EXPECT_TRUE(files.createDirectoryCalls().empty());
     EXPECT_TRUE(log.lines().empty());
     using Value = FakeDefaultsStore::Value;
@@ -83,15 +80,10 @@ TEST_F(FileManagerTest, CustomFolderIsUsedAsIsAndASettingOfTheWrongTypeReadsAsAb
 
 TEST_F(FileManagerTest, CustomFolderThatNoLongerExistsFailsTheWriterCreation) {
     defaults.setURL("/media/gone", "customSaveLocation");
-    const auto error = createFails();
-    EXPECT_EQ(error.kind(), RecordingFileManagerError::Kind::writerCreationFailed);
-    EXPECT_EQ(error.errorDescription(),
+    EXPECT_EQ(createFails().errorDescription(),
               "Failed to create video writer: The folder \u201C/media/gone\u201D doesn\u2019t "
               "exist.");
     EXPECT_FALSE(files.directoryExists("/media/gone"));
-    EXPECT_EQ(log.lines(),
-              Strings{"Failed to create AVAssetWriter: Error Domain=NSCocoaErrorDomain Code=4 "
-                      "\"The folder \u201C/media/gone\u201D doesn\u2019t exist.\""});
     // The URL stays until the recorder's clean-up clears it.
     EXPECT_EQ(manager.currentOutputURL(), "/media/gone/" + kFileName);
 }
@@ -102,9 +94,7 @@ TEST_F(FileManagerTest, SameSecondNameCollisionReplacesTheOldFileEvenIfRemovalFa
     (void)manager.createAssetWriter(VideoQuality::medium);
     EXPECT_EQ(files.removeCalls(), Strings{kDefaultPath});
     EXPECT_EQ(files.fileContents(kDefaultPath), "written by writer " + kDefaultPath);
-    EXPECT_EQ(factory.requests().size(), 2u);
-    EXPECT_EQ(factory.requests()[1].path, kDefaultPath);
-
+    EXPECT_EQ(factory.requests().at(1).path, kDefaultPath);
     files.setRemoveError(PlatformError{"NSCocoaErrorDomain", 513, "No permission."});
     EXPECT_NO_THROW((void)manager.createAssetWriter(VideoQuality::medium));
     EXPECT_EQ(files.removeCalls().size(), 2u);
@@ -113,8 +103,6 @@ TEST_F(FileManagerTest, SameSecondNameCollisionReplacesTheOldFileEvenIfRemovalFa
 
 TEST_F(FileManagerTest, NoDocumentsFolderGivesNoURLAndUrlCreationFailed) {
     files.setDocumentsDirectory(std::nullopt);
-    EXPECT_EQ(manager.generateOutputURL(), std::nullopt);
-    log.clear();
     EXPECT_EQ(createFails().kind(), RecordingFileManagerError::Kind::urlCreationFailed);
     EXPECT_EQ(manager.currentOutputURL(), std::nullopt);
     EXPECT_TRUE(factory.requests().empty());
@@ -123,10 +111,6 @@ TEST_F(FileManagerTest, NoDocumentsFolderGivesNoURLAndUrlCreationFailed) {
 
 TEST_F(FileManagerTest, PreparesAndStartsTheWriterInOrder) {
     auto bundle = manager.createAssetWriter(VideoQuality::medium);
-    EXPECT_EQ(log.lines(),
-              (Strings{"Created directory: " + kDefaultFolder,
-                       "Created AVAssetWriter for: " + kDefaultPath, videoSettingsLine(1280, 720),
-                       "AVAssetWriter started successfully"}));
     EXPECT_EQ(manager.currentOutputURL(), kDefaultPath);
     EXPECT_EQ(factory.requests().at(0).fileType, FileType::quickTimeMovie);
     auto writer = factory.lastWriter();
@@ -135,7 +119,6 @@ TEST_F(FileManagerTest, PreparesAndStartsTheWriterInOrder) {
     EXPECT_EQ(writer->inputs(), (std::vector<std::shared_ptr<AssetWriterInput>>{
                                     bundle.videoInput, bundle.audioInput}));
     EXPECT_EQ(bundle.videoInput->mediaType(), MediaType::video);
-    EXPECT_EQ(bundle.audioInput->mediaType(), MediaType::audio);
     EXPECT_TRUE(factory.lastInput(MediaType::video)->expectsMediaDataInRealTime());
     EXPECT_TRUE(factory.lastInput(MediaType::audio)->expectsMediaDataInRealTime());
 }
@@ -165,10 +148,7 @@ TEST_F(FileManagerTest, WriterSettingsOfEveryQuality) {
     }
     display.setScreen(std::nullopt);
     (void)manager.createAssetWriter(VideoQuality::screenResolution);
-    const auto settings = factory.inputSettings();
-    const auto& video = std::get<VideoOutputSettingsForWriter>(settings.end()[-2]);
-    EXPECT_EQ(video.width, 1920);
-    EXPECT_EQ(video.height, 1080);
+    EXPECT_EQ(log.count(videoSettingsLine(1920, 1080)), 1u);
 }
 
 TEST_F(FileManagerTest, WriterFailuresWithTheirLogLines) {
@@ -179,14 +159,12 @@ TEST_F(FileManagerTest, WriterFailuresWithTheirLogLines) {
               "Failed to create AVAssetWriter: Error Domain=AVFoundationErrorDomain "
               "Code=-11800 \"No room\"");
     factory.setMakeWriterError(std::nullopt);
-
     FakeWriterConfig config;
     config.canAddAudioInput = false;  // the video input went in, the writer never started
     factory.setConfig(config);
     EXPECT_EQ(createFails().kind(), RecordingFileManagerError::Kind::cannotAddAudioInput);
     EXPECT_EQ(factory.lastWriter()->inputs().size(), 1u);
     EXPECT_EQ(factory.lastWriter()->startWritingCalls(), 0);
-
     config.canAddAudioInput = true;
     config.startWritingSucceeds = false;
     config.startWritingError = PlatformError{"AVFoundationErrorDomain", -11823, "Cannot Save"};
@@ -195,10 +173,6 @@ TEST_F(FileManagerTest, WriterFailuresWithTheirLogLines) {
     EXPECT_EQ(error.errorDescription(), "Failed to start writing: Cannot Save");
     EXPECT_EQ(log.lines().end()[-2], "AVAssetWriter failed to start writing: Cannot Save");
     EXPECT_EQ(log.lines().back(), "Writer status: 3");
-    config.startWritingError.reset();
-    factory.setConfig(config);
-    EXPECT_EQ(createFails().errorDescription(), "Failed to start writing: Unknown error");
-    EXPECT_EQ(log.lines().end()[-2], "AVAssetWriter failed to start writing: Unknown error");
 }
 
 TEST_F(FileManagerTest, ChosenFolderIsStoredAndLoggedACancelledPickerChangesNothing) {
@@ -207,16 +181,8 @@ TEST_F(FileManagerTest, ChosenFolderIsStoredAndLoggedACancelledPickerChangesNoth
     picker.setResult({1, std::nullopt});
     manager.chooseSaveLocation();
     EXPECT_EQ(defaults.urlForKey("customSaveLocation"), std::nullopt);
-    EXPECT_TRUE(log.lines().empty());
-
     picker.setResult({1, "/media/videos"});
     manager.chooseSaveLocation();
-    const auto shown = picker.shown();
-    ASSERT_EQ(shown.size(), 3u);
-    EXPECT_FALSE(shown[2].canChooseFiles);
-    EXPECT_TRUE(shown[2].canChooseDirectories);
-    EXPECT_FALSE(shown[2].allowsMultipleSelection);
-    EXPECT_EQ(shown[2].prompt, "Choose Save Location");
     EXPECT_EQ(defaults.urlForKey("customSaveLocation"), "/media/videos");
     EXPECT_EQ(log.lines(), Strings{"Save location set to: /media/videos"});
     EXPECT_FALSE(files.directoryExists("/media/videos"));  // neither created nor tested

@@ -1,10 +1,9 @@
-// Placement of microphone audio on the movie's timeline, and letterbox geometry.
+// Placement of microphone audio on the movie's timeline.
 #include <gtest/gtest.h>
 
 #include <chrono>
 
 #include "linux/portable/audio_sync_corrector.h"
-#include "linux/portable/letterbox.h"
 
 namespace gb::linuxp {
 namespace {
@@ -64,17 +63,6 @@ TEST(AudioSyncCorrector, CorrectionsAreBoundedByTheLimitAndTheBuffer) {
     AudioSyncCorrector ahead(44100);
     (void)ahead.place(milliseconds(0), 0, 441, 44100);
     EXPECT_EQ(ahead.place(milliseconds(0), 44100, 480, 48000).droppedInputFrames, 480);
-}
-
-TEST(Letterbox, BarsOnTheRightSidesAndEvenSizes) {
-    EXPECT_EQ(letterboxRect(1024, 768, 1920, 1080), (LetterboxRect{240, 0, 1440, 1080}));
-    EXPECT_EQ(letterboxRect(2560, 1080, 1280, 720), (LetterboxRect{0, 90, 1280, 540}));  // 21:9
-    EXPECT_EQ(letterboxRect(3840, 2160, 1920, 1080), (LetterboxRect{0, 0, 1920, 1080}));
-    const auto r = letterboxRect(1001, 999, 1280, 720);
-    EXPECT_EQ(r.width % 2 + r.height % 2 + r.x % 2 + r.y % 2, 0);
-    EXPECT_LE(r.x + r.width, 1280);
-    EXPECT_EQ(r.height, 720);
-    EXPECT_EQ(letterboxRect(0, 480, 1280, 720), LetterboxRect{});
 }
 
 }  // namespace
