@@ -183,20 +183,14 @@ private:
 
 class FakeFolderPicker final : public FolderPicker {
 public:
-    FolderPickerResult runModal(const FolderPickerOptions& options) override {
-        std::lock_guard lock(mutex_);
-        shown_.push_back(options);
-        return result_;
+    FolderPickerResult runModal(const FolderPickerOptions&) override {
+        return lockedCopy(mutex_, result_);
     }
     void setResult(FolderPickerResult result) { lockedSet(mutex_, result_, std::move(result)); }
-    [[nodiscard]] std::vector<FolderPickerOptions> shown() const {
-        return lockedCopy(mutex_, shown_);
-    }
 
 private:
     mutable std::mutex mutex_;
     FolderPickerResult result_{0, std::nullopt};  // guarded by mutex_
-    std::vector<FolderPickerOptions> shown_;      // guarded by mutex_
 };
 
 }  // namespace gb::fakes

@@ -11,10 +11,6 @@ void FakeApplication::record(const std::string& call) {
     if (journal) journal->add("application." + call);
 }
 
-size_t FakeApplication::count(const std::string& call) const {
-    return static_cast<size_t>(std::count(calls.begin(), calls.end(), call));
-}
-
 void FakeApplication::observeDidBecomeActive(std::function<void()> observer) {
     record("observeDidBecomeActive");
     observers_.push_back(std::move(observer));
@@ -47,9 +43,8 @@ void FakeApplication::addResource(const std::string& name, const std::string& ty
 
 // ---- FakeStatusItem ----------------------------------------------------------------------------
 
-void FakeStatusItem::record(std::string event) {
+void FakeStatusItem::record(const std::string& event) {
     if (journal) journal->add("statusItem." + event);
-    events.push_back(std::move(event));
 }
 
 std::optional<SymbolImage> FakeStatusItem::lookupSymbol(
@@ -135,7 +130,6 @@ std::shared_ptr<Window> FakeWindowSystem::makeWindow(const WindowDescription& d)
 int FakeAlertPresenter::runModal(const AlertDescription& alert) {
     alerts.push_back(alert);
     if (journal) journal->add("alert " + alert.messageText);
-    if (onAlert) onAlert(alert);
     return 0;
 }
 

@@ -40,7 +40,6 @@ public:
     bool accessibilityTrusted = false;
     std::vector<bool> accessibilityPrompts;  // the prompt flag of every trust check
     std::vector<std::string> calls;          // in order
-    [[nodiscard]] size_t count(const std::string& call) const;
 
 private:
     void record(const std::string& call);
@@ -74,13 +73,11 @@ public:
     bool imageIsTemplate = false;
     std::string title;
 
-    // Every change of the button, in order: "image <name>", "image none", "template true",
-    // "title <text>", and "menu" for each installed menu.
-    std::vector<std::string> events;
     std::vector<std::vector<MenuEntry>> menus;  // every installed menu, in order
 
 private:
-    void record(std::string event);
+    // Journals a change of the button: "image <name>", "template true", "title <text>", "menu".
+    void record(const std::string& event);
     std::function<void(const MenuEntry&)> handler_;
 };
 
@@ -101,15 +98,10 @@ public:
 class FakeWindow final : public Window {
 public:
     void setLevel(int newLevel) override { level = newLevel; }
-    void show() override {
-        ++showCount;
-        visible = true;
-    }
+    void show() override { visible = true; }
     bool isVisible() const override { return visible; }
-    void close() { visible = false; }
 
     int level = 0;
-    int showCount = 0;
     bool visible = false;
 };
 
@@ -128,8 +120,6 @@ public:
 
     CallLog* journal = nullptr;
     std::vector<AlertDescription> alerts;
-    // Runs while the alert is "up", before runModal returns.
-    std::function<void(const AlertDescription&)> onAlert;
 };
 
 class FakeWorkspace final : public Workspace {

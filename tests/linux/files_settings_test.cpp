@@ -60,21 +60,12 @@ TEST_F(TemporaryHomeTest, DocumentsFolderFromTheEnvironmentTheUserDirsFileOrTheH
               "XDG_DOCUMENTS_DIR=\"$HOME/first\"\n"
               "  XDG_DOCUMENTS_DIR=\"$HOME/My \\\"Docs\\\" \\$x\"\n");
     EXPECT_EQ(files.documentsDirectory(), home() + "/My \"Docs\" $x");  // the last one counts
-    // A value that is neither under $HOME nor absolute does not count.
-    writeFile(home() + "/.config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"Documents2\"\n");
-    EXPECT_EQ(files.documentsDirectory(), home() + "/Documents");
 
     writeFile(dir / "config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"/srv/shared docs\"\n");
     env.set("XDG_CONFIG_HOME", dir / "config");
     EXPECT_EQ(files.documentsDirectory(), "/srv/shared docs");
     env.set("XDG_DOCUMENTS_DIR", "$HOME/from-environment");
     EXPECT_EQ(files.documentsDirectory(), home() + "/from-environment");
-
-    // Without a home, nothing in terms of $HOME helps.
-    env.unset("XDG_DOCUMENTS_DIR");
-    writeFile(dir / "config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"$HOME/Documents\"\n");
-    env.unset("HOME");
-    EXPECT_EQ(files.documentsDirectory(), std::nullopt);
 }
 
 TEST_F(TemporaryHomeTest, FoldersArePrivateWhateverTheUmaskAndFailuresSayWhy) {
@@ -86,50 +77,12 @@ TEST_F(TemporaryHomeTest, FoldersArePrivateWhateverTheUmaskAndFailuresSayWhy) {
     for (const auto& path :
          {home() + "/Documents", home() + "/Documents/Glimmerbox Recordings", leaf})
         EXPECT_EQ(modeOf(path), 0700u) << path;
-    // An existing folder is success and keeps its mode.
-    ::chmod(home().c_str(), 0755);
-    EXPECT_TRUE(files.createDirectory(home(), false).ok());
-    EXPECT_EQ(modeOf(home()), 0755u);
-    EXPECT_TRUE(files.createDirectory(leaf + "/", true).ok());
-
-    const auto missingParent = files.createDirectory(home() + "/a/b", false);
-    ASSERT_FALSE(missingParent.ok());
-    EXPECT_EQ(missingParent.error().code, ENOENT);
-    EXPECT_EQ(missingParent.error().localizedDescription, "No such file or directory");
+    EXPECT_TRUE(files.createDirectory(leaf + "/", true).ok());  // an existing one is success
     writeFile(home() + "/Movies", "a file where the folder should be");
     const auto underFile = files.createDirectory(home() + "/Movies/Glimmerbox Recordings", true);
     ASSERT_FALSE(underFile.ok());
     EXPECT_EQ(underFile.error().textualForm(),
               "Error Domain=POSIX Code=" + std::to_string(ENOTDIR) + " \"Not a directory\"");
-
-    // A folder this user may not write into.
-    const std::string locked = dir / "locked";
-    ASSERT_TRUE(std::filesystem::create_directory(locked));
-    ::chmod(dir.path().c_str(), 0755);
-    ::chmod(locked.c_str(), 0555);
-    EXPECT_EQ(fakes::runUnprivileged([&] {
-                  const auto result = XdgFileSystem().createDirectory(locked + "/R/x", true);
-                  return result.ok() ? 0 : result.error().code;
-              }),
-              EACCES);
-}
-
-TEST_F(TemporaryHomeTest, TellsAndRemovesFilesFoldersAndLinks) {
-    const std::string file = home() + "/glimmerbox-2025-03-14_09-26-53.mov";
-    EXPECT_FALSE(files.fileExists(file));
-    writeFile(file, "movie");
-    EXPECT_TRUE(files.fileExists(file));
-    EXPECT_TRUE(files.removeItem(file).ok());
-    EXPECT_FALSE(files.fileExists(file));
-    const auto missing = files.removeItem(file);
-    ASSERT_FALSE(missing.ok());
-    EXPECT_EQ(missing.error().localizedDescription, "No such file or directory");
-
-    // A link to nothing does not exist as a file but can be removed.
-    std::filesystem::create_symlink(home() + "/nowhere", home() + "/dangling");
-    EXPECT_FALSE(files.fileExists(home() + "/dangling"));
-    EXPECT_TRUE(files.removeItem(home() + "/dangling").ok());
-    EXPECT_FALSE(std::filesystem::is_symlink(home() + "/dangling"));
 }
 
 TEST_F(TemporaryHomeTest, SettingsSurviveARestartInTheXdgConfigFolderAndNeedOne) {
@@ -141,10 +94,6 @@ TEST_F(TemporaryHomeTest, SettingsSurviveARestartInTheXdgConfigFolderAndNeedOne)
         store.setBool(true, "vsCodeAutomationEnabled");
         store.setURL(folder, "customSaveLocation");
     }
-    const std::string text = readFile(settingsFile());
-    EXPECT_THAT(text, HasSubstr("vsCodeAutomationEnabled=true"));
-    EXPECT_THAT(text, HasSubstr("customSaveLocation=file://" + home() +
-                                "/Movies/Talks%20%231%20&%20100%25"));
     QSettingsDefaultsStore restarted;
     EXPECT_EQ(restarted.boolForKey("vsCodeAutomationEnabled"), true);
     EXPECT_EQ(restarted.urlForKey("customSaveLocation"), folder);
@@ -156,10 +105,6 @@ TEST_F(TemporaryHomeTest, SettingsSurviveARestartInTheXdgConfigFolderAndNeedOne)
     EXPECT_THAT(logs.lines()[0], HasSubstr("is not an absolute path"));
     logs.clear();
 
-    EXPECT_EQ(QSettingsDefaultsStore::defaultFilePath(), settingsFile());
-    env.set("XDG_CONFIG_HOME", dir / "config");
-    EXPECT_EQ(QSettingsDefaultsStore().filePath(), dir / "config/Glimmerbox/Glimmerbox.conf");
-    env.unset("XDG_CONFIG_HOME");
     env.unset("HOME");
     EXPECT_EQ(QSettingsDefaultsStore::defaultFilePath(), std::nullopt);
 
@@ -174,16 +119,14 @@ TEST_F(TemporaryHomeTest, SettingsSurviveARestartInTheXdgConfigFolderAndNeedOne)
 
 TEST_F(TemporaryHomeTest, SettingsOfTheWrongFormReadAsAbsent) {
     writeFile(settingsFile(),
-              "[General]\nbanana=banana\nfive=5\none=1\nzero=0\nyes=true\nno=false\n"
-              "list=a, b\nrelative=some/folder\nabsolute=/srv/recordings\n"
-              "url=file:///srv/my%20recordings\nweb=https://example.com/recordings\n"
-              "remote=file://fileserver/recordings\nempty=\n");
+              "[General]\nbanana=banana\nfive=5\none=1\nno=false\nrelative=some/folder\n"
+              "absolute=/srv/recordings\nurl=file:///srv/my%20recordings\n"
+              "web=https://example.com/recordings\nremote=file://fileserver/recordings\n");
     QSettingsDefaultsStore store;
-    for (const char* key : {"banana", "five", "list", "missing"})
-        EXPECT_EQ(store.boolForKey(key), std::nullopt) << key;
-    for (const char* key : {"one", "yes"}) EXPECT_EQ(store.boolForKey(key), true) << key;
-    for (const char* key : {"zero", "no"}) EXPECT_EQ(store.boolForKey(key), false) << key;
-    for (const char* key : {"relative", "web", "remote", "list", "empty"})
+    for (const char* key : {"banana", "five"}) EXPECT_EQ(store.boolForKey(key), std::nullopt);
+    EXPECT_EQ(store.boolForKey("one"), true);
+    EXPECT_EQ(store.boolForKey("no"), false);
+    for (const char* key : {"relative", "web", "remote"})
         EXPECT_EQ(store.urlForKey(key), std::nullopt) << key;
     EXPECT_EQ(store.urlForKey("absolute"), "/srv/recordings");
     EXPECT_EQ(store.urlForKey("url"), "/srv/my recordings");
@@ -218,30 +161,17 @@ TEST_F(TemporaryHomeTest, ADamagedSettingsFileIsKeptAsideAndAnUnwritableOneRepor
                                        ": the file cannot be read or written");
 }
 
-TEST(DateFormatterTest, FormatsInLocalTimeWithTheUsualFieldsAndQuotedText) {
+TEST(DateFormatterTest, FormatsTheFileNameStampInLocalTime) {
     using namespace std::chrono;
-    // 2025-03-14 09:26:53.123 UTC, a Friday.
     const auto sample = sys_days{year{2025} / March / 14} + 9h + 26min + 53s + 123ms;
-    const auto newYear = sys_days{year{2026} / January / 1} + 5min;
     fakes::ScopedEnvironment env;
-    const auto format = [&](const char* pattern, const char* zone, system_clock::time_point date) {
+    const auto format = [&](const char* pattern, const char* zone) {
         env.set("TZ", zone);
-        return LocaleDateFormatter().format(pattern, date);
+        return LocaleDateFormatter().format(pattern, sample);
     };
-    EXPECT_EQ(format("yyyy-MM-dd_HH-mm-ss", "UTC0", sample), "2025-03-14_09-26-53");
+    EXPECT_EQ(format("yyyy-MM-dd_HH-mm-ss", "UTC0"), "2025-03-14_09-26-53");
     // New York had moved to summer time five days earlier: UTC-4.
-    EXPECT_EQ(format("yyyy-MM-dd_HH-mm-ss", "EST5EDT,M3.2.0,M11.1.0", sample),
-              "2025-03-14_05-26-53");
-    EXPECT_EQ(format("yyyy-MM-dd_HH-mm-ss", "<-01>1", newYear), "2025-12-31_23-05-00");
-    EXPECT_EQ(format("'Recorded' d.M.yy 'at' h:mm a", "UTC0", sample),
-              "Recorded 14.3.25 at 9:26 AM");
-    EXPECT_EQ(format("EEE, MMM d yyyy HH:mm:ss.SSS", "UTC0", sample),
-              "Fri, Mar 14 2025 09:26:53.123");
-    EXPECT_EQ(format("EEEE MMMM", "UTC0", sample), "Friday March");
-    EXPECT_EQ(format("hh 'o''clock' ''yy", "JST-9", sample), "06 o'clock '25");
-    EXPECT_EQ(format("'unterminated HH", "UTC0", sample), "unterminated HH");
-    EXPECT_EQ(format("h a", "<+15>-15", sample), "12 AM");  // 00:26 local
-    EXPECT_EQ(format("'Glimmerbox' ✓ [HH]", "UTC0", sample), "Glimmerbox ✓ [09]");
+    EXPECT_EQ(format("yyyy-MM-dd_HH-mm-ss", "EST5EDT,M3.2.0,M11.1.0"), "2025-03-14_05-26-53");
 }
 
 }  // namespace

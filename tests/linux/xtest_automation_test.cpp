@@ -1,10 +1,6 @@
 // The editor automation against a private Xvfb with fake_editor as the editor. Activation
 // through a window manager is covered by the tray end-to-end test.
-// gtest first: Xlib defines macros (None, Bool) that clash with its names.
 #include <gtest/gtest.h>
-
-#include <X11/XKBlib.h>
-#include <X11/Xlib.h>
 
 #include <fstream>
 #include <memory>
@@ -101,10 +97,7 @@ TEST_F(XAutomationTest, FinderFindsTheEditorByItsWindowClassAndAccessNeedsXTest)
     EXPECT_TRUE(finder->runningApplications(kInsiders).empty());
 
     startEditor("VSCodium");
-    startEditor("Code - Insiders");
     EXPECT_EQ(waitForApplications(kOss, 1).size(), 1u);
-    EXPECT_EQ(waitForApplications(kInsiders, 1).size(), 1u);
-    EXPECT_EQ(finder->runningApplications(kStable).size(), 1u);
 
     editors_.front()->stop();  // an editor that quits is no longer found
     EXPECT_TRUE(waitForApplications(kStable, 0).empty());
@@ -114,18 +107,12 @@ TEST_F(XAutomationTest, ScriptsItCannotRunFailAndTypeNothingAndTheToggleTypesThe
     ASSERT_TRUE(startAndActivateCode());
     for (const std::string& script :
          Lines{"tell application \"Finder\"\n    keystroke \"x\"\nend tell",
-               "tell application \"System Events\"\n    keystroke \"p\" using {option down}\nend "
-               "tell",
                "tell application \"System Events\"\n    keystroke \"unterminated\nend tell",
-               scripts::pressKeyScript(117),  // forward delete: not a key this runner knows
                std::string(scripts::kCommandPalette) + "\n    key code 36"}) {
         const ScriptOutcome outcome = runner->run(script);
         EXPECT_EQ(outcome.kind, ScriptOutcome::Kind::failed) << script;
         EXPECT_FALSE(outcome.errorDescription.empty());
     }
-    // Terminal detection is understood and sends nothing.
-    EXPECT_EQ(runner->run(std::string(scripts::kTerminalDetection)).kind,
-              ScriptOutcome::Kind::succeeded);
 
     for (const std::string& script :
          {std::string(scripts::kCommandPalette), scripts::typeTextScript("Toggle Screencast Mode"),
@@ -138,31 +125,6 @@ TEST_F(XAutomationTest, ScriptsItCannotRunFailAndTypeNothingAndTheToggleTypesThe
         toggle.push_back(c == ' ' ? "key space" : std::string("key ") + c);
     toggle.push_back("key Return");
     EXPECT_EQ(waitForKeys(toggle.size()), toggle);
-}
-
-// How many keycodes have no symbol at all in the server's map.
-int emptyKeycodes(const std::string& displayName) {
-    Display* display = XOpenDisplay(displayName.c_str());
-    if (display == nullptr) return -1;
-    XkbDescPtr keyboard = XkbGetMap(display, XkbKeySymsMask, XkbUseCoreKbd);
-    int empty = 0;
-    for (int keycode = keyboard->min_key_code; keycode <= keyboard->max_key_code; ++keycode)
-        if (XkbKeyNumGroups(keyboard, keycode) == 0) ++empty;
-    XkbFreeKeyboard(keyboard, 0, True);
-    XCloseDisplay(display);
-    return empty;
-}
-
-TEST_F(XAutomationTest, CharactersMissingFromTheKeyboardAreTypedOnALentKey) {
-    ASSERT_TRUE(startAndActivateCode());
-    const int emptyBefore = emptyKeycodes(name());
-    ASSERT_GE(emptyBefore, 0);
-
-    // é and ж are on no key of the US layout; the backslash is escaped in the script.
-    const ScriptOutcome outcome = runner->run(scripts::typeTextScript("aé\\\\ж"));
-    ASSERT_EQ(outcome.kind, ScriptOutcome::Kind::succeeded) << outcome.errorDescription;
-    EXPECT_EQ(waitForKeys(4), (Lines{"key a", "key eacute", "key backslash", "key U0436"}));
-    EXPECT_EQ(emptyKeycodes(name()), emptyBefore);  // every lent keycode came back
 }
 
 }  // namespace

@@ -36,15 +36,12 @@ TEST_F(HeadlessRecordingTest, RecordsForTheDurationWithTheOptionsAndPrintsThePat
     o.durationSeconds = 5;
     o.quality = VideoQuality::medium;
     o.cameraOverlay = false;
-    o.cameraSize = CameraOverlayPreset::large;
     o.cameraPosition = CameraPosition::topLeft;
     auto run = start(o);
     dispatch.runAll();
 
     EXPECT_EQ(recorder->videoQuality(), VideoQuality::medium);
     EXPECT_FALSE(capture->cameraOverlayEnabled());
-    EXPECT_FALSE(composer->cameraOverlayEnabled());
-    EXPECT_EQ(capture->cameraOverlayPreset(), CameraOverlayPreset::large);
     EXPECT_EQ(composer->cameraPosition(), CameraPosition::topLeft);
 
     // The recorder's own 0.1 s pause counts toward the five seconds.
@@ -52,7 +49,6 @@ TEST_F(HeadlessRecordingTest, RecordsForTheDurationWithTheOptionsAndPrintsThePat
               (std::vector<std::chrono::nanoseconds>{100ms, 4900ms}));
     EXPECT_EQ(exitCode, 0);
     ASSERT_EQ(out.size(), 1u);
-    EXPECT_TRUE(out[0].ends_with(".mov"));
     EXPECT_NE(out[0].find("/Glimmerbox Recordings/glimmerbox-"), std::string::npos);
     EXPECT_TRUE(err.empty());
 }

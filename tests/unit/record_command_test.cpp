@@ -43,21 +43,5 @@ TEST(RecordCommandTest, BadValuesAreRefusedWithTheReason) {
     }
 }
 
-TEST(RecordCommandTest, RunScopedFolderOverridesOnlyTheSaveLocation) {
-    struct Store final : DefaultsStore {
-        std::optional<bool> boolForKey(const std::string&) const override { return true; }
-        void setBool(bool, const std::string&) override {}
-        std::optional<std::string> urlForKey(const std::string& key) const override {
-            return "/saved/" + key;
-        }
-        void setURL(const std::string&, const std::string&) override {}
-    } base;
-    RunScopedDefaultsStore scoped(base, std::string("/run/only"));
-    EXPECT_EQ(*scoped.urlForKey("customSaveLocation"), "/run/only");
-    EXPECT_EQ(*scoped.urlForKey("other"), "/saved/other");
-    RunScopedDefaultsStore passthrough(base, std::nullopt);
-    EXPECT_EQ(*passthrough.urlForKey("customSaveLocation"), "/saved/customSaveLocation");
-}
-
 }  // namespace
 }  // namespace gb

@@ -64,7 +64,7 @@ struct ShellHarness : fakes::FakeShellPlatform {
     std::shared_ptr<AppDelegate> delegate;
 };
 
-// The menu in a compact form: "---", "✓ title", "title >", "title (disabled)", "title ⌘q".
+// The menu in a compact form: "---", "✓ title", "title >", "title (disabled)".
 inline std::vector<std::string> render(const std::vector<MenuEntry>& entries) {
     std::vector<std::string> out;
     for (const auto& e : entries) {
@@ -75,7 +75,6 @@ inline std::vector<std::string> render(const std::vector<MenuEntry>& entries) {
         std::string s = (e.checked ? "\u2713 " : "") + e.title;
         if (e.submenu) s += " >";
         if (!e.enabled) s += " (disabled)";
-        if (!e.keyEquivalent.empty()) s += " \u2318" + e.keyEquivalent;
         out.push_back(s);
     }
     return out;
