@@ -1,12 +1,7 @@
-// A scriptable V4L2 device world: /dev/video* nodes with capabilities, formats, sizes and
-// intervals, by-id links, another program holding a device, frames pushed by the test into mmap
-// streaming, and a camera that vanishes mid-capture.
-//
-// Descriptors are real eventfds (so poll() blocks and wakes for real): a frame that lands in a
-// queued buffer bumps the owning descriptor's counter, DQBUF takes it back. A frame pushed while
-// no buffer is queued is lost, as with a real driver.
-// Threads: every call may come from any thread (one mutex guards the world); poll() waits
-// without holding it.
+// A scriptable V4L2 device world: /dev/video* nodes with capabilities, formats and sizes, by-id
+// links, another program holding a device, frames pushed into mmap streaming, and a camera that
+// vanishes mid-capture. Descriptors are real eventfds, so poll() blocks and wakes for real.
+// Threads: any thread may call (one mutex guards the world); poll() waits without holding it.
 #pragma once
 
 #include <linux/videodev2.h>
@@ -19,6 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -26,6 +22,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -35,24 +32,16 @@ namespace gb::fakes {
 
 struct FakeFrameSize {
     uint32_t type = V4L2_FRMSIZE_TYPE_DISCRETE;
-    v4l2_frmsize_stepwise range{};  // discrete: only max_width and max_height count
+    v4l2_frmsize_stepwise range{};  // discrete: width and height in the first two, as in the union
 
     static FakeFrameSize discrete(uint32_t w, uint32_t h) {
-        return {V4L2_FRMSIZE_TYPE_DISCRETE, {0, w, 0, 0, h, 0}};
-    }
-    static FakeFrameSize stepwise(uint32_t minW, uint32_t minH, uint32_t maxW, uint32_t maxH,
-                                  uint32_t stepW, uint32_t stepH) {
-        return {V4L2_FRMSIZE_TYPE_STEPWISE, {minW, maxW, stepW, minH, maxH, stepH}};
+        return {V4L2_FRMSIZE_TYPE_DISCRETE, {w, h, 0, 0, 0, 0}};
     }
 };
 
 struct FakePixelFormat {
-    FakePixelFormat(uint32_t fourcc, std::vector<FakeFrameSize> sizes)
-        : fourcc(fourcc), sizes(std::move(sizes)) {}
     uint32_t fourcc;
     std::vector<FakeFrameSize> sizes;
-    // Frame intervals per size; a size without an entry makes ENUM_FRAMEINTERVALS fail.
-    std::map<std::pair<uint32_t, uint32_t>, std::vector<v4l2_fract>> intervals;
 };
 
 struct FakeV4l2Node {
@@ -71,14 +60,10 @@ struct FakeV4l2Node {
 
 class FakeV4l2 final : public linuxp::V4l2Calls {
 public:
-    FakeV4l2() = default;
-    FakeV4l2(const FakeV4l2&) = delete;
-    FakeV4l2& operator=(const FakeV4l2&) = delete;
     ~FakeV4l2() override {
         for (auto& [fd, nodePath] : fds_) ::close(fd);
     }
 
-    // ---- scripting ----------------------------------------------------------------------------
     void addNode(FakeV4l2Node node) {
         std::lock_guard lock(mutex_);
         const std::string path = node.path;
@@ -94,84 +79,50 @@ public:
         nodes_.at(path).config.busy = busy;
     }
 
-    // Hands a frame to the device. False when it was lost (not streaming, or no queued buffer).
+    // Fills a queued buffer and waits until the capture gave it back; false when the device is
+    // gone or the buffer did not come back.
     bool pushFrame(const std::string& path, std::vector<uint8_t> bytes, uint32_t flags = 0) {
-        std::lock_guard lock(mutex_);
+        std::unique_lock lock(mutex_);
         Node& node = nodes_.at(path);
-        if (node.gone || !node.streaming || node.queued.empty()) return false;
+        const auto ready = [&] { return node.gone || (node.streaming && !node.queued.empty()); };
+        if (!requeued_.wait_for(lock, std::chrono::seconds(5), ready) || node.gone) return false;
         const uint32_t index = node.queued.front();
         node.queued.pop_front();
         auto& memory = *node.buffers[index];
         const size_t size = std::min(bytes.size(), memory.size());
         std::memcpy(memory.data(), bytes.data(), size);
-        node.done.push_back({index, static_cast<uint32_t>(size), flags});
+        node.done.emplace_back(index, static_cast<uint32_t>(size), flags);
         signal(*node.owner);
-        return true;
+        const size_t requeues = node.requeues + 1;
+        return requeued_.wait_for(lock, std::chrono::seconds(5),
+                                  [&] { return node.requeues >= requeues; });
     }
 
-    // The camera is unplugged: its node is gone, every call on it fails with ENODEV and poll
-    // reports an error.
+    // Unplugged: its by-id links go, calls on the node fail with ENODEV and poll reports an error.
     void disappear(const std::string& path) {
         std::lock_guard lock(mutex_);
         Node& node = nodes_.at(path);
         node.gone = true;
         node.config.openErrno = ENODEV;
+        std::erase_if(links_, [&](const auto& link) { return link.targetPath == path; });
         for (auto& [fd, nodePath] : fds_) {
             if (nodePath == path) signal(fd);
         }
     }
 
-    // ---- observations -------------------------------------------------------------------------
-    [[nodiscard]] size_t openDescriptors() const {
+    // Descriptors and mappings the capture still holds.
+    [[nodiscard]] size_t openHandles() const {
         std::lock_guard lock(mutex_);
-        return fds_.size();
+        return fds_.size() + mappings_.size();
     }
-    [[nodiscard]] size_t activeMappings() const {
-        std::lock_guard lock(mutex_);
-        return mappings_.size();
-    }
-    [[nodiscard]] bool streaming(const std::string& path) const {
-        std::lock_guard lock(mutex_);
-        return nodes_.at(path).streaming;
-    }
-    // The last format set with VIDIOC_S_FMT.
-    [[nodiscard]] std::optional<v4l2_pix_format> lastSetFormat(const std::string& path) const {
-        std::lock_guard lock(mutex_);
-        return nodes_.at(path).lastSetFormat;
-    }
-    // Waits until the capture has given back `count` buffers in all (VIDIOC_QBUF after DQBUF).
-    bool waitForRequeues(const std::string& path, size_t count,
-                         std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
-        std::unique_lock lock(mutex_);
-        return requeued_.wait_for(lock, timeout, [&] { return nodes_.at(path).requeues >= count; });
-    }
-    // Waits until a buffer is queued, so that the next frame will not be lost.
-    bool waitForQueuedBuffer(const std::string& path,
-                             std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
-        std::unique_lock lock(mutex_);
-        return requeued_.wait_for(lock, timeout, [&] {
-            const Node& n = nodes_.at(path);
-            return n.streaming && !n.queued.empty();
-        });
-    }
-
-    // ---- V4l2Calls ----------------------------------------------------------------------------
+    // A vanished node stays listed; opening it fails with ENODEV.
     std::vector<std::string> videoNodePaths() override {
         std::lock_guard lock(mutex_);
-        std::vector<std::string> paths;
-        for (const auto& path : order_) {
-            if (!nodes_.at(path).gone) paths.push_back(path);
-        }
-        return paths;
+        return order_;
     }
     std::vector<linuxp::V4l2DeviceLink> deviceLinks() override {
         std::lock_guard lock(mutex_);
-        std::vector<linuxp::V4l2DeviceLink> links;
-        for (const auto& link : links_) {
-            auto it = nodes_.find(link.targetPath);
-            if (it == nodes_.end() || !it->second.gone) links.push_back(link);
-        }
-        return links;
+        return links_;
     }
 
     int open(const std::string& path, int) override {
@@ -207,76 +158,47 @@ public:
             case VIDIOC_QUERYCAP: {
                 auto* cap = static_cast<v4l2_capability*>(arg);
                 *cap = {};
-                copyText(cap->driver, sizeof cap->driver, "fake");
-                copyText(cap->card, sizeof cap->card, c.card);
-                copyText(cap->bus_info, sizeof cap->bus_info, c.busInfo);
-                cap->device_caps = c.deviceCaps;
-                cap->capabilities = c.deviceCaps | V4L2_CAP_DEVICE_CAPS;
+                std::snprintf(reinterpret_cast<char*>(cap->card), sizeof cap->card, "%s",
+                              c.card.c_str());
+                std::snprintf(reinterpret_cast<char*>(cap->bus_info), sizeof cap->bus_info, "%s",
+                              c.busInfo.c_str());
+                cap->capabilities = c.deviceCaps;
                 return 0;
             }
             case VIDIOC_ENUM_FMT: {
                 auto* d = static_cast<v4l2_fmtdesc*>(arg);
-                if (d->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || d->index >= c.formats.size()) {
-                    return fail(EINVAL);
-                }
+                if (d->index >= c.formats.size()) return fail(EINVAL);
                 d->pixelformat = c.formats[d->index].fourcc;
                 return 0;
             }
             case VIDIOC_ENUM_FRAMESIZES: {
                 auto* s = static_cast<v4l2_frmsizeenum*>(arg);
-                const FakePixelFormat* f = findFormat(c, s->pixel_format);
-                if (!f || s->index >= f->sizes.size()) return fail(EINVAL);
-                const FakeFrameSize& size = f->sizes[s->index];
-                s->type = size.type;
-                if (size.type == V4L2_FRMSIZE_TYPE_DISCRETE) {
-                    s->discrete = {size.range.max_width, size.range.max_height};
-                } else {
-                    if (s->index != 0) return fail(EINVAL);
-                    s->stepwise = size.range;
-                }
-                return 0;
-            }
-            case VIDIOC_ENUM_FRAMEINTERVALS: {
-                auto* i = static_cast<v4l2_frmivalenum*>(arg);
-                const FakePixelFormat* f = findFormat(c, i->pixel_format);
-                if (!f) return fail(EINVAL);
-                auto found = f->intervals.find({i->width, i->height});
-                if (found == f->intervals.end() || i->index >= found->second.size()) {
-                    return fail(EINVAL);
-                }
-                i->type = V4L2_FRMIVAL_TYPE_DISCRETE;
-                i->discrete = found->second[i->index];
+                const auto f = std::find_if(c.formats.begin(), c.formats.end(),
+                                            [&](auto& f) { return f.fourcc == s->pixel_format; });
+                if (f == c.formats.end() || s->index >= f->sizes.size()) return fail(EINVAL);
+                s->type = f->sizes[s->index].type;
+                s->stepwise = f->sizes[s->index].range;
                 return 0;
             }
             case VIDIOC_G_FMT: {
-                auto* f = static_cast<v4l2_format*>(arg);
-                if (f->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return fail(EINVAL);
-                f->fmt.pix = currentFormat(c);
+                static_cast<v4l2_format*>(arg)->fmt.pix = currentFormat(c);
                 return 0;
             }
             case VIDIOC_S_FMT: {
                 auto* f = static_cast<v4l2_format*>(arg);
-                if (c.busy || (node.owner && *node.owner != fd)) return fail(EBUSY);
-                if (node.streaming) return fail(EBUSY);
-                // Taken as asked: the capture only asks for what the device listed.
+                if (heldElsewhere(node, fd)) return fail(EBUSY);
                 node.config.currentFourcc = f->fmt.pix.pixelformat;
                 node.config.currentWidth = f->fmt.pix.width;
                 node.config.currentHeight = f->fmt.pix.height;
                 f->fmt.pix = currentFormat(node.config);
-                node.lastSetFormat = f->fmt.pix;
                 return 0;
             }
-            case VIDIOC_S_PARM:
-                return 0;
             case VIDIOC_REQBUFS: {
                 auto* r = static_cast<v4l2_requestbuffers*>(arg);
-                if (r->memory != V4L2_MEMORY_MMAP) return fail(EINVAL);
-                if (c.busy || (node.owner && *node.owner != fd)) return fail(EBUSY);
-                if (node.streaming) return fail(EBUSY);
+                if (heldElsewhere(node, fd)) return fail(EBUSY);
                 releaseQueue(node);
                 if (r->count == 0) return 0;
                 const v4l2_pix_format pix = currentFormat(c);
-                node.buffers.clear();
                 for (uint32_t i = 0; i < r->count; ++i) {
                     node.buffers.push_back(std::make_shared<std::vector<uint8_t>>(pix.sizeimage));
                 }
@@ -302,14 +224,10 @@ public:
                 auto* b = static_cast<v4l2_buffer*>(arg);
                 if (node.owner != fd || !node.streaming) return fail(EINVAL);
                 if (node.done.empty()) return fail(EAGAIN);
-                const Done d = node.done.front();
+                std::tie(b->index, b->bytesused, b->flags) = node.done.front();
                 node.done.pop_front();
                 uint64_t one = 0;
                 [[maybe_unused]] const ssize_t r = ::read(fd, &one, sizeof one);
-                b->index = d.index;
-                b->bytesused = d.bytesUsed;
-                b->flags = d.flags;
-                b->length = static_cast<uint32_t>(node.buffers[d.index]->size());
                 return 0;
             }
             case VIDIOC_STREAMON:
@@ -329,26 +247,20 @@ public:
     void* mmap(size_t length, int, int, int fd, off_t offset) override {
         std::lock_guard lock(mutex_);
         auto it = fds_.find(fd);
-        if (it == fds_.end()) {
-            errno = EBADF;
-            return MAP_FAILED;
-        }
-        Node& node = nodes_.at(it->second);
         const auto index = static_cast<size_t>(offset) / kOffsetStep;
-        if (node.owner != fd || index >= node.buffers.size() ||
-            length > node.buffers[index]->size()) {
+        Node* node = it == fds_.end() ? nullptr : &nodes_.at(it->second);
+        if (!node || node->owner != fd || index >= node->buffers.size() ||
+            length > node->buffers[index]->size()) {
             errno = EINVAL;
             return MAP_FAILED;
         }
-        void* address = node.buffers[index]->data();
-        mappings_[address] = node.buffers[index];
-        return address;
+        mappings_[node->buffers[index]->data()] = node->buffers[index];
+        return node->buffers[index]->data();
     }
 
     int munmap(void* address, size_t) override {
         std::lock_guard lock(mutex_);
-        if (mappings_.erase(address) == 0) return fail(EINVAL);
-        return 0;
+        return mappings_.erase(address) == 0 ? fail(EINVAL) : 0;
     }
 
     int poll(pollfd* fds, nfds_t count, int timeoutMs) override {
@@ -369,11 +281,6 @@ public:
 private:
     static constexpr uint32_t kOffsetStep = 0x10000;
 
-    struct Done {
-        uint32_t index;
-        uint32_t bytesUsed;
-        uint32_t flags;
-    };
     struct Node {
         FakeV4l2Node config;
         bool gone = false;
@@ -381,12 +288,14 @@ private:
         // Shared with the mappings: like the kernel's, a mapped buffer outlives its queue.
         std::vector<std::shared_ptr<std::vector<uint8_t>>> buffers;
         std::deque<uint32_t> queued;
-        std::deque<Done> done;
+        std::deque<std::tuple<uint32_t, uint32_t, uint32_t>> done;  // index, bytes used, flags
         bool streaming = false;
         size_t requeues = 0;
-        std::optional<v4l2_pix_format> lastSetFormat;
     };
 
+    static bool heldElsewhere(const Node& node, int fd) {
+        return node.config.busy || (node.owner && *node.owner != fd) || node.streaming;
+    }
     static int fail(int error) {
         errno = error;
         return -1;
@@ -400,22 +309,11 @@ private:
         while (::read(fd, &value, sizeof value) > 0) {
         }
     }
-    static void copyText(__u8* target, size_t capacity, const std::string& text) {
-        std::memset(target, 0, capacity);
-        std::memcpy(target, text.data(), std::min(text.size(), capacity - 1));
-    }
-    static const FakePixelFormat* findFormat(const FakeV4l2Node& c, uint32_t fourcc) {
-        for (const auto& f : c.formats) {
-            if (f.fourcc == fourcc) return &f;
-        }
-        return nullptr;
-    }
     static v4l2_pix_format currentFormat(const FakeV4l2Node& c) {
         v4l2_pix_format pix{};
         pix.width = c.currentWidth;
         pix.height = c.currentHeight;
         pix.pixelformat = c.currentFourcc;
-        pix.field = V4L2_FIELD_NONE;
         if (c.currentFourcc == V4L2_PIX_FMT_YUYV) {
             pix.bytesperline = c.currentWidth * 2 + c.bytesPerLinePadding;
             pix.sizeimage = pix.bytesperline * c.currentHeight;

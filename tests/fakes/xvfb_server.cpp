@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include "fakes/test_environment.h"
 
@@ -39,7 +40,6 @@ std::unique_ptr<XvfbServer> XvfbServer::start(const Options& options) {
     std::vector<std::string> args = {"Xvfb",      "-displayfd", std::to_string(fds[1]),
                                      "-screen",   "0",          screen,
                                      "-nolisten", "tcp",        "-noreset"};
-    args.insert(args.end(), options.extraArguments.begin(), options.extraArguments.end());
     ChildProcess::Options childOptions;
     childOptions.keepFd = fds[1];  // Xvfb writes the display number here
     auto process = std::make_unique<ChildProcess>(std::move(args), childOptions);

@@ -7,7 +7,6 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace gb::fakes {
 
@@ -19,7 +18,6 @@ public:
         int width = 1920;
         int height = 1080;
         int depth = 24;
-        std::vector<std::string> extraArguments;  // e.g. {"+extension", "RANDR"}
     };
 
     // The running server, or null (with a message on stderr) when Xvfb could not start.

@@ -1,20 +1,15 @@
-// The microphone and access checks against a PulseAudio server that each test starts for itself
-// in a temporary folder (a null sink whose monitor is the default source). What the microphone
-// hears, and its sync with the picture, is checked end to end (tests/e2e).
+// The microphone against a PulseAudio server the test starts for itself in a temporary folder (a
+// null sink whose monitor is the default source), and the camera access check. What the
+// microphone hears, its sync with the picture and a missing microphone are checked end to end.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 #include <condition_variable>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <sstream>
 #include <vector>
 
@@ -35,33 +30,14 @@ using fakes::ScopedEnvironment;
 using fakes::TempDirectory;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 constexpr int kRate = 44'100;
-
-int64_t millisecondsSince(int64_t startNanoseconds) {
-    return (monotonicNanoseconds() - startNanoseconds) / 1'000'000;
-}
-
-// A free TCP port on the loopback interface (free when asked; the server takes it right after).
-int freeLoopbackPort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
 
 // A PulseAudio server of the test's own. While it lives, this process's libpulse talks to it and
 // sees a temporary home, never the user's.
 class PrivatePulseServer {
 public:
-    // With `cookieTcpPort`, it also listens on TCP, for clients with the cookie only.
-    explicit PrivatePulseServer(bool nullSink = true, std::optional<int> cookieTcpPort = {}) {
+    PrivatePulseServer() {
         const std::string socket = dir_ / "native";
         address_ = "unix:" + socket;
         env_ = {{"HOME", dir_.path()},
@@ -78,32 +54,20 @@ public:
             "pulseaudio -n --daemonize=no --exit-idle-time=-1 --disallow-exit --use-pid-file=no "
             "--system=no --realtime=no --high-priority=no --log-target=stderr");
         std::vector<std::string> arguments(std::istream_iterator<std::string>(flags), {});
-        arguments.insert(arguments.end(), {"-L", "module-native-protocol-unix socket=" + socket +
-                                                     " auth-anonymous=1"});
-        if (nullSink) {
-            arguments.insert(arguments.end(), {"-L", "module-null-sink sink_name=gbtest", "-L",
-                                               "module-always-sink"});
-        }
-        if (cookieTcpPort) {
-            std::ofstream(dir_ / "server-cookie") << std::string(256, 'k');
-            arguments.insert(
-                arguments.end(),
-                {"-L", "module-native-protocol-tcp listen=127.0.0.1 port=" +
-                           std::to_string(*cookieTcpPort) + " auth-anonymous=0 auth-cookie=" +
-                           (dir_ / "server-cookie") + " auth-cookie-enabled=1"});
-        }
+        arguments.insert(
+            arguments.end(),
+            {"-L", "module-native-protocol-unix socket=" + socket + " auth-anonymous=1", "-L",
+             "module-null-sink sink_name=gbtest"});
         server_ = std::make_unique<ChildProcess>(arguments, childOptions("pulseaudio.log"));
         ready_ = fakes::eventually([&] { return pactl({"info"}) == 0; }, 10s);
-        if (ready_ && nullSink) ready_ = pactl({"set-default-source", "gbtest.monitor"}) == 0;
+        if (ready_) ready_ = pactl({"set-default-source", "gbtest.monitor"}) == 0;
     }
 
     [[nodiscard]] bool ready() const { return ready_; }
-    [[nodiscard]] const TempDirectory& dir() const { return dir_; }
     [[nodiscard]] std::string log() const {
         std::ifstream in(dir_ / "pulseaudio.log");
         return std::string(std::istreambuf_iterator<char>(in), {});
     }
-    void pointClientsAt(const std::string& address) { environment_.set("PULSE_SERVER", address); }
 
     int pactl(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), "pactl");
@@ -174,18 +138,6 @@ std::shared_ptr<CaptureInput> inputOf(const CaptureDeviceRef& device) {
     return made.ok() ? made.value() : nullptr;
 }
 
-// The requester's answer; the completion must run exactly once, before requestAccess returns.
-bool ask(PulseAccessRequester requester, MediaType type) {
-    int answers = 0;
-    bool granted = false;
-    requester.requestAccess(type, [&](bool value) {
-        ++answers;
-        granted = value;
-    });
-    EXPECT_EQ(answers, 1);
-    return granted;
-}
-
 class PulseMicrophoneTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -200,40 +152,39 @@ TEST_F(PulseMicrophoneTest, RecordsTheDefaultSourceInTimeAndStopsPromptly) {
     const CaptureDeviceRef device = defaultPulseMicrophone();
     ASSERT_NE(device, nullptr) << server.log();
     EXPECT_EQ(device->info().uniqueID, "gbtest.monitor");
-    EXPECT_THAT(device->info().localizedName, StartsWith("Monitor of"));
     const auto input = inputOf(device);
     ASSERT_NE(input, nullptr);
     CaptureSource& source = fakes::sourceOf(input);
-    source.stop();  // not started: nothing to do
     LogCapture logs;
     Collector collector;
     ASSERT_TRUE(source.start(collector.deliver()).ok());
     EXPECT_FALSE(source.start(collector.deliver()).ok());  // one recording at a time
     ASSERT_TRUE(collector.waitForSeconds(1.5, 10s));
-    const int64_t stopStarted = monotonicNanoseconds();
-    source.stop();
-    EXPECT_LT(millisecondsSince(stopStarted), 500);
+    const auto stop = [&] {
+        const auto started = std::chrono::steady_clock::now();
+        source.stop();
+        EXPECT_LT(std::chrono::steady_clock::now() - started, 500ms);
+    };
+    stop();
     const size_t deliveredAtStop = collector.deliveries().size();
     std::this_thread::sleep_for(100ms);
     const auto deliveries = collector.deliveries();
     EXPECT_EQ(deliveries.size(), deliveredAtStop) << "delivered after stop() returned";
     ASSERT_GT(deliveries.size(), 20u);
-    EXPECT_THAT(logs.linesStartingWith({"Microphone capture stopped: "}),
-                ElementsAre("Microphone capture stopped: " + std::to_string(deliveries.size()) +
-                            " buffers delivered, 0 dropped"));
+    EXPECT_TRUE(logs.contains("Microphone capture stopped: " + std::to_string(deliveries.size()) +
+                              " buffers delivered, 0 dropped"));
     for (size_t i = 0; i < deliveries.size(); ++i) {
         const Delivery& d = deliveries[i];
         ASSERT_GT(d.frames, 0) << i;
         EXPECT_EQ(d.duration, MediaTime::make(d.frames, kRate));
-        const int64_t end = d.startNanoseconds + d.duration.nanoseconds();
         if (i > 0) {
             const Delivery& p = deliveries[i - 1];
             const int64_t gap = d.startNanoseconds - p.startNanoseconds - p.duration.nanoseconds();
             EXPECT_LE(std::abs(gap), 3'000'000) << "gap at " << i;
         }
-        // Recorded before it arrived. A little after is the timeline's smoothing, or a first
-        // measurement taken late on a busy machine, being worked off.
-        EXPECT_LE(end, d.arrivalNanoseconds + 20'000'000) << i;
+        // Recorded before it arrived (give or take the timeline's smoothing).
+        EXPECT_LE(d.startNanoseconds + d.duration.nanoseconds(), d.arrivalNanoseconds + 20'000'000)
+            << i;
     }
     // It records again after a stop; a server that dies then ends the stream with one line.
     Collector again;
@@ -241,52 +192,9 @@ TEST_F(PulseMicrophoneTest, RecordsTheDefaultSourceInTimeAndStopsPromptly) {
     ASSERT_TRUE(again.waitForSeconds(0.2, 5s));
     server.kill(SIGKILL);
     EXPECT_TRUE(logs.waitForContaining("⚠️ Microphone stream ended: ", 5s));
-    const size_t deliveredAfterDeath = again.deliveries().size();
-    std::this_thread::sleep_for(200ms);
-    EXPECT_EQ(again.deliveries().size(), deliveredAfterDeath);
-    const int64_t secondStop = monotonicNanoseconds();
-    source.stop();
-    source.stop();
-    EXPECT_LT(millisecondsSince(secondStop), 500);
+    stop();
     EXPECT_THAT(logs.linesStartingWith({"⚠️ Microphone stream ended: "}),
                 ElementsAre(HasSubstr("Connection terminated")));
-}
-
-TEST_F(PulseMicrophoneTest, ServerThatNeverAnswersMeansNoMicrophoneWithinTwoSeconds) {
-    TempDirectory dir;
-    ScopedEnvironment environment;
-    for (const char* name : {"HOME", "XDG_RUNTIME_DIR", "PULSE_RUNTIME_PATH"})
-        environment.set(name, dir.path());
-    environment.unset("DISPLAY");
-    // A socket that takes the connection and never answers.
-    const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-    const std::string path = dir / "silent";
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    ASSERT_EQ(::listen(listener, 4), 0);
-    environment.set("PULSE_SERVER", "unix:" + path);
-    const int64_t started = monotonicNanoseconds();
-    EXPECT_EQ(defaultPulseMicrophone(), nullptr);
-    EXPECT_LT(millisecondsSince(started), 2000);
-    // Without an answer the microphone is not refused: set-up reports it missing instead.
-    EXPECT_TRUE(ask(PulseAccessRequester(dir.path(), 300ms), MediaType::audio));
-    ::close(listener);
-}
-
-TEST_F(PulseMicrophoneTest, AServerWithoutSourcesOrThatRefusesUsHasNoMicrophone) {
-    const int port = freeLoopbackPort();
-    PrivatePulseServer server(/*nullSink=*/false, port);
-    ASSERT_TRUE(server.ready()) << server.log();
-    LogCapture logs;
-    EXPECT_EQ(defaultPulseMicrophone(), nullptr);
-    EXPECT_EQ(logs.countPrefix("No microphone: the sound server has no default input"), 1u);
-    const PulseAccessRequester requester(server.dir().path());
-    EXPECT_TRUE(ask(requester, MediaType::audio));  // the private socket lets anyone in
-    // Over TCP the server wants its cookie, which this client does not have.
-    server.pointClientsAt("tcp:127.0.0.1:" + std::to_string(port));
-    EXPECT_FALSE(ask(requester, MediaType::audio));
-    EXPECT_EQ(logs.countPrefix("❌ Microphone access refused by the sound server: "), 1u);
 }
 
 TEST(PulseAccessTest, CameraIsRefusedOnlyWhenNoVideoNodeCanBeOpened) {
@@ -308,7 +216,6 @@ TEST(PulseAccessTest, CameraIsRefusedOnlyWhenNoVideoNodeCanBeOpened) {
     EXPECT_FALSE(granted());
     ::chmod((devices / "video1").c_str(), 0666);
     EXPECT_TRUE(granted());
-    EXPECT_TRUE(ask(PulseAccessRequester(devices.path()), MediaType::video));
 }
 
 }  // namespace

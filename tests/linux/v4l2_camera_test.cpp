@@ -9,7 +9,6 @@
 #include <cmath>
 #include <cstdio>
 #include <memory>
-#include <tuple>
 #include <vector>
 
 #include "fakes/fake_v4l2.h"
@@ -122,39 +121,22 @@ FakeV4l2Node smallCamera(uint32_t fourcc, uint32_t width, uint32_t height,
 
 using Sizes = std::vector<CameraFormat>;
 
-std::shared_ptr<V4l2CameraDevice> onlyCamera(FakeV4l2& fake) {
-    auto cameras = discoverV4l2Cameras(fake);
-    if (cameras.size() != 1) return nullptr;
-    return std::dynamic_pointer_cast<V4l2CameraDevice>(cameras.front());
-}
-
 // One camera node in a fake device world, and the capture source of its input.
 class V4l2CaptureTest : public ::testing::Test {
 protected:
     // Adds the node and makes the input of its camera; null when that fails.
     CaptureSource* capture(FakeV4l2Node node) {
         fake.addNode(std::move(node));
-        camera = onlyCamera(fake);
-        if (!camera) return nullptr;
+        const auto cameras = discoverV4l2Cameras(fake);
+        if (cameras.size() != 1) return nullptr;
+        camera = std::dynamic_pointer_cast<V4l2CameraDevice>(cameras.front());
         auto made = camera->makeInput();
         if (!made.ok()) return nullptr;
         input = made.value();
         return &fakes::sourceOf(input);
     }
-    // Waits for a queued buffer, fills it and waits until `requeues` buffers came back.
-    void push(const std::vector<uint8_t>& frame, size_t requeues, uint32_t flags = 0) {
-        ASSERT_TRUE(fake.waitForQueuedBuffer(kPath));
+    void push(const std::vector<uint8_t>& frame, uint32_t flags = 0) {
         ASSERT_TRUE(fake.pushFrame(kPath, frame, flags));
-        ASSERT_TRUE(fake.waitForRequeues(kPath, requeues));
-    }
-    void choose(int formatIndex) {
-        ASSERT_TRUE(camera->lockForConfiguration().ok());
-        camera->setActiveFormat(formatIndex);
-        camera->unlockForConfiguration();
-    }
-    void expectReleased() {
-        EXPECT_EQ(fake.openDescriptors(), 0U);
-        EXPECT_EQ(fake.activeMappings(), 0U);
     }
 
     LogCapture log;
@@ -168,79 +150,29 @@ TEST(V4l2CameraDiscovery, ListsCaptureNodesInDeviceOrderWithTheirConvertibleSize
     FakeV4l2 fake;
     fake.addNode(webcam());
     fake.addNode(webcam("/dev/video1", 0, V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING));
-    fake.addNode(webcam(
-        "/dev/video2", 0,
-        V4L2_CAP_VIDEO_M2M | V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING));
-    fake.addNode(webcam("/dev/video3", EACCES));
     FakeV4l2Node stepwise = smallCamera(V4L2_PIX_FMT_MJPEG, 640, 480, "/dev/video4");
-    stepwise.formats[0].sizes = {FakeFrameSize::stepwise(160, 120, 1920, 1080, 16, 8)};
+    stepwise.formats[0].sizes = {{V4L2_FRMSIZE_TYPE_STEPWISE, {160, 1920, 16, 120, 1080, 8}}};
     stepwise.card = "Desk Cam";
     stepwise.busInfo = "usb-0000:00:14.0-3";
     fake.addNode(stepwise);
-    FakeV4l2Node tiny = smallCamera(V4L2_PIX_FMT_YUYV, 96, 96, "/dev/video5");
-    tiny.formats[0].sizes = {FakeFrameSize::stepwise(32, 32, 96, 96, 2, 2)};
-    fake.addNode(tiny);
     fake.addLink("usb-Acme_HD_Webcam_0001-video-index0", "/dev/video0");
     fake.addLink("usb-Acme_HD_Webcam_0001-video-index1", "/dev/video1");
     const auto cameras = discoverV4l2Cameras(fake);
-    ASSERT_EQ(cameras.size(), 3U);
+    ASSERT_EQ(cameras.size(), 2U);
     const CameraDeviceInfo info = cameras[0]->info();
-    EXPECT_EQ(cameras[0]->mediaType(), MediaType::video);
     EXPECT_EQ(info.localizedName, "HD Webcam");
     EXPECT_EQ(info.uniqueID, "usb-Acme_HD_Webcam_0001-video-index0");
-    EXPECT_TRUE(info.connected);
-    EXPECT_FALSE(info.suspended);
+    EXPECT_TRUE(info.connected && !info.suspended);
     // H.264 is skipped; 1280x720 appears once although two formats offer it.
     EXPECT_EQ(info.formats, (Sizes{{640, 480}, {1280, 720}, {1920, 1080}, {320, 240}}));
     EXPECT_EQ(info.activeFormatIndex, 1);  // VIDIOC_G_FMT says 1280x720
-    EXPECT_EQ(log.count("📷 Skipping camera node /dev/video3: Permission denied"), 1U);
     // Without a by-id link: bus and card. Ranges offer the common sizes that fit (960x540 is
-    // off the 8-line step from 120), or else the largest the range allows.
+    // off the 8-line step from 120).
     EXPECT_EQ(cameras[1]->info().uniqueID, "usb-0000:00:14.0-3/Desk Cam");
     EXPECT_EQ(cameras[1]->info().formats,
               (Sizes{{320, 240}, {640, 480}, {1280, 720}, {1920, 1080}}));
     EXPECT_EQ(cameras[1]->info().activeFormatIndex, 1);
-    EXPECT_EQ(cameras[2]->info().formats, (Sizes{{96, 96}}));
-    EXPECT_EQ(fake.openDescriptors(), 0U);
-}
-
-TEST_F(V4l2CaptureTest, EachSizeUsesThePixelFormatThatReachesThirtyFramesCheapestAtStart) {
-    FakeV4l2Node node = webcam();
-    node.formats = {
-        FakePixelFormat{V4L2_PIX_FMT_MJPEG,
-                        {FakeFrameSize::discrete(1280, 720), FakeFrameSize::discrete(640, 480)}},
-        FakePixelFormat{V4L2_PIX_FMT_YUYV,
-                        {FakeFrameSize::discrete(640, 480), FakeFrameSize::discrete(1280, 720)}},
-    };
-    node.formats[0].intervals[{1280, 720}] = {{1, 60}, {1, 30}, {1, 15}};
-    node.formats[0].intervals[{640, 480}] = {{1, 30}};
-    node.formats[1].intervals[{640, 480}] = {{1, 30}, {1, 15}};
-    node.formats[1].intervals[{1280, 720}] = {{1, 10}, {1, 5}};  // USB 2 bandwidth
-    CaptureSource* source = capture(node);
-    ASSERT_NE(source, nullptr);
-    ASSERT_EQ(camera->info().formats, (Sizes{{1280, 720}, {640, 480}}));
-    ASSERT_EQ(camera->info().activeFormatIndex, 0);
-    camera->setActiveFormat(1);  // not locked
-    EXPECT_EQ(camera->info().activeFormatIndex, 0);
-    EXPECT_EQ(log.countContaining("not locked for configuration"), 1U);
-    // Both reach 30 frames at 640x480: the one that needs no decoding.
-    choose(1);
-    choose(99);  // ignored
-    EXPECT_EQ(camera->info().activeFormatIndex, 1);
-    EXPECT_EQ(camera->chosenFormat().pixelFormat, static_cast<uint32_t>(V4L2_PIX_FMT_YUYV));
-    choose(0);
-    const V4l2Format hd = camera->chosenFormat();
-    EXPECT_EQ(hd.pixelFormat, static_cast<uint32_t>(V4L2_PIX_FMT_MJPEG));  // YUYV makes only 10
-    EXPECT_EQ(hd.intervalNumerator, 1U);
-    EXPECT_EQ(hd.intervalDenominator, 30U);  // not 60: frames beyond the screen's rate are waste
-    EXPECT_FALSE(fake.lastSetFormat(kPath).has_value());  // nothing applied before the capture
-    FrameCollector frames;
-    ASSERT_TRUE(source->start(frames.deliver()).ok());
-    source->stop();
-    const auto set = fake.lastSetFormat(kPath);
-    ASSERT_TRUE(set.has_value());
-    EXPECT_EQ(std::tuple(set->pixelformat, set->width, set->height),
-              std::tuple(static_cast<uint32_t>(V4L2_PIX_FMT_MJPEG), 1280U, 720U));
+    EXPECT_EQ(fake.openHandles(), 0U);
 }
 
 TEST_F(V4l2CaptureTest, DeviceHeldByAnotherProgramIsSuspendedAndRefusesTheLockAndTheStart) {
@@ -257,7 +189,7 @@ TEST_F(V4l2CaptureTest, DeviceHeldByAnotherProgramIsSuspendedAndRefusesTheLockAn
         EXPECT_EQ(refused.error().localizedDescription,
                   "Camera HD Webcam is in use by another program");
     }
-    EXPECT_EQ(fake.openDescriptors(), 0U);
+    EXPECT_EQ(fake.openHandles(), 0U);
     // Free again; and our own capture does not make it look busy.
     fake.setBusy(kPath, false);
     EXPECT_FALSE(camera->info().suspended);
@@ -266,14 +198,6 @@ TEST_F(V4l2CaptureTest, DeviceHeldByAnotherProgramIsSuspendedAndRefusesTheLockAn
     EXPECT_TRUE(camera->lockForConfiguration().ok());
     camera->unlockForConfiguration();
     source->stop();
-    // A driver that refuses even to open a busy node.
-    FakeV4l2 other;
-    other.addNode(webcam(kPath, EBUSY));
-    other.addLink("usb-Acme_HD_Webcam_0001-video-index0", kPath);
-    auto busy = onlyCamera(other);
-    ASSERT_TRUE(busy && busy->info().suspended);
-    EXPECT_EQ(busy->info().uniqueID, "usb-Acme_HD_Webcam_0001-video-index0");
-    EXPECT_FALSE(busy->lockForConfiguration().ok());
 }
 
 TEST_F(V4l2CaptureTest, YuyvFramesArriveAsStampedBgraAndDropWhileEveryPoolSlotIsHeld) {
@@ -284,18 +208,16 @@ TEST_F(V4l2CaptureTest, YuyvFramesArriveAsStampedBgraAndDropWhileEveryPoolSlotIs
     const auto frame = yuyvHalves(64, 32, 64 * 2 + 32, kRed, kBlue);
     FrameCollector slowConsumer(/*holdAll=*/true);
     ASSERT_TRUE(source->start(slowConsumer.deliver()).ok());
-    EXPECT_TRUE(fake.streaming(kPath));
-    push(std::vector<uint8_t>(frame.begin(), frame.begin() + frame.size() / 2), 1);  // truncated
+    push(std::vector<uint8_t>(frame.begin(), frame.begin() + frame.size() / 2));  // truncated
     const int64_t before = monotonicNanoseconds();
-    push(frame, 2);
+    push(frame);
     ASSERT_TRUE(slowConsumer.waitForCount(1));
     const int64_t after = monotonicNanoseconds();
-    for (size_t i = 3; i <= 8; ++i) push(frame, i);
+    for (int i = 0; i < 6; ++i) push(frame);
     // The capture thread waits on an idle camera; dropping the input stops it at once.
     const auto begin = std::chrono::steady_clock::now();
     input.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
-    EXPECT_FALSE(fake.streaming(kPath));
     EXPECT_EQ(log.count("📷 Camera Small Cam: 4 frames delivered, 3 dropped (no free buffer), "
                         "1 unreadable"),
               1U);
@@ -309,7 +231,7 @@ TEST_F(V4l2CaptureTest, YuyvFramesArriveAsStampedBgraAndDropWhileEveryPoolSlotIs
     EXPECT_EQ(image.pixelFormat(), kPixelFormatBGRA);
     expectHalves(image, kRed, kBlue, 6);
     slowConsumer.release();
-    expectReleased();
+    EXPECT_EQ(fake.openHandles(), 0U);
 }
 
 TEST_F(V4l2CaptureTest, MjpegIsDecodedCorruptFramesCountedAndAVanishedCameraEndsTheStream) {
@@ -322,9 +244,9 @@ TEST_F(V4l2CaptureTest, MjpegIsDecodedCorruptFramesCountedAndAVanishedCameraEnds
     ASSERT_TRUE(source->start(frames.deliver()).ok());
     ASSERT_FALSE(source->start(frames.deliver()).ok());  // already running
     // More unreadable frames than the pool has slots: none may keep its slot.
-    for (size_t i = 1; i <= 5; ++i) push(std::vector<uint8_t>(500, 0x5a), i);  // not a JPEG
-    push(jpeg, 6, V4L2_BUF_FLAG_ERROR);  // the driver flagged it
-    push(jpeg, 7);
+    for (int i = 0; i < 5; ++i) push(std::vector<uint8_t>(500, 0x5a));  // not a JPEG
+    push(jpeg, V4L2_BUF_FLAG_ERROR);                                    // the driver flagged it
+    push(jpeg);
     ASSERT_TRUE(frames.waitForCount(1));
     const PixelBuffer& image = *frames.last()->imageBuffer();
     EXPECT_TRUE(image.width() == 64 && image.height() == 48);
@@ -332,20 +254,17 @@ TEST_F(V4l2CaptureTest, MjpegIsDecodedCorruptFramesCountedAndAVanishedCameraEnds
 
     fake.disappear(kPath);
     ASSERT_TRUE(log.waitForContaining("stopped delivering frames"));
-    EXPECT_FALSE(fake.pushFrame(kPath, jpeg));
     const auto begin = std::chrono::steady_clock::now();
     source->stop();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
-    source->stop();  // again: nothing happens
     EXPECT_EQ(frames.count(), 1U);
     EXPECT_EQ(log.count("📷 Camera Small Cam stopped delivering frames (No such device) - the "
                         "recording goes on without new camera frames"),
               1U);
-    EXPECT_EQ(log.countContaining("stopped delivering"), 1U);
     EXPECT_EQ(log.count("📷 Camera Small Cam: 1 frames delivered, 0 dropped (no free buffer), "
                         "6 unreadable"),
               1U);
-    expectReleased();
+    EXPECT_EQ(fake.openHandles(), 0U);
     const CameraDeviceInfo info = camera->info();
     EXPECT_FALSE(info.connected);
     EXPECT_EQ(info.localizedName, "Small Cam");  // the last known description stays
