@@ -40,23 +40,5 @@ TEST(VSCodeIntegrationConcurrencyTest, OverlappingSequencesKeepWholeState) {
     EXPECT_EQ(stable->activations() * 3, static_cast<int>(runner.scripts().size()));
 }
 
-TEST(VSCodeIntegrationConcurrencyTest, SharedInstanceMayBeReconfiguredWhileUsed) {
-    static fakes::FakeApplicationFinder finder;
-    static fakes::RecordingScriptRunner first;
-    static fakes::RecordingScriptRunner second;
-    static fakes::FakeSleeper sleeper;
-    finder.launch("com.microsoft.VSCode");
-    VSCodeIntegration::configureShared(finder, first, sleeper);
-    {
-        std::jthread user([] {
-            for (int i = 0; i < 100; ++i) (void)VSCodeIntegration::shared().openCommandPalette();
-        });
-        for (int i = 0; i < 100; ++i) {
-            VSCodeIntegration::configureShared(finder, i % 2 == 0 ? second : first, sleeper);
-        }
-    }
-    EXPECT_EQ(first.scripts().size() + second.scripts().size(), 100u);
-}
-
 }  // namespace
 }  // namespace gb

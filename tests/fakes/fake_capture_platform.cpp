@@ -12,38 +12,6 @@ const char* typeName(MediaType type) {
 
 }  // namespace
 
-// ---- screen input ------------------------------------------------------------------------------
-
-// ---- outputs -----------------------------------------------------------------------------------
-
-void FakeOutputState::setDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
-                                  std::shared_ptr<SerialQueue> queue) {
-    std::lock_guard lock(mutex_);
-    delegate_ = std::move(delegate);
-    queue_ = std::move(queue);
-    delegateSet_ = true;
-}
-
-void FakeOutputState::deliver(CaptureOutput& self, std::weak_ptr<CaptureOutput> selfRef,
-                              const SampleBufferRef& sample) {
-    std::weak_ptr<CaptureOutputDelegate> delegate;
-    std::shared_ptr<SerialQueue> queue;
-    {
-        std::lock_guard lock(mutex_);
-        delegate = delegate_;
-        queue = queue_;
-    }
-    if (!queue) return;
-    // Like the platform: the output stays alive while a delivery is pending.
-    std::shared_ptr<CaptureOutput> keepAlive = selfRef.lock();
-    CaptureOutput* output = &self;
-    queue->async([delegate, keepAlive, output, sample] {
-        if (auto d = delegate.lock()) d->captureOutput(*output, sample);
-    });
-}
-
-// ---- session -----------------------------------------------------------------------------------
-
 struct FakeCaptureSession::CallScope {
     explicit CallScope(FakeCaptureSession& s) : session(s) {
         if (session.inCall_.fetch_add(1) != 0) session.overlapping_.store(true);
@@ -59,7 +27,6 @@ void FakeCaptureSession::note(std::string entry, bool isChange) {
 
 void FakeCaptureSession::beginConfiguration() {
     std::lock_guard lock(mutex_);
-    ++begins_;
     ++openTransactions_;
     note("begin", false);
 }
@@ -101,9 +68,9 @@ void FakeCaptureSession::addOutput(std::shared_ptr<CaptureOutput> output) {
     note(std::string("addOutput ") + typeName(output->mediaType()), true);
     bool hasDelegate = false;
     if (auto* v = dynamic_cast<FakeVideoDataOutput*>(output.get())) {
-        hasDelegate = v->state().hasDelegate() && v->videoSettings().has_value();
+        hasDelegate = v->hasDelegate() && v->videoSettings().has_value();
     } else if (auto* a = dynamic_cast<FakeAudioDataOutput*>(output.get())) {
-        hasDelegate = a->state().hasDelegate();
+        hasDelegate = a->hasDelegate();
     }
     if (!hasDelegate) ++outputsWithoutDelegate_;
     outputs_.push_back(std::move(output));
@@ -144,24 +111,13 @@ void FakeCaptureSession::stopRunning() {
     if (calls_) calls_->add(name_ + ".stopRunning");
 }
 
-void FakeCaptureSession::clearJournal() {
-    std::lock_guard lock(mutex_);
-    journal_.clear();
-}
-
-// ---- device ------------------------------------------------------------------------------------
-
 CameraDeviceInfo FakeCaptureDevice::info() const {
-    std::lock_guard lock(mutex_);
-    ++infoReads_;
-    if (later_ && infoReads_ > later_->first) return later_->second;
-    return info_;
+    return lockedCopy(mutex_, info_);
 }
 
 Result<void> FakeCaptureDevice::lockForConfiguration() {
     std::lock_guard lock(mutex_);
     ++locks_;
-    if (lockError_) return *lockError_;
     locked_ = true;
     return {};
 }
@@ -179,8 +135,6 @@ void FakeCaptureDevice::unlockForConfiguration() {
     locked_ = false;
 }
 
-// ---- factory -----------------------------------------------------------------------------------
-
 FakeCaptureFactory::FakeCaptureFactory()
     : microphone_(std::make_shared<FakeCaptureDevice>(
           cameraInfo("Built-in Microphone", "mic-0", {}), MediaType::audio)) {}
@@ -192,12 +146,9 @@ std::shared_ptr<CaptureSession> FakeCaptureFactory::makeSession() {
     return session;
 }
 
-std::shared_ptr<ScreenInput> FakeCaptureFactory::makeScreenInput(uint32_t displayID) {
-    std::lock_guard lock(mutex_);
-    if (!screenCaptureAllowed_) return nullptr;
-    auto input = std::make_shared<FakeScreenInput>(displayID);
-    screenInputs_.push_back(input);
-    return input;
+std::shared_ptr<ScreenInput> FakeCaptureFactory::makeScreenInput(uint32_t) {
+    if (!lockedCopy(mutex_, screenCaptureAllowed_)) return nullptr;
+    return std::make_shared<FakeScreenInput>();
 }
 
 std::vector<CaptureDeviceRef> FakeCaptureFactory::discoverVideoDevices() {
@@ -213,9 +164,7 @@ Result<std::shared_ptr<CaptureInput>> FakeCaptureFactory::makeDeviceInput(
         failure != inputFailures_.end()) {
         return failure->second;
     }
-    auto input = std::make_shared<FakeDeviceInput>(device, device->mediaType());
-    deviceInputs_.push_back(input);
-    return std::shared_ptr<CaptureInput>(input);
+    return std::shared_ptr<CaptureInput>(std::make_shared<FakeDeviceInput>(device->mediaType()));
 }
 
 std::shared_ptr<VideoDataOutput> FakeCaptureFactory::makeVideoDataOutput() {

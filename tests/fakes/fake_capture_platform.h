@@ -1,6 +1,6 @@
 // Fakes of the capture platform: sessions that record every call and answer the can-add
 // questions from switches, inputs, outputs that deliver through their queue like the platform,
-// devices with settable descriptions, and a factory whose every creation can fail on demand.
+// devices that record their configuration, and a factory whose creations can fail on demand.
 // Thread-safe enough for a recording queue to deliver while a test thread configures.
 #pragma once
 
@@ -23,89 +23,63 @@ namespace gb::fakes {
 
 class FakeScreenInput final : public ScreenInput {
 public:
-    explicit FakeScreenInput(uint32_t displayID) : displayID_(displayID) {}
-    void setMinFrameDuration(MediaTime duration) override {
-        lockedSet(mutex_, minFrameDuration_, duration);
-    }
-    [[nodiscard]] uint32_t displayID() const { return displayID_; }
-    [[nodiscard]] std::optional<MediaTime> minFrameDuration() const {
-        return lockedCopy(mutex_, minFrameDuration_);
-    }
-
-private:
-    const uint32_t displayID_;
-    mutable std::mutex mutex_;
-    std::optional<MediaTime> minFrameDuration_;  // guarded by mutex_
+    void setMinFrameDuration(MediaTime) override {}
 };
 
 // The input made for a device (microphone or camera).
 class FakeDeviceInput final : public CaptureInput {
 public:
-    FakeDeviceInput(std::shared_ptr<CaptureDevice> device, MediaType type)
-        : device_(std::move(device)), type_(type) {}
+    explicit FakeDeviceInput(MediaType type) : type_(type) {}
     [[nodiscard]] MediaType mediaType() const override { return type_; }
-    [[nodiscard]] const std::shared_ptr<CaptureDevice>& device() const { return device_; }
 
 private:
-    std::shared_ptr<CaptureDevice> device_;
-    MediaType type_;
+    const MediaType type_;
 };
 
-// Remembers its delegate and queue; deliver() posts the sample to the queue like the platform.
-class FakeOutputState {
+// Remembers its delegate and queue; deliver() posts the sample to the queue like the platform,
+// keeping the output alive while the delivery is pending.
+template <class Base>
+class FakeDataOutput : public Base, public std::enable_shared_from_this<FakeDataOutput<Base>> {
 public:
-    void setDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
-                     std::shared_ptr<SerialQueue> queue);
-    [[nodiscard]] std::weak_ptr<CaptureOutputDelegate> delegate() const {
-        return lockedCopy(mutex_, delegate_);
+    void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
+                                 std::shared_ptr<SerialQueue> queue) override {
+        std::lock_guard lock(mutex_);
+        delegate_ = std::move(delegate);
+        queue_ = std::move(queue);
+        delegateSet_ = true;
     }
-    [[nodiscard]] std::shared_ptr<SerialQueue> queue() const { return lockedCopy(mutex_, queue_); }
     [[nodiscard]] bool hasDelegate() const { return lockedCopy(mutex_, delegateSet_); }
-    // Posts the hand-off to the queue; the delegate is looked up when the closure runs.
-    void deliver(CaptureOutput& self, std::weak_ptr<CaptureOutput> selfRef,
-                 const SampleBufferRef& sample);
+    void deliver(const SampleBufferRef& sample) {
+        const auto queue = lockedCopy(mutex_, queue_);
+        if (!queue) return;
+        queue->async(
+            [delegate = lockedCopy(mutex_, delegate_), self = this->shared_from_this(), sample] {
+                if (auto d = delegate.lock()) d->captureOutput(*self, sample);
+            });
+    }
+
+protected:
+    mutable std::mutex mutex_;
 
 private:
-    mutable std::mutex mutex_;
     std::weak_ptr<CaptureOutputDelegate> delegate_;  // guarded by mutex_
     std::shared_ptr<SerialQueue> queue_;             // guarded by mutex_
     bool delegateSet_ = false;                       // guarded by mutex_
 };
 
-class FakeVideoDataOutput final : public VideoDataOutput,
-                                  public std::enable_shared_from_this<FakeVideoDataOutput> {
+using FakeAudioDataOutput = FakeDataOutput<AudioDataOutput>;
+
+class FakeVideoDataOutput final : public FakeDataOutput<VideoDataOutput> {
 public:
-    void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
-                                 std::shared_ptr<SerialQueue> queue) override {
-        state_.setDelegate(std::move(delegate), std::move(queue));
-    }
     void setVideoSettings(const VideoOutputSettings& settings) override {
         lockedSet(mutex_, settings_, settings);
     }
     [[nodiscard]] std::optional<VideoOutputSettings> videoSettings() const {
         return lockedCopy(mutex_, settings_);
     }
-    [[nodiscard]] const FakeOutputState& state() const { return state_; }
-    void deliver(const SampleBufferRef& sample) { state_.deliver(*this, weak_from_this(), sample); }
 
 private:
-    FakeOutputState state_;
-    mutable std::mutex mutex_;
     std::optional<VideoOutputSettings> settings_;  // guarded by mutex_
-};
-
-class FakeAudioDataOutput final : public AudioDataOutput,
-                                  public std::enable_shared_from_this<FakeAudioDataOutput> {
-public:
-    void setSampleBufferDelegate(std::weak_ptr<CaptureOutputDelegate> delegate,
-                                 std::shared_ptr<SerialQueue> queue) override {
-        state_.setDelegate(std::move(delegate), std::move(queue));
-    }
-    [[nodiscard]] const FakeOutputState& state() const { return state_; }
-    void deliver(const SampleBufferRef& sample) { state_.deliver(*this, weak_from_this(), sample); }
-
-private:
-    FakeOutputState state_;
 };
 
 // Records every call as a journal line ("begin", "commit", "addInput video", "removeOutput
@@ -146,9 +120,8 @@ public:
     void setSwitches(Switches switches) { lockedSet(mutex_, switches_, switches); }
     [[nodiscard]] int startCount() const { return lockedCopy(mutex_, starts_); }
     [[nodiscard]] bool overlappingCallSeen() const { return overlapping_.load(); }
-    [[nodiscard]] int beginCount() const { return lockedCopy(mutex_, begins_); }
     [[nodiscard]] std::vector<std::string> journal() const { return lockedCopy(mutex_, journal_); }
-    void clearJournal();
+    void clearJournal() { lockedSet(mutex_, journal_, std::vector<std::string>{}); }
     // Changes made while no transaction was open (should stay 0 for set-ups).
     [[nodiscard]] int changesOutsideTransaction() const {
         return lockedCopy(mutex_, changesOutside_);
@@ -173,13 +146,12 @@ private:
     std::vector<std::shared_ptr<CaptureOutput>> outputs_;  // guarded by mutex_
     std::vector<std::string> journal_;                     // guarded by mutex_
     int openTransactions_ = 0;                             // guarded by mutex_
-    int begins_ = 0;                                       // guarded by mutex_
     int changesOutside_ = 0;                               // guarded by mutex_
     int outputsWithoutDelegate_ = 0;                       // guarded by mutex_
     bool running_ = false;                                 // guarded by mutex_
 };
 
-// A camera or microphone with a settable description; its configuration lock can fail.
+// A camera or microphone; records its configuration calls.
 class FakeCaptureDevice final : public CaptureDevice {
 public:
     explicit FakeCaptureDevice(CameraDeviceInfo info, MediaType type = MediaType::video)
@@ -191,37 +163,23 @@ public:
     void setActiveFormat(int formatIndex) override;
     void unlockForConfiguration() override;
 
-    void setInfo(CameraDeviceInfo info) { lockedSet(mutex_, info_, std::move(info)); }
-    // After `reads` more readings, info() answers `later`: a device that changes state (gets
-    // suspended, say) between two readings.
-    void setInfoAfterReads(int reads, CameraDeviceInfo later) {
-        lockedSet(mutex_, later_, std::make_pair(infoReads_ + reads, std::move(later)));
-    }
-    // The next locks fail with this error (nothing: they succeed).
-    void setLockFailure(std::optional<PlatformError> error) {
-        lockedSet(mutex_, lockError_, std::move(error));
-    }
     [[nodiscard]] std::vector<int> activeFormatChanges() const {
         return lockedCopy(mutex_, activeFormatChanges_);
     }
     [[nodiscard]] int lockCount() const { return lockedCopy(mutex_, locks_); }
     [[nodiscard]] int unlockCount() const { return lockedCopy(mutex_, unlocks_); }
-    [[nodiscard]] int infoReads() const { return lockedCopy(mutex_, infoReads_); }
     // setActiveFormat calls made while not locked.
     [[nodiscard]] int unlockedChanges() const { return lockedCopy(mutex_, unlockedChanges_); }
 
 private:
     const MediaType type_;
     mutable std::mutex mutex_;
-    CameraDeviceInfo info_;                                  // guarded by mutex_
-    std::optional<std::pair<int, CameraDeviceInfo>> later_;  // guarded by mutex_
-    std::optional<PlatformError> lockError_;                 // guarded by mutex_
-    std::vector<int> activeFormatChanges_;                   // guarded by mutex_
-    int locks_ = 0;                                          // guarded by mutex_
-    int unlocks_ = 0;                                        // guarded by mutex_
-    mutable int infoReads_ = 0;                              // guarded by mutex_
-    int unlockedChanges_ = 0;                                // guarded by mutex_
-    bool locked_ = false;                                    // guarded by mutex_
+    CameraDeviceInfo info_;                 // guarded by mutex_
+    std::vector<int> activeFormatChanges_;  // guarded by mutex_
+    int locks_ = 0;                         // guarded by mutex_
+    int unlocks_ = 0;                       // guarded by mutex_
+    int unlockedChanges_ = 0;               // guarded by mutex_
+    bool locked_ = false;                   // guarded by mutex_
 };
 
 // Hands out fake sessions, inputs and outputs and remembers them; every creation that the
@@ -254,12 +212,6 @@ public:
     [[nodiscard]] std::vector<std::shared_ptr<FakeCaptureSession>> sessions() const {
         return lockedCopy(mutex_, sessions_);
     }
-    [[nodiscard]] std::vector<std::shared_ptr<FakeScreenInput>> screenInputs() const {
-        return lockedCopy(mutex_, screenInputs_);
-    }
-    [[nodiscard]] std::vector<std::shared_ptr<FakeDeviceInput>> deviceInputs() const {
-        return lockedCopy(mutex_, deviceInputs_);
-    }
     [[nodiscard]] std::vector<std::shared_ptr<FakeVideoDataOutput>> videoOutputs() const {
         return lockedCopy(mutex_, videoOutputs_);
     }
@@ -277,8 +229,6 @@ private:
     std::vector<std::shared_ptr<FakeCaptureDevice>> cameras_;         // guarded by mutex_
     std::map<MediaType, PlatformError> inputFailures_;                // guarded by mutex_
     std::vector<std::shared_ptr<FakeCaptureSession>> sessions_;       // guarded by mutex_
-    std::vector<std::shared_ptr<FakeScreenInput>> screenInputs_;      // guarded by mutex_
-    std::vector<std::shared_ptr<FakeDeviceInput>> deviceInputs_;      // guarded by mutex_
     std::vector<std::shared_ptr<FakeVideoDataOutput>> videoOutputs_;  // guarded by mutex_
     std::vector<std::shared_ptr<FakeAudioDataOutput>> audioOutputs_;  // guarded by mutex_
 };

@@ -4,8 +4,6 @@
 
 namespace gb::fakes {
 
-// ---- samples -----------------------------------------------------------------------------------
-
 SampleBufferRef makeVideoSample(MediaTime time, std::optional<ImageSize> image) {
     PixelBufferRef pixels;
     if (image) pixels = PixelBuffer::allocate(image->width, image->height);
@@ -23,8 +21,6 @@ SampleBufferRef makeAudioSample(MediaTime time) {
     return SampleBuffer::audio(
         std::move(audio), SampleTiming{MediaTime::make(441, 44100), time, MediaTime::invalid()});
 }
-
-// ---- FakeCaptureService ------------------------------------------------------------------------
 
 FakeCaptureService::FakeCaptureService(CallLog* calls)
     : calls_(calls),
@@ -59,60 +55,32 @@ void FakeCaptureService::cleanup() {
     audioOutput_.reset();
 }
 
-void FakeCaptureService::deliver(const SampleBufferRef& sample, CaptureOutput& output) {
-    std::shared_ptr<CaptureSessionManagerDelegate> delegate;
-    {
-        std::lock_guard lock(mutex_);
-        delegate = delegate_.lock();
+std::shared_ptr<CaptureOutput> FakeCaptureService::output(Stream stream) const {
+    return stream == Stream::screen   ? videoOutput()
+           : stream == Stream::camera ? cameraOutput()
+                                      : audioOutput();
+}
+
+void FakeCaptureService::handOver(const SampleBufferRef& sample, CaptureOutput& output) {
+    if (auto delegate = lockedCopy(mutex_, delegate_).lock()) {
+        delegate->captureSessionManager(*this, sample, output);
     }
-    if (delegate) delegate->captureSessionManager(*this, sample, output);
 }
 
-bool FakeCaptureService::deliverScreen(const SampleBufferRef& sample) {
-    auto output = videoOutput();
-    if (!output) return false;
-    deliver(sample, *output);
-    return true;
+bool FakeCaptureService::deliver(Stream stream, const SampleBufferRef& sample) {
+    const auto through = output(stream);
+    if (through) handOver(sample, *through);
+    return through != nullptr;
 }
 
-bool FakeCaptureService::deliverCamera(const SampleBufferRef& sample) {
-    auto output = cameraOutput();
-    if (!output) return false;
-    deliver(sample, *output);
-    return true;
-}
-
-bool FakeCaptureService::deliverAudio(const SampleBufferRef& sample) {
-    auto output = audioOutput();
-    if (!output) return false;
-    deliver(sample, *output);
-    return true;
-}
-
-bool FakeCaptureService::post(const std::shared_ptr<CaptureOutput>& output,
-                              SampleBufferRef sample) {
-    std::shared_ptr<SerialQueue> queue;
-    {
-        std::lock_guard lock(mutex_);
-        queue = queue_;
-    }
-    if (!output || !queue) return false;
+bool FakeCaptureService::post(Stream stream, SampleBufferRef sample) {
+    const auto through = output(stream);
+    const auto queue = lockedCopy(mutex_, queue_);
+    if (!through || !queue) return false;
     // The output travels with the sample, as a real output delivers itself.
-    queue->async([this, output, sample = std::move(sample)] { deliver(sample, *output); });
+    queue->async([this, through, sample = std::move(sample)] { handOver(sample, *through); });
     return true;
 }
-
-bool FakeCaptureService::postScreen(SampleBufferRef sample) {
-    return post(videoOutput(), std::move(sample));
-}
-bool FakeCaptureService::postCamera(SampleBufferRef sample) {
-    return post(cameraOutput(), std::move(sample));
-}
-bool FakeCaptureService::postAudio(SampleBufferRef sample) {
-    return post(audioOutput(), std::move(sample));
-}
-
-// ---- FakeCompositionService --------------------------------------------------------------------
 
 SampleBufferRef FakeCompositionService::composeFrame(const PixelBufferRef& screenBuffer,
                                                      const PixelBufferRef& cameraBuffer,
@@ -121,7 +89,6 @@ SampleBufferRef FakeCompositionService::composeFrame(const PixelBufferRef& scree
         std::lock_guard lock(mutex_);
         composeCalls_.push_back({screenBuffer, cameraBuffer, presentationTime});
     }
-    if (returnsNull_.load()) return nullptr;
     return SampleBuffer::video(
         screenBuffer, SampleTiming{MediaTime::invalid(), presentationTime, MediaTime::invalid()});
 }
@@ -132,28 +99,8 @@ SampleBufferRef FakeCompositionService::createSampleBuffer(const PixelBufferRef&
         std::lock_guard lock(mutex_);
         plainCalls_.push_back({buffer, nullptr, presentationTime});
     }
-    if (returnsNull_.load()) return nullptr;
     return SampleBuffer::video(
         buffer, SampleTiming{MediaTime::invalid(), presentationTime, MediaTime::invalid()});
-}
-
-// ---- FakeRecorderDelegate ----------------------------------------------------------------------
-
-void FakeRecorderDelegate::recorderDidStart() {
-    add({Report::Kind::didStart, {}, {}, std::nullopt});
-}
-
-void FakeRecorderDelegate::recorderDidStop(const std::string& outputURL) {
-    add({Report::Kind::didStop, outputURL, {}, std::nullopt});
-}
-
-void FakeRecorderDelegate::recorderDidFail(const ScreenRecorderError& error) {
-    add({Report::Kind::didFail, {}, error.localizedDescription(), error.kind()});
-}
-
-size_t FakeRecorderDelegate::count() const {
-    std::lock_guard lock(mutex_);
-    return reports_.size();
 }
 
 bool FakeRecorderDelegate::waitForCount(size_t n, std::chrono::milliseconds timeout) const {

@@ -27,8 +27,6 @@
 
 namespace gb::fakes {
 
-// ---- samples -----------------------------------------------------------------------------------
-
 struct ImageSize {
     int width = 0;
     int height = 0;
@@ -42,8 +40,6 @@ struct ImageSize {
 [[nodiscard]] constexpr MediaTime mediaTime(int64_t value) {
     return MediaTime::make(value, 600);
 }
-
-// ---- capture -----------------------------------------------------------------------------------
 
 class StubCaptureOutput final : public CaptureOutput {
 public:
@@ -60,7 +56,6 @@ class FakeCaptureService final : public CaptureService {
 public:
     explicit FakeCaptureService(CallLog* calls = nullptr);
 
-    // ---- CaptureService
     void setDelegate(std::weak_ptr<CaptureSessionManagerDelegate> delegate) override {
         lockedSet(mutex_, delegate_, std::move(delegate));
     }
@@ -85,7 +80,6 @@ public:
     }
     void setCameraOverlayPreset(CameraOverlayPreset preset) override { preset_.store(preset); }
 
-    // ---- set-up
     void setScreenSetupError(std::optional<CaptureSessionError> error) {
         lockedSet(mutex_, screenError_, std::move(error));
     }
@@ -97,25 +91,19 @@ public:
         lockedSet(mutex_, queue_, std::move(queue));
     }
 
-    // ---- delivery to the delegate
-    // At once, on the calling thread, through the given output (which may be a foreign one).
-    void deliver(const SampleBufferRef& sample, CaptureOutput& output);
-    // Through the current screen, camera or audio output; false when that output is absent.
-    bool deliverScreen(const SampleBufferRef& sample);
-    bool deliverCamera(const SampleBufferRef& sample);
-    bool deliverAudio(const SampleBufferRef& sample);
+    enum class Stream { screen, camera, audio };
+    // At once, on the calling thread, through the stream's current output; false when it is absent.
+    bool deliver(Stream stream, const SampleBufferRef& sample);
     // The same, later, on the recording queue. The service must outlive the queue's work.
-    bool postScreen(SampleBufferRef sample);
-    bool postCamera(SampleBufferRef sample);
-    bool postAudio(SampleBufferRef sample);
+    bool post(Stream stream, SampleBufferRef sample);
 
-    // ---- inspection
     [[nodiscard]] FakeCaptureSession& screenSessionFake() { return screenSession_; }
     [[nodiscard]] FakeCaptureSession& cameraSessionFake() { return cameraSession_; }
     [[nodiscard]] int cleanupCount() const { return lockedCopy(mutex_, cleanups_); }
 
 private:
-    bool post(const std::shared_ptr<CaptureOutput>& output, SampleBufferRef sample);
+    [[nodiscard]] std::shared_ptr<CaptureOutput> output(Stream stream) const;
+    void handOver(const SampleBufferRef& sample, CaptureOutput& output);
 
     CallLog* const calls_;
     FakeCaptureSession screenSession_;
@@ -132,8 +120,6 @@ private:
     std::shared_ptr<SerialQueue> queue_;                     // guarded by mutex_
     int cleanups_ = 0;                                       // guarded by mutex_
 };
-
-// ---- composition -------------------------------------------------------------------------------
 
 class FakeCompositionService final : public CompositionService {
 public:
@@ -157,8 +143,6 @@ public:
     [[nodiscard]] CameraPosition cameraPosition() const override { return position_.load(); }
     void setCameraPosition(CameraPosition position) override { position_.store(position); }
 
-    // Both operations then answer with nothing.
-    void setReturnsNull(bool returnsNull) { returnsNull_.store(returnsNull); }
     [[nodiscard]] std::vector<Call> composeCalls() const {
         return lockedCopy(mutex_, composeCalls_);
     }
@@ -168,13 +152,10 @@ private:
     std::atomic<bool> overlay_{true};
     std::atomic<CameraOverlayPreset> preset_{CameraOverlayPreset::medium};
     std::atomic<CameraPosition> position_{CameraPosition::bottomRight};
-    std::atomic<bool> returnsNull_{false};
     mutable std::mutex mutex_;
     std::vector<Call> composeCalls_;  // guarded by mutex_
     std::vector<Call> plainCalls_;    // guarded by mutex_
 };
-
-// ---- the application side ----------------------------------------------------------------------
 
 // Records every report of the recorder.
 class FakeRecorderDelegate final : public ScreenRecorderDelegate {
@@ -187,12 +168,16 @@ public:
         std::optional<ScreenRecorderError::Kind> errorKind;
     };
 
-    void recorderDidStart() override;
-    void recorderDidStop(const std::string& outputURL) override;
-    void recorderDidFail(const ScreenRecorderError& error) override;
+    void recorderDidStart() override { add({Report::Kind::didStart, {}, {}, std::nullopt}); }
+    void recorderDidStop(const std::string& outputURL) override {
+        add({Report::Kind::didStop, outputURL, {}, std::nullopt});
+    }
+    void recorderDidFail(const ScreenRecorderError& error) override {
+        add({Report::Kind::didFail, {}, error.localizedDescription(), error.kind()});
+    }
 
     [[nodiscard]] std::vector<Report> reports() const { return lockedCopy(mutex_, reports_); }
-    [[nodiscard]] size_t count() const;
+    [[nodiscard]] size_t count() const { return reports().size(); }
     // Blocks until there are at least `n` reports or the timeout passed.
     bool waitForCount(size_t n, std::chrono::milliseconds timeout) const;
 

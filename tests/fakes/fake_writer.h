@@ -1,7 +1,6 @@
-// A movie writer and inputs in memory: settable status, error and append results; every
-// appended sample and every timeline start is recorded; finishWriting completes at once or when
-// the test releases it. The factory records the settings it was given and fails on demand.
-// All thread-safe.
+// A movie writer and inputs in memory: every appended sample and every timeline start is
+// recorded; finishWriting completes at once or when the test releases it. The factory records the
+// settings it was given and fails on demand. All thread-safe.
 #pragma once
 
 #include <functional>
@@ -25,19 +24,11 @@ public:
 
     [[nodiscard]] MediaType mediaType() const override { return type_; }
     [[nodiscard]] const WriterOutputSettings& outputSettings() const override { return settings_; }
-    void setExpectsMediaDataInRealTime(bool realTime) override {
-        std::lock_guard lock(mutex_);
-        realTime_ = realTime;
-    }
-    [[nodiscard]] bool isReadyForMoreMediaData() const override {
-        std::lock_guard lock(mutex_);
-        return ready_;
-    }
+    void setExpectsMediaDataInRealTime(bool) override {}
+    [[nodiscard]] bool isReadyForMoreMediaData() const override { return true; }
     [[nodiscard]] bool append(const SampleBufferRef& sample) override {
         std::lock_guard lock(mutex_);
-        ++appendAttempts_;
         if (finished_) ++appendsAfterFinish_;
-        if (!appendResult_) return false;
         appended_.push_back(sample);
         return true;
     }
@@ -51,12 +42,6 @@ public:
                         "Input.markAsFinished");
     }
 
-    // ---- set-up
-    void setReady(bool ready) { lockedSet(mutex_, ready_, ready); }
-    void setAppendResult(bool ok) { lockedSet(mutex_, appendResult_, ok); }
-
-    // ---- inspection
-    [[nodiscard]] bool expectsMediaDataInRealTime() const { return lockedCopy(mutex_, realTime_); }
     [[nodiscard]] std::vector<SampleBufferRef> appended() const {
         return lockedCopy(mutex_, appended_);
     }
@@ -66,7 +51,6 @@ public:
         for (const auto& s : appended_) times.push_back(s->presentationTime());
         return times;
     }
-    [[nodiscard]] size_t appendAttempts() const { return lockedCopy(mutex_, appendAttempts_); }
     [[nodiscard]] size_t appendsAfterFinish() const {
         return lockedCopy(mutex_, appendsAfterFinish_);
     }
@@ -76,11 +60,7 @@ private:
     const WriterOutputSettings settings_;
     CallLog* const calls_;
     mutable std::mutex mutex_;
-    bool realTime_ = false;                  // guarded by mutex_
-    bool ready_ = true;                      // guarded by mutex_
-    bool appendResult_ = true;               // guarded by mutex_
     bool finished_ = false;                  // guarded by mutex_
-    size_t appendAttempts_ = 0;              // guarded by mutex_
     size_t appendsAfterFinish_ = 0;          // guarded by mutex_
     std::vector<SampleBufferRef> appended_;  // guarded by mutex_
 };
@@ -122,7 +102,6 @@ public:
     [[nodiscard]] bool startWriting() override {
         {
             std::lock_guard lock(mutex_);
-            ++startWritingCalls_;
             if (!config_.startWritingSucceeds) {
                 status_ = AssetWriterStatus::failed;
                 error_ = config_.startWritingError;
@@ -149,11 +128,6 @@ public:
         if (!hold) complete(std::move(completion));
     }
 
-    // ---- set-up
-    void setStatus(AssetWriterStatus status) { lockedSet(mutex_, status_, status); }
-    void setError(std::optional<PlatformError> error) {
-        lockedSet(mutex_, error_, std::move(error));
-    }
     // Runs a held finishWriting completion, on the calling thread. False when none is held.
     bool releaseFinish() {
         std::function<void()> completion;
@@ -167,15 +141,10 @@ public:
         return true;
     }
 
-    // ---- inspection
-    [[nodiscard]] std::vector<AssetWriterInputRef> inputs() const {
-        return lockedCopy(mutex_, inputs_);
-    }
     [[nodiscard]] std::vector<MediaTime> sessionStarts() const {
         return lockedCopy(mutex_, sessionStarts_);
     }
     [[nodiscard]] int finishCalls() const { return lockedCopy(mutex_, finishCalls_); }
-    [[nodiscard]] int startWritingCalls() const { return lockedCopy(mutex_, startWritingCalls_); }
     [[nodiscard]] bool isFinishHeld() const {
         std::lock_guard lock(mutex_);
         return static_cast<bool>(held_);
@@ -201,7 +170,6 @@ private:
     std::vector<AssetWriterInputRef> inputs_;                // guarded by mutex_
     std::vector<MediaTime> sessionStarts_;                   // guarded by mutex_
     int finishCalls_ = 0;                                    // guarded by mutex_
-    int startWritingCalls_ = 0;                              // guarded by mutex_
     std::function<void()> held_;                             // guarded by mutex_
 };
 
@@ -212,10 +180,8 @@ public:
     explicit FakeAssetWriterFactory(FakeFileSystem* files = nullptr, CallLog* calls = nullptr)
         : files_(files), calls_(calls) {}
 
-    [[nodiscard]] Result<AssetWriterRef> makeWriter(const std::string& path,
-                                                    FileType fileType) override {
+    [[nodiscard]] Result<AssetWriterRef> makeWriter(const std::string& path, FileType) override {
         std::lock_guard lock(mutex_);
-        requests_.push_back({path, fileType});
         if (makeWriterError_) return *makeWriterError_;
         if (files_ && !files_->directoryExists(parentPath(path))) {
             return PlatformError{
@@ -235,19 +201,12 @@ public:
         return input;
     }
 
-    // ---- set-up
     void setConfig(FakeWriterConfig config) { lockedSet(mutex_, config_, std::move(config)); }
     // Every later makeWriter fails with this error; nullopt lets them succeed again.
     void setMakeWriterError(std::optional<PlatformError> error) {
         lockedSet(mutex_, makeWriterError_, std::move(error));
     }
 
-    // ---- inspection
-    struct Request {
-        std::string path;
-        FileType fileType;
-    };
-    [[nodiscard]] std::vector<Request> requests() const { return lockedCopy(mutex_, requests_); }
     [[nodiscard]] std::vector<WriterOutputSettings> inputSettings() const {
         return lockedCopy(mutex_, inputSettings_);
     }
@@ -276,7 +235,6 @@ private:
     mutable std::mutex mutex_;
     FakeWriterConfig config_;                                    // guarded by mutex_
     std::optional<PlatformError> makeWriterError_;               // guarded by mutex_
-    std::vector<Request> requests_;                              // guarded by mutex_
     std::vector<WriterOutputSettings> inputSettings_;            // guarded by mutex_
     std::vector<std::shared_ptr<FakeAssetWriter>> writers_;      // guarded by mutex_
     std::vector<std::shared_ptr<FakeAssetWriterInput>> inputs_;  // guarded by mutex_

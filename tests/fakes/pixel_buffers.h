@@ -83,14 +83,12 @@ inline int channelDistance(uint32_t a, uint32_t b) {
 class ScriptedBufferFactory final : public PixelBufferFactory {
 public:
     std::function<bool(int call)> fails = [](int) { return false; };
-    size_t bytesPerRowPadding = 0;
     int calls = 0;
 
     PixelBufferRef create(int width, int height) override {
         const int call = calls++;
         if (fails(call) || width <= 0 || height <= 0) return nullptr;
-        return exactBuffer(width, height, static_cast<size_t>(width) * 4 + bytesPerRowPadding,
-                           0xAB);
+        return exactBuffer(width, height, static_cast<size_t>(width) * 4, 0xAB);
     }
 };
 

@@ -1,12 +1,10 @@
-// The screen-sized quality on nonsense display sizes and the texts of the engine's errors that
-// the recorder tests do not already show.
+// The screen-sized quality on nonsense display sizes.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
 
 #include "fakes/fake_display.h"
-#include "recording/errors.h"
 #include "recording/options.h"
 
 namespace gb {
@@ -24,26 +22,6 @@ TEST(VideoQualityTest, ScreenResolutionTruncatesAndStaysDefinedOnNonsense) {
         (Resolution{std::numeric_limits<int32_t>::max(), std::numeric_limits<int32_t>::min()}));
     display.setSize(std::nan(""), 720.7);
     EXPECT_EQ(resolution(VideoQuality::screenResolution, display), (Resolution{0, 720}));
-}
-
-void expectError(const EngineError& error, const std::string& description,
-                 const std::string& caseText) {
-    EXPECT_EQ(error.localizedDescription(), description);
-    EXPECT_STREQ(error.what(), description.c_str());
-    EXPECT_EQ(error.caseDescription(), caseText);
-}
-
-TEST(ErrorTextTest, DescriptionsAndCaseForms) {
-    expectError(ScreenRecorderError::noDisplay(), "No display found", "noDisplay");
-    expectError(RecordingFileManagerError::urlCreationFailed(), "Failed to create output URL",
-                "urlCreationFailed");
-    expectError(RecordingFileManagerError::cannotAddVideoInput(),
-                "Cannot add video input to writer", "cannotAddVideoInput");
-    // The payload is appended unchanged (an empty one keeps the blank) and quoted in the case.
-    expectError(ScreenRecorderError::setupFailed(""), "Setup failed: ", "setupFailed(\"\")");
-    expectError(CaptureSessionError::microphoneSetupFailed("  a \"b\"\\\n"),
-                "Microphone setup failed:   a \"b\"\\\n",
-                "microphoneSetupFailed(\"  a \\\"b\\\"\\\\\\n\")");
 }
 
 }  // namespace

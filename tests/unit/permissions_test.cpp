@@ -18,40 +18,6 @@ protected:
     PermissionManager manager{access};
 };
 
-TEST_F(PermissionManagerTest, MissingPermissionsMicrophoneFirstAndCameraOnlyWhenIncluded) {
-    const struct {
-        bool microphone, camera, includeCamera;
-        Strings missing;
-        size_t cameraRequests;                            // by the check and the listing together
-    } cases[] = {{false, true, true, {"microphone"}, 2},  // the camera is asked all the same
-                 {false, false, true, {"microphone", "camera"}, 2},
-                 {true, false, false, {}, 0}};
-    for (const auto& c : cases) {
-        FakeAccessRequester requester;
-        requester.setAnswer(MediaType::audio, c.microphone);
-        requester.setAnswer(MediaType::video, c.camera);
-        PermissionManager permissions(requester);
-        EXPECT_EQ(permissions.checkAllPermissions(c.includeCamera), c.missing.empty());
-        EXPECT_EQ(permissions.missingPermissions(c.includeCamera), c.missing);
-        EXPECT_EQ(requester.requestCount(MediaType::video), c.cameraRequests);
-        EXPECT_EQ(requester.requestCount(MediaType::audio), 2u);
-    }
-    EXPECT_TRUE(log.lines().empty());
-}
-
-TEST_F(PermissionManagerTest, AnswersFromAnotherThreadAreAwaitedOneAtATime) {
-    access.setDelivery(FakeAccessRequester::Delivery::otherThread);
-    access.setAnswer(MediaType::audio, true);
-    access.setAnswer(MediaType::video, false);
-    for (int i = 0; i < 20; ++i) {
-        EXPECT_FALSE(manager.checkAllPermissions(true));
-        EXPECT_EQ(manager.missingPermissions(true), Strings{"camera"});
-    }
-    // The camera request never began before the microphone answer had arrived.
-    EXPECT_EQ(access.maxUnanswered(), 1);
-    EXPECT_EQ(access.requests().size(), 80u);
-}
-
 TEST_F(PermissionManagerTest, ACompletionDroppedUnansweredCountsAsRefused) {
     access.grantAll();
     access.setDelivery(FakeAccessRequester::Delivery::never);

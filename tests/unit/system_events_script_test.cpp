@@ -7,8 +7,6 @@
 namespace gb::linuxp {
 namespace {
 
-using Kind = ScriptAction::Kind;
-
 std::string wrap(const std::string& body) {
     return "tell application \"System Events\"\n    " + body + "\nend tell";
 }
@@ -19,43 +17,35 @@ std::vector<ScriptAction> accepted(const std::string& source) {
     return parsed.ok() ? parsed.value() : std::vector<ScriptAction>{};
 }
 
-TEST(SystemEventsScriptTest, DecodesTextAndItsTwoEscapes) {
-    const std::vector<ScriptAction> actions = accepted(wrap(R"(keystroke "café \"x\" \\ ✓")"));
-    ASSERT_EQ(actions.size(), 1u);
-    EXPECT_EQ(actions[0].characters, U"café \"x\" \\ ✓");
-    EXPECT_EQ(accepted(wrap(R"(keystroke "")"))[0].characters, U"");
-    EXPECT_EQ(accepted(wrap(R"(keystroke "P" using {shift down})"))[0].modifiers,
-              (ScriptModifiers{.command = false, .shift = true}));
-    EXPECT_EQ(accepted(wrap(R"(keystroke "é" using {shift down, command down})"))[0].characters,
-              U"é");
-}
-
 const std::string kPalette(scripts::kCommandPalette);
 const std::string kDetection(scripts::kTerminalDetection);
+
+TEST(SystemEventsScriptTest, DecodesTheProgramsScriptsAndEscapedText) {
+    EXPECT_TRUE(parseSystemEventsScript(kDetection).ok());
+    const auto palette = accepted(kPalette);
+    ASSERT_EQ(palette.size(), 1u);
+    EXPECT_EQ(palette[0].characters, U"p");
+    EXPECT_EQ(palette[0].modifiers, (ScriptModifiers{.command = true, .shift = true}));
+    const auto actions = accepted(wrap(R"(keystroke "\"é\\ ✓")"));
+    ASSERT_EQ(actions.size(), 1u);
+    EXPECT_EQ(actions[0].characters, U"\"é\\ ✓");
+}
 
 // Scripts that look almost right are refused, each with the line at fault.
 TEST(SystemEventsScriptTest, NearMissesAreRefusedWithTheLineAtFault) {
     const struct {
         std::string source;
         int line;
-    } nearMisses[] = {
-        {"", 0},
-        {"tell application \"system events\"\n    key code 36\nend tell", 1},
-        {wrap(R"(keystroke "p" using {command down, option down})"), 2},
-        {wrap(R"(keystroke "p" using {shift down, shift down})"), 2},
-        {wrap(R"(keystroke "pq" using {command down})"), 2},
-        {wrap(R"(keystroke "abc\")"), 2},
-        {wrap(R"(keystroke "a\nb")"), 2},
-        {wrap("keystroke \"\xC0\xAF\""), 2},  // overlong UTF-8
-        {wrap(R"(keystroke "a" & "b")"), 2},
-        {wrap("key code 036"), 2},
-        {wrap("key code 128"), 2},
-        {wrap("do shell script \"rm -rf ~\""), 2},
-        {"tell application \"System Events\"\n\tkey code 36\nend tell", 2},
-        {"tell application \"System Events\"\n    key code 36\nend", 3},
-        {kPalette + "\n", 0},
-        {"tell application \"System Events\"\n    key code 36\n    key code 36\nend tell", 0},
-        {kDetection.substr(0, kDetection.size() - 1), 0}};
+    } nearMisses[] = {{"", 0},
+                      {"tell application \"system events\"\n    key code 36\nend tell", 1},
+                      {wrap(R"(keystroke "p" using {command down, option down})"), 2},
+                      {wrap(R"(keystroke "pq" using {command down})"), 2},
+                      {wrap("keystroke \"\xC0\xAF\""), 2},  // overlong UTF-8
+                      {wrap("key code 128"), 2},
+                      {wrap("do shell script \"rm -rf ~\""), 2},
+                      {"tell application \"System Events\"\n    key code 36\nend", 3},
+                      {kPalette + "\n", 0},
+                      {kDetection.substr(0, kDetection.size() - 1), 0}};
     for (const auto& miss : nearMisses) {
         Result<std::vector<ScriptAction>> parsed = parseSystemEventsScript(miss.source);
         ASSERT_FALSE(parsed.ok()) << miss.source;
@@ -63,12 +53,6 @@ TEST(SystemEventsScriptTest, NearMissesAreRefusedWithTheLineAtFault) {
         EXPECT_EQ(parsed.error().code, miss.line) << miss.source;
         EXPECT_TRUE(parsed.error().localizedDescription.starts_with("Unsupported script"));
     }
-}
-
-TEST(SystemEventsScriptTest, KnowsTheFiveKeyCodesOnly) {
-    EXPECT_EQ(namedKeyForKeyCode(36), NamedKey::returnKey);
-    EXPECT_EQ(namedKeyForKeyCode(51), NamedKey::backspace);
-    for (int code : {0, 35, 37, 52, 127}) EXPECT_FALSE(namedKeyForKeyCode(code)) << code;
 }
 
 }  // namespace
