@@ -2,7 +2,7 @@
 #             is no desktop session; the tray application when there is one)
 # make test - install, build, and run every test, also under AddressSanitizer/UBSan and
 #             ThreadSanitizer
-.PHONY: all deps build build-asan build-tsan run test install format clean
+.PHONY: all deps configure build build-run build-asan build-tsan run test install format clean
 
 BUILD_DIR ?= build
 PREFIX ?= /usr/local
@@ -13,22 +13,28 @@ all: build
 deps:
 	@./scripts/install-deps
 
-build: deps
-	@cmake -S . -B $(BUILD_DIR)/release -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+configure: deps
+	@cmake -S . -B $(BUILD_DIR)/release -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DGB_WERROR=ON \
 	  -DCMAKE_INSTALL_PREFIX=$(PREFIX) >/dev/null
+
+build: configure
 	@cmake --build $(BUILD_DIR)/release -j $(JOBS)
 
+# Only what the program and its demo need: no tests, no benchmarks.
+build-run: configure
+	@cmake --build $(BUILD_DIR)/release -j $(JOBS) --target glimmerbox demo_scene
+
 build-asan: deps
-	@cmake -S . -B $(BUILD_DIR)/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DGB_PLATFORM=OFF \
+	@cmake -S . -B $(BUILD_DIR)/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DGB_PLATFORM=OFF -DGB_WERROR=ON \
 	  -DGB_SANITIZE=address >/dev/null
 	@cmake --build $(BUILD_DIR)/asan -j $(JOBS)
 
 build-tsan: deps
 	@cmake -S . -B $(BUILD_DIR)/tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DGB_PLATFORM=OFF \
-	  -DGB_SANITIZE=thread >/dev/null
+	  -DGB_WERROR=ON -DGB_SANITIZE=thread >/dev/null
 	@cmake --build $(BUILD_DIR)/tsan -j $(JOBS)
 
-run: build
+run: build-run
 	@./scripts/run
 
 # The ten-minute audio/video sync test runs in the background while the sanitizer builds compile.

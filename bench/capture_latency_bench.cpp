@@ -16,11 +16,11 @@
 #include <string_view>
 
 #include "fakes/xvfb_server.h"
-#include "linux/linux_capture_factory.h"
-#include "linux/linux_capture_session.h"
-#include "linux/portable/thread_dispatch.h"
-#include "linux/x11_display.h"
-#include "linux/x11_screen_input.h"
+#include "linux/capture/linux_capture_factory.h"
+#include "linux/capture/linux_capture_session.h"
+#include "portable/thread_dispatch.h"
+#include "linux/x11/x11_display.h"
+#include "linux/x11/x11_screen_input.h"
 #include "recording/log.h"
 
 namespace {

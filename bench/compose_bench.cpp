@@ -11,8 +11,8 @@
 #include <utility>
 
 #include "composition/video_composer.h"
-#include "linux/portable/cpu_image_compositor.h"
-#include "linux/portable/standard_sample_maker.h"
+#include "portable/cpu_image_compositor.h"
+#include "portable/standard_sample_maker.h"
 #include "recording/log.h"
 
 namespace {

@@ -21,8 +21,8 @@
 #include <thread>
 #include <vector>
 
-#include "linux/ffmpeg_asset_writer.h"
-#include "linux/monotonic_clock.h"
+#include "linux/ffmpeg/ffmpeg_asset_writer.h"
+#include "linux/capture/monotonic_clock.h"
 #include "recording/log.h"
 
 namespace {

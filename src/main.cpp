@@ -1,301 +1,15 @@
-// Entry point: wires the Linux platform into the application.
+// Entry point: parses the command line and hands over to the composition root.
 //   glimmerbox                the tray application
 //   glimmerbox record ...     a headless recording (see `glimmerbox record --help`)
 #include <malloc.h>
-#include <pthread.h>
-#include <signal.h>
 
-#include <QCoreApplication>
-#include <atomic>
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "app/app_delegate.h"
-#include "app/record_command.h"
-#include "app/recorder_assembly.h"
-#include "automation/vscode_integration.h"
-#include "linux/ffmpeg_asset_writer.h"
-#include "linux/linux_capture_factory.h"
-#include "linux/portable/cpu_image_compositor.h"
-#include "linux/portable/standard_sample_maker.h"
-#include "linux/portable/thread_dispatch.h"
-#include "linux/pulse_access.h"
-#include "linux/pulse_microphone.h"
-#if __has_include("linux/qt_shell.h")
-#include "linux/qt_shell.h"
-#endif
-#include "linux/v4l2_camera.h"
-#include "linux/x11_application_finder.h"
-#include "linux/x11_display.h"
-#include "linux/xdg_files.h"
-#include "linux/xtest_script_runner.h"
-#include "recording/log.h"
+#include "composition_root.h"
 
 namespace {
-
-using namespace gb;
-using namespace gb::linuxp;
-
-bool envFlag(const char* name) {
-    const char* v = std::getenv(name);
-    return v != nullptr && *v != '\0' && std::string(v) != "0";
-}
-
-// The services that both the tray and the headless command record with. Lives on main's stack
-// for the whole run; the recorder and everything it makes hold references into it.
-class LinuxPlatform {
-public:
-    LinuxPlatform(SerialQueue& mainQueue, bool testCamera, FolderPicker& folderPicker)
-        : capture_(LinuxCaptureFactory::Parts{
-              LinuxCaptureFactory::x11ScreenInputMaker(screenCaptureOptions()),
-              [] { return defaultPulseMicrophone(); },
-              [testCamera] { return discoverCameras(testCamera); },
-          }),
-          writers_(writerOptions()),
-          pixelBuffers_(std::make_shared<PooledPixelBufferFactory>(kComposedFramesKept)),
-          folderPicker_(folderPicker),
-          dispatch_(mainQueue) {
-        VSCodeIntegration::configureShared(applicationFinder_, scriptRunner_, dispatch_.sleeper());
-    }
-
-    [[nodiscard]] RecorderPlatform recorderPlatform() {
-        return RecorderPlatform{dispatch_,     access_,  capture_, display_,
-                                writers_,      files_,   defaults(), dates_,
-                                folderPicker_, compositor_, *pixelBuffers_, sampleMaker_};
-    }
-
-    // Prepares the main display's screen capture in the background, so that the first
-    // recording starts without waiting for it.
-    void prepareScreenCapture() {
-        dispatch_.backgroundExecutor().async([this] {
-            const auto screen = display_.mainScreen();
-            if (!screen) return;
-            const auto it = screen->deviceDescription.find(kScreenNumberKey);
-            if (it == screen->deviceDescription.end()) return;
-            if (const auto* id = std::get_if<uint32_t>(&it->second)) {
-                capture_.prepareScreenInput(*id);
-            }
-        });
-    }
-
-    Dispatch& dispatch() { return dispatch_; }
-    DisplayProvider& display() { return display_; }
-    FileSystem& files() { return files_; }
-    // The store the recorder reads (by default the user's own).
-    DefaultsStore& defaults() { return recordingDefaults_ ? *recordingDefaults_ : defaults_; }
-    DefaultsStore& userDefaults() { return defaults_; }
-    void setRecordingDefaults(DefaultsStore& store) { recordingDefaults_ = &store; }
-
-private:
-    // Memory: a 1080p frame is 8 MB. Four screen buffers cover the frame being composed, the
-    // newest one and two on their way to the recording queue; two frames waiting for the encoder
-    // keep it busy without holding more. A frame that finds no room is dropped, never waited for.
-    static constexpr size_t kComposedFramesKept = 3;
-    static X11CaptureOptions screenCaptureOptions() {
-        X11CaptureOptions options;
-        options.poolSize = 4;
-        return options;
-    }
-    static FfmpegWriterOptions writerOptions() {
-        FfmpegWriterOptions options;
-        options.videoQueueCapacity = 2;
-        return options;
-    }
-
-    X11DisplayProvider display_;
-    LinuxCaptureFactory capture_;
-    PulseAccessRequester access_;
-    FfmpegAssetWriterFactory writers_;
-    XdgFileSystem files_;
-    QSettingsDefaultsStore defaults_;
-    LocaleDateFormatter dates_;
-    CpuImageCompositor compositor_;
-    std::shared_ptr<PooledPixelBufferFactory> pixelBuffers_;
-    StandardSampleMaker sampleMaker_;
-    X11ApplicationFinder applicationFinder_;
-    XTestScriptRunner scriptRunner_;
-    FolderPicker& folderPicker_;
-    DefaultsStore* recordingDefaults_ = nullptr;
-    // Last, so it is destroyed first: its threads end before anything their work may use.
-    ThreadDispatch dispatch_;
-};
-
-// The headless command has no folder picker: choosing a folder is the tray's business.
-class NoFolderPicker final : public FolderPicker {
-public:
-    FolderPickerResult runModal(const FolderPickerOptions&) override { return {}; }
-};
-
-// Turns SIGINT/SIGTERM into a stop request on the main queue. The signals are blocked in every
-// thread (call block() before any thread starts) and taken here with sigwait.
-class SignalStopper {
-public:
-    static void block() {
-        sigset_t set = stopSignals();
-        pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    }
-    explicit SignalStopper(std::function<void(int)> onSignal)
-        : thread_([this, onSignal = std::move(onSignal)] {
-              const sigset_t set = stopSignals();
-              for (;;) {
-                  int sig = 0;
-                  if (sigwait(&set, &sig) != 0) continue;
-                  if (done_.load()) return;
-                  onSignal(sig);
-              }
-          }) {}
-    ~SignalStopper() {
-        done_.store(true);
-        pthread_kill(thread_.native_handle(), SIGUSR1);
-        thread_.join();
-    }
-
-private:
-    static sigset_t stopSignals() {
-        sigset_t set;
-        sigemptyset(&set);
-        sigaddset(&set, SIGINT);
-        sigaddset(&set, SIGTERM);
-        sigaddset(&set, SIGUSR1);  // wakes the thread to end it
-        return set;
-    }
-    std::atomic<bool> done_{false};
-    std::thread thread_;
-};
-
-int runRecord(const std::vector<std::string>& args) {
-    const RecordCommandParse parsed = parseRecordCommand(args);
-    if (!parsed.options) {
-        std::fprintf(stderr, "glimmerbox record: %s\nTry 'glimmerbox record --help'.\n",
-                     parsed.error.c_str());
-        return 2;
-    }
-    const RecordCommandOptions& options = *parsed.options;
-    if (options.help) {
-        std::fputs(recordCommandUsage().c_str(), stdout);
-        return 0;
-    }
-    if (options.outputDirectory) {
-        // A folder named on the command line is made if needed (private: recordings hold
-        // whatever was on screen).
-        std::error_code ec;
-        const std::filesystem::path dir = std::filesystem::absolute(*options.outputDirectory, ec);
-        if (!std::filesystem::is_directory(dir, ec)) {
-            std::filesystem::create_directories(dir, ec);
-            if (ec) {
-                std::fprintf(stderr, "glimmerbox record: cannot create the folder %s: %s\n",
-                             dir.c_str(), ec.message().c_str());
-                return 1;
-            }
-            std::filesystem::permissions(dir, std::filesystem::perms::owner_all, ec);
-        }
-    }
-
-    SignalStopper::block();
-    RunLoopQueue mainQueue;
-    NoFolderPicker noPicker;
-    LinuxPlatform services(mainQueue, options.testCamera || envFlag("GLIMMERBOX_TEST_CAMERA"),
-                           noPicker);
-    std::optional<std::string> folder;
-    if (options.outputDirectory) {
-        folder = std::filesystem::absolute(*options.outputDirectory).lexically_normal().string();
-        if (folder->size() > 1 && folder->back() == '/') folder->pop_back();
-    }
-    // --output holds for this run only; the tray's stored choice stays as it is.
-    RunScopedDefaultsStore runDefaults(services.userDefaults(), folder);
-    services.setRecordingDefaults(runDefaults);
-    auto recorder = makeScreenRecorder(services.recorderPlatform());
-
-    RecordAutomationHooks hooks;
-    if (options.vscode) {
-        hooks.beforeStart = [] {
-            auto& vscode = VSCodeIntegration::shared();
-            if (!vscode.findVSCode()) {
-                logLine("🔧 VS Code automation: VS Code not running");
-                return;
-            }
-            vscode.enableScreencastMode();
-            logLine("🔧 VS Code automation: Enabled screencast mode");
-        };
-        hooks.afterStop = [] {
-            VSCodeIntegration::shared().disableScreencastMode();
-            logLine("🔧 VS Code automation: Disabled screencast mode");
-        };
-    }
-
-    int exitCode = 1;
-    auto recording = std::make_shared<HeadlessRecording>(
-        recorder, services.dispatch(), options,
-        HeadlessRecording::Output{[](const std::string& line) { logLine(line); },
-                                  [](const std::string& line) {
-                                      std::fprintf(stderr, "%s\n", line.c_str());
-                                      std::fflush(stderr);
-                                  }},
-        hooks,
-        [&](int code) {
-            exitCode = code;
-            mainQueue.quit();
-        });
-    SignalStopper stopper([&mainQueue, weak = std::weak_ptr<HeadlessRecording>(recording)](int) {
-        mainQueue.async([weak] {
-            if (auto r = weak.lock()) r->requestStop();
-        });
-    });
-    mainQueue.async([recording] { recording->start(); });
-    mainQueue.run();
-    return exitCode;
-}
-
-#if __has_include("linux/qt_shell.h")
-int runTray(int argc, char** argv) {
-    SignalStopper::block();
-    auto shell = QtShell::launch(argc, argv);
-    if (!shell) return 0;  // another copy runs; it said so
-    LinuxPlatform services(shell->mainQueue(), envFlag("GLIMMERBOX_TEST_CAMERA"),
-                           shell->folderPicker());
-    auto delegate = std::make_shared<AppDelegate>(
-        AppDelegate::Platform{shell->application(), shell->statusBar(), shell->windowSystem(),
-                              shell->alertPresenter(), shell->workspace(),
-                              shell->notificationCenter(), services.defaults(), services.files(),
-                              services.dispatch(), services.display()},
-        [&services] { return makeScreenRecorder(services.recorderPlatform()); });
-    shell->mainQueue().async([delegate] { delegate->applicationDidFinishLaunching(); });
-    services.prepareScreenCapture();
-    // SIGINT/SIGTERM quit like "Quit Glimmerbox": a running recording is stopped and finished.
-    SignalStopper stopper([&shell, weak = std::weak_ptr<AppDelegate>(delegate)](int) {
-        shell->mainQueue().async([weak] {
-            if (auto d = weak.lock()) d->quitApp();
-        });
-    });
-    const int status = shell->run();
-
-    // Quitting while recording asks the recorder to stop and ends the event loop at once; the
-    // file is still being finished. Keep serving the main queue until it is, so that quitting
-    // never costs the recording its index.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (delegate->recorder() && delegate->recorder()->hasUnfinishedRecording() &&
-           std::chrono::steady_clock::now() < deadline) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    // Every recording is finished and the settings are written as they change. Work still queued
-    // between the event loop, the threads and the services could otherwise outlive what it
-    // uses while they are torn down, so end here.
-    std::fflush(nullptr);
-    std::_Exit(status);
-}
-#else
-int runTray(int, char**) {
-    std::puts("Glimmerbox: the tray application is not available in this build.");
-    return 0;
-}
-#endif
 
 void printUsage() {
     std::puts(
@@ -309,10 +23,10 @@ int main(int argc, char** argv) {
     // Frames are megabytes each. A fixed mmap threshold hands freed frames straight back to the
     // system instead of letting glibc's adaptive threshold keep them in the heap.
     mallopt(M_MMAP_THRESHOLD, 1 << 20);
-    installXErrorHandlers();
+    gb::installPlatformErrorHandlers();
     const std::vector<std::string> args(argv + 1, argv + argc);
     if (!args.empty() && args[0] == "record") {
-        return runRecord(std::vector<std::string>(args.begin() + 1, args.end()));
+        return gb::runRecord(std::vector<std::string>(args.begin() + 1, args.end()));
     }
     if (!args.empty() && (args[0] == "-h" || args[0] == "--help")) {
         printUsage();
@@ -323,5 +37,5 @@ int main(int argc, char** argv) {
         printUsage();
         return 2;
     }
-    return runTray(argc, argv);
+    return gb::runTray(argc, argv);
 }

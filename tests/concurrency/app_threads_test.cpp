@@ -10,7 +10,7 @@
 #include "fakes/fake_dispatch.h"
 #include "fakes/fake_shell_platform.h"
 #include "fakes/log_capture.h"
-#include "linux/portable/thread_dispatch.h"
+#include "portable/thread_dispatch.h"
 
 namespace gb {
 namespace {

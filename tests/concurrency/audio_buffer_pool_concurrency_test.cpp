@@ -7,7 +7,7 @@
 #include <mutex>
 #include <thread>
 
-#include "linux/portable/audio_buffer_pool.h"
+#include "portable/audio_buffer_pool.h"
 
 namespace gb {
 namespace {

@@ -9,7 +9,7 @@
 #include "capture/capture_session_manager.h"
 #include "fakes/fake_capture_platform.h"
 #include "fakes/fake_display.h"
-#include "linux/portable/thread_dispatch.h"
+#include "portable/thread_dispatch.h"
 #include "recording/log.h"
 
 namespace gb {

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "fakes/fake_engine.h"
-#include "linux/portable/thread_dispatch.h"
+#include "portable/thread_dispatch.h"
 
 namespace gb {
 namespace {

@@ -1,5 +1,5 @@
 // The threaded dispatch that the program runs on: a queue released by its own last closure.
-#include "linux/portable/thread_dispatch.h"
+#include "portable/thread_dispatch.h"
 
 #include <gtest/gtest.h>
 

@@ -26,7 +26,7 @@
 #include <utility>
 #include <vector>
 
-#include "linux/v4l2_device_calls.h"
+#include "linux/v4l2/v4l2_device_calls.h"
 
 namespace gb::fakes {
 

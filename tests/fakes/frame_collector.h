@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "fakes/locked.h"
-#include "linux/capture_source.h"
+#include "linux/capture/capture_source.h"
 #include "platform/media.h"
 
 namespace gb::fakes {

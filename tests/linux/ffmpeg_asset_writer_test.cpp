@@ -24,9 +24,9 @@
 #include "fakes/log_capture.h"
 #include "fakes/pixel_buffers.h"
 #include "fakes/test_environment.h"
-#include "linux/ffmpeg_asset_writer.h"
-#include "linux/ffmpeg_movie_remuxer.h"
-#include "linux/monotonic_clock.h"
+#include "linux/ffmpeg/ffmpeg_asset_writer.h"
+#include "linux/ffmpeg/ffmpeg_movie_remuxer.h"
+#include "linux/capture/monotonic_clock.h"
 
 namespace gb::linuxp {
 namespace {

@@ -12,7 +12,7 @@
 
 #include "fakes/log_capture.h"
 #include "fakes/test_environment.h"
-#include "linux/xdg_files.h"
+#include "linux/files/xdg_files.h"
 
 namespace gb::linuxp {
 namespace {

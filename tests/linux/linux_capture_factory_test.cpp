@@ -1,12 +1,12 @@
 // The Linux capture factory's session-type and scale-factor rules.
-#include "linux/linux_capture_factory.h"
+#include "linux/capture/linux_capture_factory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "fakes/log_capture.h"
 #include "fakes/test_environment.h"
-#include "linux/x11_display.h"
+#include "linux/x11/x11_display.h"
 
 namespace gb::linuxp {
 namespace {

@@ -1,5 +1,5 @@
 // The Linux capture session and data outputs, driven by fake capture sources.
-#include "linux/linux_capture_session.h"
+#include "linux/capture/linux_capture_session.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@
 
 #include "fakes/fake_dispatch.h"
 #include "fakes/log_capture.h"
-#include "linux/portable/thread_dispatch.h"
+#include "portable/thread_dispatch.h"
 
 namespace gb::linuxp {
 namespace {

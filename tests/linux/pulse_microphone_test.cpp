@@ -16,9 +16,9 @@
 #include "fakes/frame_collector.h"
 #include "fakes/log_capture.h"
 #include "fakes/test_environment.h"
-#include "linux/monotonic_clock.h"
-#include "linux/pulse_access.h"
-#include "linux/pulse_microphone.h"
+#include "linux/capture/monotonic_clock.h"
+#include "linux/pulse/pulse_access.h"
+#include "linux/pulse/pulse_microphone.h"
 
 namespace gb::linuxp {
 namespace {

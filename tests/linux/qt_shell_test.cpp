@@ -20,10 +20,10 @@
 
 #include "fakes/log_capture.h"
 #include "fakes/test_environment.h"
-#include "linux/dbus_notifications.h"
-#include "linux/qt_dialogs.h"
-#include "linux/qt_shell.h"
-#include "linux/qt_status_item.h"
+#include "linux/desktop/dbus_notifications.h"
+#include "linux/desktop/qt_dialogs.h"
+#include "linux/desktop/qt_shell.h"
+#include "linux/desktop/qt_status_item.h"
 
 namespace gb::linuxp {
 namespace {

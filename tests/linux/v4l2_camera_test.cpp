@@ -1,5 +1,5 @@
 // V4L2 cameras through a fake device world (tests/fakes/fake_v4l2.h).
-#include "linux/v4l2_camera.h"
+#include "linux/v4l2/v4l2_camera.h"
 
 #include <gtest/gtest.h>
 
@@ -15,8 +15,8 @@
 #include "fakes/frame_collector.h"
 #include "fakes/log_capture.h"
 #include "fakes/pixel_buffers.h"
-#include "linux/camera_common.h"
-#include "linux/monotonic_clock.h"
+#include "linux/v4l2/camera_common.h"
+#include "linux/capture/monotonic_clock.h"
 
 namespace gb::linuxp {
 namespace {

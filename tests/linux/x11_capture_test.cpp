@@ -16,9 +16,9 @@
 #include "fakes/log_capture.h"
 #include "fakes/pixel_buffers.h"
 #include "fakes/xvfb_server.h"
-#include "linux/monotonic_clock.h"
-#include "linux/x11_display.h"
-#include "linux/x11_screen_input.h"
+#include "linux/capture/monotonic_clock.h"
+#include "linux/x11/x11_display.h"
+#include "linux/x11/x11_screen_input.h"
 
 // Last: Xlib's macros (None, Bool, Status) clash with names in the headers above.
 #include <X11/Xlib.h>

@@ -10,9 +10,9 @@
 #include "automation/system_events_scripts.h"
 #include "fakes/test_environment.h"
 #include "fakes/xvfb_server.h"
-#include "linux/x11_accessibility.h"
-#include "linux/x11_application_finder.h"
-#include "linux/xtest_script_runner.h"
+#include "linux/x11/x11_accessibility.h"
+#include "linux/x11/x11_application_finder.h"
+#include "linux/x11/xtest_script_runner.h"
 
 namespace gb::linuxp {
 namespace {

@@ -1,8 +1,8 @@
 // The microphone's timeline and buffer pool.
 #include <gtest/gtest.h>
 
-#include "linux/portable/audio_buffer_pool.h"
-#include "linux/portable/audio_timeline.h"
+#include "portable/audio_buffer_pool.h"
+#include "portable/audio_timeline.h"
 
 namespace gb {
 namespace {

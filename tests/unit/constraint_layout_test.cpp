@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "linux/portable/constraint_layout.h"
+#include "portable/constraint_layout.h"
 
 namespace gb::linuxp {
 namespace {

@@ -1,4 +1,4 @@
-#include "linux/portable/cpu_image_compositor.h"
+#include "portable/cpu_image_compositor.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "linux/portable/system_events_script.h"
+#include "portable/system_events_script.h"
 
 #include <gtest/gtest.h>
 

@@ -4,8 +4,8 @@
 
 #include "fakes/log_capture.h"
 #include "fakes/pixel_buffers.h"
-#include "linux/portable/cpu_image_compositor.h"
-#include "linux/portable/standard_sample_maker.h"
+#include "portable/cpu_image_compositor.h"
+#include "portable/standard_sample_maker.h"
 
 namespace gb {
 namespace {

@@ -3,7 +3,7 @@
 
 #include <chrono>
 
-#include "linux/portable/audio_sync_corrector.h"
+#include "portable/audio_sync_corrector.h"
 
 namespace gb::linuxp {
 namespace {

@@ -1,0 +1,551 @@
+#include "linux/ffmpeg/ffmpeg_movie_encoder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <utility>
+
+extern "C" {
+#include <libavutil/channel_layout.h>
+#include <libavutil/opt.h>
+}
+
+#include "recording/log.h"
+
+namespace gb::linuxp {
+namespace {
+
+constexpr AVRational kVideoTimeBase{1, 90'000};
+constexpr uint32_t kAacFormatID = 0x61616320;  // "aac "
+constexpr std::chrono::seconds kCorrectionLogSpacing{60};
+
+int64_t ticksFromNanoseconds(int64_t ns, AVRational timeBase) {
+    return av_rescale_q_rnd(ns, AVRational{1, 1'000'000'000}, timeBase,
+                            static_cast<AVRounding>(AV_ROUND_NEAR_INF | AV_ROUND_PASS_MINMAX));
+}
+
+const char* x264Profile(const std::string& profileLevel) {
+    if (profileLevel.find("Baseline") != std::string::npos) return "baseline";
+    if (profileLevel.find("High") != std::string::npos) return "high";
+    return "main";
+}
+
+int bytesPerSample(AudioSampleFormat format) {
+    return format == AudioSampleFormat::s16 ? 2 : 4;
+}
+
+int64_t millisecondsOf(int64_t frames, int rate) {
+    return rate > 0 ? frames * 1000 / rate : 0;
+}
+
+}  // namespace
+
+MovieEncoder::MovieEncoder(std::string path, std::chrono::milliseconds commitInterval,
+                           std::string preset)
+    : path_(std::move(path)), commitInterval_(commitInterval), x264Preset_(std::move(preset)) {}
+
+MovieEncoder::~MovieEncoder() = default;
+
+Result<std::unique_ptr<MovieEncoder>> MovieEncoder::create(const Config& config) {
+    std::unique_ptr<MovieEncoder> encoder(
+        new MovieEncoder(config.path, config.commitInterval, config.x264Preset));
+    encoder->packet_.reset(av_packet_alloc());
+    AVFormatContext* muxer = nullptr;
+    if (avformat_alloc_output_context2(&muxer, nullptr, "mov", nullptr) < 0 || !muxer ||
+        !encoder->packet_) {
+        return writerError(WriterErrorCode::encoderUnavailable,
+                           "This system's FFmpeg cannot write QuickTime movies.");
+    }
+    encoder->muxer_.reset(muxer);
+    // Audio first: its priming decides the shift that the video timestamps carry as well.
+    if (config.audio) {
+        if (auto opened = encoder->openAudio(*config.audio); !opened) return opened.error();
+    }
+    if (config.video) {
+        if (auto opened = encoder->openVideo(*config.video); !opened) return opened.error();
+    }
+    if (auto opened = encoder->openFile(); !opened) return opened.error();
+    return encoder;
+}
+
+Result<void> MovieEncoder::openVideo(const VideoOutputSettingsForWriter& settings) {
+    // 4:2:0 needs even sizes; an odd size loses its last row or column.
+    const int width = settings.width & ~1;
+    const int height = settings.height & ~1;
+    if (width < 2 || height < 2 || (!settings.codec.empty() && settings.codec != "avc1")) {
+        return writerError(WriterErrorCode::invalidSettings,
+                           "The video settings ask for an unsupported format (" + settings.codec +
+                               ", " + std::to_string(settings.width) + "x" +
+                               std::to_string(settings.height) + ").");
+    }
+    const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
+    if (codec == nullptr) {
+        return writerError(WriterErrorCode::encoderUnavailable,
+                           "This system's FFmpeg has no H.264 encoder (libx264).");
+    }
+    video_.reset(avcodec_alloc_context3(codec));
+    if (!video_) return fileOrCodecError(AVERROR(ENOMEM), "The H.264 encoder couldn't be started");
+    AVCodecContext* c = video_.get();
+    c->width = width;
+    c->height = height;
+    c->pix_fmt = AV_PIX_FMT_YUV420P;
+    c->time_base = kVideoTimeBase;
+    // Rate control budgets per frame at this rate; real timestamps still drive it (force-cfr=0).
+    c->framerate = AVRational{30, 1};
+    c->bit_rate =
+        settings.compression.averageBitRate > 0 ? settings.compression.averageBitRate : 2'000'000;
+    c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    // One thread: no frame threads and no lookahead keeps memory and latency small.
+    c->thread_count = 1;
+    c->color_range = AVCOL_RANGE_MPEG;
+    c->colorspace = AVCOL_SPC_BT709;
+    c->color_primaries = AVCOL_PRI_BT709;
+    c->color_trc = AVCOL_TRC_BT709;
+
+    const bool cabac = settings.compression.entropyMode == "CABAC";
+    const char* profile = x264Profile(settings.compression.profileLevel);
+    AVDictionary* options = nullptr;
+    av_dict_set(&options, "preset", x264Preset_.c_str(), 0);
+    av_dict_set(&options, "tune", "zerolatency", 0);
+    av_dict_set(&options, "profile", profile, 0);
+    av_dict_set(&options, "coder",
+                cabac && std::strcmp(profile, "baseline") != 0 ? "cabac" : "cavlc", 0);
+    // x264 names the lowest profile that the stream's tools need; ultrafast uses only Baseline
+    // tools, so weighted P-prediction (a Main tool, cheap) keeps the requested profile.
+    const bool mainOrHigher = std::strcmp(profile, "baseline") != 0;
+    av_dict_set(&options, "x264-params", mainOrHigher ? "force-cfr=0:weightp=1" : "force-cfr=0", 0);
+    const int rc = avcodec_open2(c, codec, &options);
+    av_dict_free(&options);
+    if (rc < 0) return fileOrCodecError(rc, "The H.264 encoder couldn't be started");
+
+    videoStream_ = avformat_new_stream(muxer_.get(), nullptr);
+    if (videoStream_ == nullptr) {
+        return fileOrCodecError(AVERROR(ENOMEM), "The video track couldn't be created");
+    }
+    videoStream_->time_base = kVideoTimeBase;
+    avcodec_parameters_from_context(videoStream_->codecpar, c);
+
+    videoFrame_.reset(av_frame_alloc());
+    if (!videoFrame_) return fileOrCodecError(AVERROR(ENOMEM), "The video frame couldn't be made");
+    videoFrame_->format = c->pix_fmt;
+    videoFrame_->width = width;
+    videoFrame_->height = height;
+    videoFrame_->color_range = c->color_range;
+    videoFrame_->colorspace = c->colorspace;
+    videoFrame_->color_primaries = c->color_primaries;
+    videoFrame_->color_trc = c->color_trc;
+    if (const int got = av_frame_get_buffer(videoFrame_.get(), 0); got < 0) {
+        return fileOrCodecError(got, "The video frame couldn't be made");
+    }
+    videoShiftTicks_ = av_rescale_q(shiftMicroseconds_, AV_TIME_BASE_Q, kVideoTimeBase);
+    return {};
+}
+
+Result<void> MovieEncoder::openAudio(const AudioOutputSettingsForWriter& settings) {
+    const int channels = settings.numberOfChannels > 0 ? settings.numberOfChannels : 2;
+    const int rate =
+        settings.sampleRate > 0 ? static_cast<int>(std::lround(settings.sampleRate)) : 44'100;
+    if ((settings.formatID != 0 && settings.formatID != kAacFormatID) || channels > 2) {
+        return writerError(WriterErrorCode::invalidSettings,
+                           "The audio settings ask for an unsupported format (" +
+                               std::to_string(channels) + " channels at " + std::to_string(rate) +
+                               " Hz).");
+    }
+    const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
+    if (codec == nullptr) {
+        return writerError(WriterErrorCode::encoderUnavailable,
+                           "This system's FFmpeg has no AAC encoder.");
+    }
+    audio_.reset(avcodec_alloc_context3(codec));
+    if (!audio_) return fileOrCodecError(AVERROR(ENOMEM), "The AAC encoder couldn't be started");
+    AVCodecContext* c = audio_.get();
+    c->sample_fmt = AV_SAMPLE_FMT_FLTP;
+    c->sample_rate = rate;
+    av_channel_layout_default(&c->ch_layout, channels);
+    c->bit_rate = settings.encoderBitRate > 0 ? settings.encoderBitRate : 128'000;
+    c->profile = FF_PROFILE_AAC_LOW;
+    c->time_base = AVRational{1, rate};
+    c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    if (const int rc = avcodec_open2(c, codec, nullptr); rc < 0) {
+        return fileOrCodecError(rc, "The AAC encoder couldn't be started");
+    }
+    audioStream_ = avformat_new_stream(muxer_.get(), nullptr);
+    if (audioStream_ == nullptr) {
+        return fileOrCodecError(AVERROR(ENOMEM), "The audio track couldn't be created");
+    }
+    audioStream_->time_base = c->time_base;
+    avcodec_parameters_from_context(audioStream_->codecpar, c);
+
+    audioFrame_.reset(av_frame_alloc());
+    fifo_.reset(av_audio_fifo_alloc(AV_SAMPLE_FMT_FLTP, channels, 4 * c->frame_size));
+    if (!audioFrame_ || !fifo_) {
+        return fileOrCodecError(AVERROR(ENOMEM), "The audio buffers couldn't be made");
+    }
+    audioShiftTicks_ = c->initial_padding;
+    shiftMicroseconds_ = av_rescale_q(audioShiftTicks_, c->time_base, AV_TIME_BASE_Q);
+    corrector_.emplace(rate);
+    return {};
+}
+
+Result<void> MovieEncoder::openFile() {
+    auto created = FileOutput::create(path_, /*replace=*/true);
+    if (!created) return created.error();
+    file_ = std::move(created.value());
+    AVFormatContext* m = muxer_.get();
+    m->pb = file_->io();
+    m->flags |= AVFMT_FLAG_CUSTOM_IO;
+    // Times are already non-negative (see the shift); never let the muxer move them.
+    m->avoid_negative_ts = AVFMT_AVOID_NEG_TS_DISABLED;
+    AVDictionary* options = nullptr;
+    // An empty index up front, then self-contained fragments that we seal ourselves.
+    av_dict_set(&options, "movflags", "empty_moov+default_base_moof+frag_custom+frag_discont", 0);
+    av_dict_set(&options, "use_editlist", "0", 0);
+    const int rc = avformat_write_header(m, &options);
+    av_dict_free(&options);
+    if (rc < 0) return fileOrCodecError(rc, "The movie header couldn't be written");
+    if (auto flushed = file_->flush(/*durable=*/true); !flushed) return flushed.error();
+    committedBytes_ = file_->position();
+    lastCommit_ = std::chrono::steady_clock::now();
+    return {};
+}
+
+PlatformError MovieEncoder::fileOrCodecError(int averror, const char* what) const {
+    if (file_ && (file_->io()->error < 0 || averror == AVERROR(EIO) || averror == AVERROR(ENOSPC) ||
+                  averror == AVERROR(EFBIG) || averror == AVERROR(EDQUOT))) {
+        return file_->writeError();
+    }
+    return writerError(WriterErrorCode::encodeFailed,
+                       std::string(what) + ": " + avErrorText(averror) + ".");
+}
+
+// ---- video ---------------------------------------------------------------------------------
+
+Result<void> MovieEncoder::convertPicture(const PixelBuffer& picture) {
+    AVFrame* frame = videoFrame_.get();
+    if (picture.width() != sourceWidth_ || picture.height() != sourceHeight_ || !scaler_) {
+        sourceWidth_ = picture.width();
+        sourceHeight_ = picture.height();
+        picture_ = letterboxRect(sourceWidth_, sourceHeight_, frame->width, frame->height);
+        const bool sameSize = picture_.width == sourceWidth_ && picture_.height == sourceHeight_;
+        scaler_.reset(sws_getContext(
+            sourceWidth_, sourceHeight_, AV_PIX_FMT_BGRA, picture_.width, picture_.height,
+            AV_PIX_FMT_YUV420P, sameSize ? SWS_POINT : SWS_BILINEAR, nullptr, nullptr, nullptr));
+        if (!scaler_) {
+            return writerError(WriterErrorCode::encodeFailed,
+                               "Frames of " + std::to_string(sourceWidth_) + "x" +
+                                   std::to_string(sourceHeight_) + " can't be converted.");
+        }
+        // Full-range RGB in, BT.709 limited-range video out (as the stream is tagged).
+        const int* rgb = sws_getCoefficients(SWS_CS_DEFAULT);
+        const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
+        sws_setColorspaceDetails(scaler_.get(), rgb, 1, bt709, 0, 0, 1 << 16, 1 << 16);
+        if (picture_.width != frame->width || picture_.height != frame->height) {
+            logLine("Writer: letterboxing " + std::to_string(sourceWidth_) + "x" +
+                    std::to_string(sourceHeight_) + " frames into " + std::to_string(frame->width) +
+                    "x" + std::to_string(frame->height));
+        }
+    }
+    if (const int rc = av_frame_make_writable(frame); rc < 0) {
+        return fileOrCodecError(rc, "The video frame couldn't be made");
+    }
+    if (picture_.width != frame->width || picture_.height != frame->height) {
+        for (int plane = 0; plane < 3; ++plane) {
+            const int rows = plane == 0 ? frame->height : (frame->height + 1) / 2;
+            std::memset(frame->data[plane], plane == 0 ? 16 : 128,
+                        static_cast<size_t>(frame->linesize[plane]) * rows);
+        }
+    }
+    uint8_t* destination[4] = {
+        frame->data[0] + static_cast<ptrdiff_t>(picture_.y) * frame->linesize[0] + picture_.x,
+        frame->data[1] + static_cast<ptrdiff_t>(picture_.y / 2) * frame->linesize[1] +
+            picture_.x / 2,
+        frame->data[2] + static_cast<ptrdiff_t>(picture_.y / 2) * frame->linesize[2] +
+            picture_.x / 2,
+        nullptr};
+    const uint8_t* source[4] = {picture.baseAddress(), nullptr, nullptr, nullptr};
+    const int sourceStride[4] = {static_cast<int>(picture.bytesPerRow()), 0, 0, 0};
+    sws_scale(scaler_.get(), source, sourceStride, 0, sourceHeight_, destination, frame->linesize);
+    return {};
+}
+
+Result<void> MovieEncoder::encodeVideo(SampleBufferRef sample, MediaTime sessionStart) {
+    if (!video_ || !sample || !sample->imageBuffer()) return {};
+    const PixelBuffer& picture = *sample->imageBuffer();
+    if (picture.baseAddress() == nullptr || picture.width() <= 0 || picture.height() <= 0)
+        return {};
+    const int64_t offsetNs = sample->presentationTime().nanoseconds() - sessionStart.nanoseconds();
+    if (offsetNs < 0) {
+        ++stats_.videoFramesBeforeStart;
+        return {};
+    }
+    const int64_t pts = ticksFromNanoseconds(offsetNs, kVideoTimeBase) + videoShiftTicks_;
+    if (pts <= lastVideoPts_) {
+        ++stats_.videoFramesOutOfOrder;
+        return {};
+    }
+    // How long this frame shows. Only the last frame of a fragment needs it (the others end where
+    // the next one starts), and it must not reach into the next fragment's first frame, which
+    // capture jitter can bring a little early: half the last interval, or half the nominal one.
+    int64_t nominal = 3000;
+    if (const MediaTime d = sample->timing().duration; d.isValid() && d.value > 0) {
+        nominal = ticksFromNanoseconds(d.nanoseconds(), kVideoTimeBase);
+    }
+    const int64_t interval = lastVideoPts_ >= 0 ? pts - lastVideoPts_ : nominal;
+    const int64_t duration = std::clamp<int64_t>(std::min(interval, nominal) / 2, 1, 4500);
+    lastVideoPts_ = pts;
+    videoEndNs_ = offsetNs + av_rescale_q(duration, kVideoTimeBase, AVRational{1, 1'000'000'000});
+
+    if (auto converted = convertPicture(picture); !converted) return converted;
+    sample.reset();  // the capture buffer goes back to its pool before the slow part
+
+    videoFrame_->pts = pts;
+    videoDurations_[videoDurationNext_++ % videoDurations_.size()] = {pts, duration};
+    ++stats_.videoFramesEncoded;
+    return sendAndMux(video_.get(), videoFrame_.get(), videoStream_, 0);
+}
+
+// ---- audio ---------------------------------------------------------------------------------
+
+Result<void> MovieEncoder::ensureResampler(const AudioBuffer& audio) {
+    if (resampler_ && audio.sampleRate == resamplerRate_ && audio.channels == resamplerChannels_ &&
+        audio.format == resamplerFormat_) {
+        return {};
+    }
+    if (resampler_) {
+        logLine("Writer: microphone format changed to " + std::to_string(audio.channels) +
+                " channels at " + std::to_string(audio.sampleRate) + " Hz");
+    }
+    AVChannelLayout in{};
+    av_channel_layout_default(&in, audio.channels);
+    SwrContext* raw = nullptr;
+    int rc = swr_alloc_set_opts2(
+        &raw, &audio_->ch_layout, AV_SAMPLE_FMT_FLTP, audio_->sample_rate, &in,
+        audio.format == AudioSampleFormat::s16 ? AV_SAMPLE_FMT_S16 : AV_SAMPLE_FMT_FLT,
+        audio.sampleRate, 0, nullptr);
+    av_channel_layout_uninit(&in);
+    SwrPtr swr(raw);
+    if (rc >= 0 && audio.channels == 1 && audio_->ch_layout.nb_channels == 2) {
+        // A mono microphone plays at full level on both sides (the default mix halves power).
+        const double both[2] = {1.0, 1.0};
+        rc = swr_set_matrix(swr.get(), both, 1);
+    }
+    if (rc >= 0) rc = swr_init(swr.get());
+    if (rc < 0) {
+        return writerError(WriterErrorCode::encodeFailed,
+                           "Microphone audio of " + std::to_string(audio.channels) +
+                               " channels at " + std::to_string(audio.sampleRate) +
+                               " Hz can't be converted: " + avErrorText(rc) + ".");
+    }
+    resampler_ = std::move(swr);
+    resamplerRate_ = audio.sampleRate;
+    resamplerChannels_ = audio.channels;
+    resamplerFormat_ = audio.format;
+    return {};
+}
+
+int64_t MovieEncoder::audioFramesPlaced() const {
+    int64_t placed = audioFramesSent_ + av_audio_fifo_size(fifo_.get());
+    if (resampler_) placed += swr_get_delay(resampler_.get(), audio_->sample_rate);
+    return placed;
+}
+
+Result<void> MovieEncoder::writeSilence(int64_t frames) {
+    for (auto& plane : staging_) {
+        if (plane.size() < 4096) plane.resize(4096);
+        std::fill(plane.begin(), plane.end(), 0.0f);
+    }
+    while (frames > 0) {
+        const int chunk = static_cast<int>(std::min<int64_t>(frames, 4096));
+        void* planes[2] = {staging_[0].data(), staging_[1].data()};
+        if (av_audio_fifo_write(fifo_.get(), planes, chunk) < chunk) {
+            return fileOrCodecError(AVERROR(ENOMEM), "The audio couldn't be buffered");
+        }
+        frames -= chunk;
+        if (auto encoded = encodeQueuedAudio(false); !encoded) return encoded;
+    }
+    return {};
+}
+
+Result<void> MovieEncoder::pushAudio(const uint8_t* data, int frames) {
+    const int capacity = swr_get_out_samples(resampler_.get(), frames);
+    if (capacity < 0) return fileOrCodecError(capacity, "The audio couldn't be converted");
+    for (auto& plane : staging_) {
+        if (plane.size() < static_cast<size_t>(capacity))
+            plane.resize(static_cast<size_t>(capacity));
+    }
+    uint8_t* out[2] = {reinterpret_cast<uint8_t*>(staging_[0].data()),
+                       reinterpret_cast<uint8_t*>(staging_[1].data())};
+    const uint8_t* in[1] = {data};
+    const int converted = swr_convert(resampler_.get(), out, capacity, data ? in : nullptr, frames);
+    if (converted < 0) return fileOrCodecError(converted, "The audio couldn't be converted");
+    void* planes[2] = {staging_[0].data(), staging_[1].data()};
+    if (converted > 0 && av_audio_fifo_write(fifo_.get(), planes, converted) < converted) {
+        return fileOrCodecError(AVERROR(ENOMEM), "The audio couldn't be buffered");
+    }
+    return encodeQueuedAudio(false);
+}
+
+Result<void> MovieEncoder::encodeAudio(SampleBufferRef sample, MediaTime sessionStart) {
+    if (!audio_ || !sample || !sample->audioBuffer()) return {};
+    const AudioBuffer& audio = *sample->audioBuffer();
+    const int frameBytes = audio.channels * bytesPerSample(audio.format);
+    if (audio.sampleRate <= 0 || audio.channels <= 0 || audio.frameCount <= 0 ||
+        audio.data.size() < static_cast<size_t>(audio.frameCount) * frameBytes) {
+        return {};
+    }
+    if (auto ready = ensureResampler(audio); !ready) return ready;
+
+    const int64_t offsetNs = sample->presentationTime().nanoseconds() - sessionStart.nanoseconds();
+    const auto placement =
+        corrector_->place(std::chrono::nanoseconds(offsetNs), audioFramesPlaced(), audio.frameCount,
+                          audio.sampleRate);
+    if (placement.droppedInputFrames >= audio.frameCount && offsetNs < 0) {
+        ++stats_.audioBuffersBeforeStart;
+        return {};
+    }
+    if (placement.corrected && audioFramesSent_ >= nextCorrectionLogFrames_) {
+        const int rate = audio_->sample_rate;
+        logLine(placement.silenceFrames > 0
+                    ? "Writer: audio resynchronised: " +
+                          std::to_string(millisecondsOf(placement.silenceFrames, rate)) +
+                          " ms of silence inserted (gap in the microphone's timestamps)"
+                    : "Writer: audio resynchronised: " +
+                          std::to_string(
+                              millisecondsOf(placement.droppedInputFrames, audio.sampleRate)) +
+                          " ms dropped (microphone ahead of its timestamps)");
+        nextCorrectionLogFrames_ = audioFramesSent_ + kCorrectionLogSpacing.count() * rate;
+    }
+    if (placement.silenceFrames > 0) {
+        if (auto padded = writeSilence(placement.silenceFrames); !padded) return padded;
+    }
+    const int kept = audio.frameCount - static_cast<int>(placement.droppedInputFrames);
+    if (kept <= 0) return {};
+    const uint8_t* first = audio.data.data() + placement.droppedInputFrames * frameBytes;
+    return pushAudio(first, kept);
+}
+
+Result<void> MovieEncoder::sendAudioFrame(int frames) {
+    AVFrame* frame = audioFrame_.get();
+    if (frame->nb_samples != frames || frame->data[0] == nullptr) {
+        av_frame_unref(frame);
+        frame->format = audio_->sample_fmt;
+        frame->sample_rate = audio_->sample_rate;
+        av_channel_layout_copy(&frame->ch_layout, &audio_->ch_layout);
+        frame->nb_samples = frames;
+        if (const int rc = av_frame_get_buffer(frame, 0); rc < 0) {
+            return fileOrCodecError(rc, "The audio frame couldn't be made");
+        }
+    }
+    if (const int rc = av_frame_make_writable(frame); rc < 0) {
+        return fileOrCodecError(rc, "The audio frame couldn't be made");
+    }
+    if (av_audio_fifo_read(fifo_.get(), reinterpret_cast<void**>(frame->data), frames) < frames) {
+        return fileOrCodecError(AVERROR_BUG, "The audio couldn't be buffered");
+    }
+    frame->pts = audioFramesSent_;
+    audioFramesSent_ += frames;
+    stats_.audioFramesEncoded += frames;
+    return sendAndMux(audio_.get(), frame, audioStream_, audioShiftTicks_);
+}
+
+Result<void> MovieEncoder::encodeQueuedAudio(bool drain) {
+    const int frameSize = audio_->frame_size;
+    while (av_audio_fifo_size(fifo_.get()) >= frameSize) {
+        if (auto sent = sendAudioFrame(frameSize); !sent) return sent;
+    }
+    // The last frame of a recording may be short.
+    if (drain && av_audio_fifo_size(fifo_.get()) > 0) {
+        return sendAudioFrame(av_audio_fifo_size(fifo_.get()));
+    }
+    return {};
+}
+
+// ---- muxing and commits --------------------------------------------------------------------
+
+Result<void> MovieEncoder::sendAndMux(AVCodecContext* codec, const AVFrame* frame, AVStream* stream,
+                                      int64_t shiftTicks) {
+    int rc = avcodec_send_frame(codec, frame);
+    if (rc < 0) return fileOrCodecError(rc, "The encoder refused a frame");
+    AVPacket* packet = packet_.get();
+    for (;;) {
+        rc = avcodec_receive_packet(codec, packet);
+        if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return {};
+        if (rc < 0) return fileOrCodecError(rc, "A frame couldn't be encoded");
+        packet->pts += shiftTicks;
+        packet->dts += shiftTicks;
+        if (codec == video_.get()) {
+            for (const auto& [pts, duration] : videoDurations_) {
+                if (duration > 0 && pts == packet->pts) packet->duration = duration;
+            }
+        }
+        av_packet_rescale_ts(packet, codec->time_base, stream->time_base);
+        packet->stream_index = stream->index;
+        rc = av_write_frame(muxer_.get(), packet);
+        av_packet_unref(packet);
+        if (rc < 0) return fileOrCodecError(rc, "The movie couldn't be written");
+        uncommitted_ = true;
+    }
+}
+
+std::optional<std::chrono::steady_clock::time_point> MovieEncoder::commitDeadline() const {
+    if (!uncommitted_) return std::nullopt;
+    return lastCommit_ + commitInterval_;
+}
+
+Result<void> MovieEncoder::commitIfDue(std::chrono::steady_clock::time_point now) {
+    if (!uncommitted_ || now < lastCommit_ + commitInterval_) return {};
+    return commit();
+}
+
+Result<void> MovieEncoder::commit() {
+    // A null packet seals the fragment (frag_custom).
+    if (const int rc = av_write_frame(muxer_.get(), nullptr); rc < 0) {
+        return fileOrCodecError(rc, "The movie couldn't be written");
+    }
+    if (auto flushed = file_->flush(/*durable=*/true); !flushed) return flushed.error();
+    committedBytes_ = file_->position();
+    uncommitted_ = false;
+    lastCommit_ = std::chrono::steady_clock::now();
+    ++stats_.commits;
+    return {};
+}
+
+Result<void> MovieEncoder::finish() {
+    if (audio_) {
+        // Without any microphone audio the track still spans the video, as silence.
+        if (audioFramesPlaced() == 0 && videoEndNs_ > 0) {
+            if (auto padded = writeSilence(ticksFromNanoseconds(videoEndNs_, audio_->time_base));
+                !padded) {
+                return padded;
+            }
+        }
+        if (resampler_) {
+            if (auto flushed = pushAudio(nullptr, 0); !flushed) return flushed;
+        }
+        if (auto drained = encodeQueuedAudio(true); !drained) return drained;
+        if (auto drained = sendAndMux(audio_.get(), nullptr, audioStream_, audioShiftTicks_);
+            !drained) {
+            return drained;
+        }
+    }
+    if (video_) {
+        if (auto drained = sendAndMux(video_.get(), nullptr, videoStream_, 0); !drained) {
+            return drained;
+        }
+    }
+    if (const int rc = av_write_trailer(muxer_.get()); rc < 0) {
+        return fileOrCodecError(rc, "The movie couldn't be finished");
+    }
+    if (auto flushed = file_->flush(/*durable=*/true); !flushed) return flushed.error();
+    committedBytes_ = file_->position();
+    uncommitted_ = false;
+    return file_->close();
+}
+
+void MovieEncoder::closeAtLastCommit() {
+    if (!file_) return;
+    file_->truncate(committedBytes_);
+    (void)file_->close();
+}
+
+}  // namespace gb::linuxp
