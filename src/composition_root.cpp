@@ -190,14 +190,12 @@ int runRecord(const std::vector<std::string>& args) {
         // whatever was on screen).
         std::error_code ec;
         const std::filesystem::path dir = std::filesystem::absolute(*options.outputDirectory, ec);
-        if (!std::filesystem::is_directory(dir, ec)) {
-            std::filesystem::create_directories(dir, ec);
-            if (ec) {
-                std::fprintf(stderr, "glimmerbox record: cannot create the folder %s: %s\n",
-                             dir.c_str(), ec.message().c_str());
-                return 1;
-            }
-            std::filesystem::permissions(dir, std::filesystem::perms::owner_all, ec);
+        // Every folder made on the way is private too, whatever the umask.
+        if (auto made = XdgFileSystem().createDirectory(dir.lexically_normal().string(), true);
+            !made) {
+            std::fprintf(stderr, "glimmerbox record: cannot create the folder %s: %s\n",
+                         dir.c_str(), made.error().localizedDescription.c_str());
+            return 1;
         }
     }
 

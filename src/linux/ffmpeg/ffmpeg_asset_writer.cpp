@@ -1,14 +1,20 @@
 #include "linux/ffmpeg/ffmpeg_asset_writer.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <stop_token>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -130,6 +136,9 @@ private:
     bool finished_ = false;                   // guarded by mutex_
     std::chrono::steady_clock::time_point finishCalledAt_;  // guarded by mutex_
     std::vector<std::function<void()>> completions_;        // guarded by mutex_
+    // A duplicate of the growing file's descriptor: keeps the file locked, and identifies it,
+    // until the finished movie has taken its name.
+    UniqueFd ownFile_;  // guarded by mutex_
     std::jthread thread_;  // set once by make(); last, so it starts after the fields above
 };
 
@@ -167,6 +176,7 @@ bool WriterCore::startWriting() {
             logLine("Writer: " + created.error().localizedDescription);
             return false;
         }
+        ownFile_.reset(::fcntl(created.value()->fileDescriptor(), F_DUPFD_CLOEXEC, 0));
         handover_ = std::move(created.value());
         status_ = AssetWriterStatus::writing;
     }
@@ -356,12 +366,24 @@ AssetWriterStatus WriterCore::finish(std::unique_ptr<MovieEncoder>& encoder) {
     logTotals(encoder.get());
     const int64_t shift = encoder->timelineShiftMicroseconds();
     encoder.reset();
+    UniqueFd ownFile;
+    {
+        std::lock_guard lock(mutex_);
+        ownFile = std::move(ownFile_);
+    }
     const auto rewriteBegan = std::chrono::steady_clock::now();
-    auto rewritten = rewriteAsIndexedMovie(path_, shift);
+    auto rewritten = rewriteAsIndexedMovie(path_, shift, ownFile.get());
     const auto rewriteTook = std::chrono::duration_cast<std::chrono::milliseconds>(
         std::chrono::steady_clock::now() - rewriteBegan);
     logLine("Writer: index written in " + std::to_string(rewriteTook.count()) + " ms");
     if (!rewritten) {
+        if (ownFile.valid() && identityAt(ownFile.get(), path_) != FileIdentity::same) {
+            // Nothing of this recording is where the user will look for it.
+            std::lock_guard lock(mutex_);
+            error_ = rewritten.error();
+            logLine("Writer: recording failed: " + rewritten.error().localizedDescription);
+            return AssetWriterStatus::failed;
+        }
         // The fragmented movie is complete and plays as it is; nothing is lost.
         logLine("Writer: " + rewritten.error().localizedDescription +
                 " The recording is kept as a fragmented movie.");
@@ -489,6 +511,51 @@ void FfmpegAssetWriter::finishWriting(std::function<void()> completion) {
 
 // ---- factory -------------------------------------------------------------------------------
 
+namespace {
+
+// Why nothing can be created at `path`, or nothing when the name is free.
+std::optional<std::string> nameTaken(const std::string& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0) return std::nullopt;
+    if (S_ISDIR(st.st_mode)) return "a folder of that name is in the way";
+    if (!S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode)) {
+        return "something that is not a file is in the way";
+    }
+    if (isBeingWritten(path)) return "another recording is being written to that file";
+    return "a file of that name is in the way and can't be removed";
+}
+
+// The hidden temporaries of finishes that a killed run left behind. Each one's recording is the
+// fragmented movie beside it, complete and playable, so the temporary goes; one whose movie is
+// gone is left alone, and one still locked belongs to a finish under way.
+void removeStaleTemporaries(const std::string& folder) {
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(folder.c_str()), &::closedir);
+    if (!dir) return;
+    constexpr std::string_view suffix = ".mov.finishing";
+    while (const dirent* entry = ::readdir(dir.get())) {
+        const std::string_view name(entry->d_name);
+        if (name.size() <= suffix.size() + 1 || name.front() != '.' || !name.ends_with(suffix)) {
+            continue;
+        }
+        const std::string temporary = folder + "/" + std::string(name);
+        const std::string movie =
+            folder + "/" + std::string(name.substr(1, name.size() - 1 - std::strlen(".finishing")));
+        struct stat st {};
+        if (::lstat(temporary.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
+            ::lstat(movie.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+            continue;
+        }
+        UniqueFd fd(::open(temporary.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        if (!fd.valid() || ::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) continue;
+        if (::unlink(temporary.c_str()) == 0) {
+            logLine("Writer: removed “" + temporary + "”, left by a run that stopped while "
+                    "finishing; its recording is “" + movie + "”");
+        }
+    }
+}
+
+}  // namespace
+
 FfmpegAssetWriterFactory::FfmpegAssetWriterFactory(FfmpegWriterOptions options)
     : options_(options) {
     routeFfmpegLogging();
@@ -527,6 +594,11 @@ Result<AssetWriterRef> FfmpegAssetWriterFactory::makeWriter(const std::string& p
                            "write to the folder “" +
                                folder + "”.");
     }
+    if (const auto taken = nameTaken(path)) {
+        return writerError(WriterErrorCode::cannotCreateFile,
+                           "The recording can't be saved as “" + path + "”: " + *taken + ".");
+    }
+    removeStaleTemporaries(folder);
     return AssetWriterRef(std::make_shared<FfmpegAssetWriter>(path, options_));
 }
 

@@ -1,6 +1,7 @@
 #include "linux/ffmpeg/ffmpeg_handles.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <mutex>
+#include <optional>
 
 extern "C" {
 #include <libavutil/log.h>
@@ -56,6 +58,29 @@ namespace {
 
 constexpr int kIoBufferBytes = 256 * 1024;
 
+// An unnamed file in the folder, locked, then given its name: linkat never replaces what is
+// there, so the name appears locked or not at all. Nothing when the file system cannot do it.
+std::optional<UniqueFd> createLockedAtomically(const std::string& path, int& error) {
+    UniqueFd fd(::open(directoryOf(path).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+    if (!fd.valid()) return std::nullopt;
+    (void)::flock(fd.get(), LOCK_EX | LOCK_NB);
+    const std::string self = "/proc/self/fd/" + std::to_string(fd.get());
+    if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+        error = errno;
+        if (error == ENOENT && ::access("/proc/self/fd", F_OK) != 0) return std::nullopt;
+        return UniqueFd();
+    }
+    return fd;
+}
+
+std::string creationReason(int err) {
+    if (err == EEXIST) return "something of that name is already there";
+    if (err == ELOOP) return "a link of that name is in the way";
+    return errnoReason(err);
+}
+
+}  // namespace
+
 std::string directoryOf(const std::string& path) {
     const auto slash = path.rfind('/');
     if (slash == std::string::npos) return ".";
@@ -63,23 +88,43 @@ std::string directoryOf(const std::string& path) {
     return path.substr(0, slash);
 }
 
-}  // namespace
+bool isBeingWritten(const std::string& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    return fd.valid() && ::flock(fd.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
+FileIdentity identityAt(int fd, const std::string& path) {
+    struct stat own {};
+    struct stat there {};
+    if (::lstat(path.c_str(), &there) != 0) return FileIdentity::missing;
+    if (::fstat(fd, &own) != 0) return FileIdentity::other;
+    return own.st_dev == there.st_dev && own.st_ino == there.st_ino ? FileIdentity::same
+                                                                    : FileIdentity::other;
+}
 
 void syncDirectoryOf(const std::string& path) {
     UniqueFd dir(::open(directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (dir.valid()) (void)::fsync(dir.get());
 }
 
-Result<std::unique_ptr<FileOutput>> FileOutput::create(const std::string& path, bool replace) {
-    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (replace ? O_TRUNC : O_EXCL);
-    UniqueFd fd(::open(path.c_str(), flags, 0600));
+Result<std::unique_ptr<FileOutput>> FileOutput::create(const std::string& path) {
+    int err = 0;
+    UniqueFd fd;
+    if (auto atomic = createLockedAtomically(path, err)) {
+        fd = std::move(*atomic);
+    } else {
+        fd.reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        err = errno;
+        if (fd.valid()) (void)::flock(fd.get(), LOCK_EX | LOCK_NB);
+    }
     if (!fd.valid()) {
-        const int err = errno;
         return writerError(
             WriterErrorCode::cannotCreateFile,
-            "The recording file “" + path + "” couldn't be created: " + errnoReason(err) + ".");
+            "The recording file “" + path + "” couldn't be created: " + creationReason(err) + ".");
     }
-    // A file that existed already keeps its old mode through O_TRUNC.
+    // Whatever the umask.
     (void)::fchmod(fd.get(), 0600);
     std::unique_ptr<FileOutput> out(new FileOutput(path, std::move(fd)));
     auto* buffer = static_cast<unsigned char*>(av_malloc(kIoBufferBytes));
@@ -160,6 +205,14 @@ Result<void> FileOutput::close() {
         return writeError();
     }
     return {};
+}
+
+void FileOutput::discard() {
+    if (fd_.valid() && identityAt(fd_.get(), path_) == FileIdentity::same) {
+        ::unlink(path_.c_str());
+        syncDirectoryOf(path_);
+    }
+    fd_.reset();
 }
 
 PlatformError FileOutput::writeError() const {

@@ -99,13 +99,16 @@ private:
 // A file written by an FFmpeg muxer through our own descriptor, so that the writer can make what
 // was written durable (fdatasync), learn the exact errno of a failed write, and cut the file
 // back after a failure. Created with mode 0600: recordings hold whatever was on the screen.
+//
+// The file is locked (an exclusive flock) from its creation on, for as long as its descriptor or
+// a duplicate of it is open: other recorders leave a locked file alone (isBeingWritten()).
 // Not thread-safe; one thread at a time.
 class FileOutput {
 public:
-    // Creates `path` (replacing a file of that name when `replace`, failing when it exists
-    // otherwise) and makes its directory entry durable.
-    [[nodiscard]] static Result<std::unique_ptr<FileOutput>> create(const std::string& path,
-                                                                    bool replace);
+    // Creates `path`, which must not exist yet (a link of that name is not followed), and makes
+    // its directory entry durable. The name appears already locked where the file system allows
+    // it (O_TMPFILE), so no other recorder ever sees it unlocked.
+    [[nodiscard]] static Result<std::unique_ptr<FileOutput>> create(const std::string& path);
     FileOutput(const FileOutput&) = delete;
     FileOutput& operator=(const FileOutput&) = delete;
     FileOutput(FileOutput&&) = delete;
@@ -114,6 +117,7 @@ public:
 
     [[nodiscard]] AVIOContext* io() const { return io_.get(); }
     [[nodiscard]] const std::string& path() const { return path_; }
+    [[nodiscard]] int descriptor() const { return fd_.get(); }
     // Hands the muxer's buffered bytes to the file, then (with `durable`) to the disk.
     [[nodiscard]] Result<void> flush(bool durable);
     // Bytes written so far (after flush()).
@@ -122,6 +126,9 @@ public:
     void truncate(int64_t size);
     // Closes the descriptor; an error when the last bytes could not be written.
     [[nodiscard]] Result<void> close();
+    // Removes the file (when its name still refers to it) and closes it: for a file that got
+    // nothing worth keeping.
+    void discard();
     // A clear sentence about the last failure, e.g. "… couldn't be written: the disk is full."
     [[nodiscard]] PlatformError writeError() const;
 
@@ -136,6 +143,16 @@ private:
     int64_t position_ = 0;  // file offset of the next byte written
     int lastErrno_ = 0;     // errno of the last failed write or sync, 0 when none
 };
+
+// Whether `path` is a regular file that a recorder holds locked (see FileOutput).
+[[nodiscard]] bool isBeingWritten(const std::string& path);
+
+// What `path` names, compared with the file open as `fd`.
+enum class FileIdentity { same, missing, other };
+[[nodiscard]] FileIdentity identityAt(int fd, const std::string& path);
+
+// The folder part of a path ("." for a bare name).
+[[nodiscard]] std::string directoryOf(const std::string& path);
 
 // Makes a directory's entries (a new or renamed file) durable. Best effort.
 void syncDirectoryOf(const std::string& path);
@@ -157,6 +174,7 @@ enum class WriterErrorCode : int {
     writeFailed = 6,
     encodeFailed = 7,
     notStarted = 8,
+    fileGone = 9,  // the file or its folder was removed or replaced while recording
 };
 inline constexpr const char* kWriterErrorDomain = "GlimmerboxWriter";
 

@@ -64,7 +64,11 @@ Result<std::unique_ptr<MovieEncoder>> MovieEncoder::create(const Config& config)
     if (config.video) {
         if (auto opened = encoder->openVideo(*config.video); !opened) return opened.error();
     }
-    if (auto opened = encoder->openFile(); !opened) return opened.error();
+    if (auto opened = encoder->openFile(); !opened) {
+        // A disk full at the start leaves no empty file behind.
+        if (encoder->file_) encoder->file_->discard();
+        return opened.error();
+    }
     return encoder;
 }
 
@@ -188,7 +192,7 @@ Result<void> MovieEncoder::openAudio(const AudioOutputSettingsForWriter& setting
 }
 
 Result<void> MovieEncoder::openFile() {
-    auto created = FileOutput::create(path_, /*replace=*/true);
+    auto created = FileOutput::create(path_);
     if (!created) return created.error();
     file_ = std::move(created.value());
     AVFormatContext* m = muxer_.get();

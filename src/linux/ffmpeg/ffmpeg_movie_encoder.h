@@ -84,6 +84,8 @@ public:
         return corrector_ ? &*corrector_ : nullptr;
     }
     [[nodiscard]] const std::string& path() const { return path_; }
+    // The growing file's descriptor (-1 once closed); a duplicate keeps the file's lock.
+    [[nodiscard]] int fileDescriptor() const { return file_ ? file_->descriptor() : -1; }
 
 private:
     MovieEncoder(std::string path, std::chrono::milliseconds commitInterval, std::string preset);

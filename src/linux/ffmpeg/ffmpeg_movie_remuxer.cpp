@@ -1,5 +1,7 @@
 #include "linux/ffmpeg/ffmpeg_movie_remuxer.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,11 +19,19 @@ PlatformError finishError(const std::string& path, const std::string& reason) {
                        "The recording “" + path + "” couldn't be finished: " + reason + ".");
 }
 
+PlatformError goneError(std::string description) {
+    return writerError(WriterErrorCode::fileGone, std::move(description));
+}
+
 Result<std::unique_ptr<FileOutput>> createTemporary(const std::string& path) {
+    if (isBeingWritten(path)) {
+        return writerError(WriterErrorCode::cannotCreateFile,
+                           "The temporary file “" + path + "” is in use by another recording.");
+    }
     // One left behind by a run that died while finishing is stale: its recording is still the
     // fragmented original.
     ::unlink(path.c_str());
-    return FileOutput::create(path, /*replace=*/false);
+    return FileOutput::create(path);
 }
 
 Result<void> copyPackets(AVFormatContext* input, AVFormatContext* output, FileOutput& file,
@@ -90,9 +100,23 @@ std::string rewriteTemporaryPath(const std::string& path) {
     return folder + "." + name + ".finishing";
 }
 
-Result<void> rewriteAsIndexedMovie(const std::string& path, int64_t timelineShiftMicroseconds) {
+Result<void> rewriteAsIndexedMovie(const std::string& path, int64_t timelineShiftMicroseconds,
+                                   int ownFd) {
+    const bool checked = ownFd >= 0;
+    const FileIdentity before = checked ? identityAt(ownFd, path) : FileIdentity::same;
+    if (before != FileIdentity::same) {
+        const std::string folder = directoryOf(path);
+        struct stat st {};
+        if (::stat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+            return goneError("The recording couldn't be saved because its folder “" + folder +
+                             "” was removed while recording.");
+        }
+    }
+    // What this recording wrote, wherever its name went since.
+    const std::string source =
+        before == FileIdentity::same ? path : "/proc/self/fd/" + std::to_string(ownFd);
     AVFormatContext* rawInput = nullptr;
-    if (const int rc = avformat_open_input(&rawInput, path.c_str(), nullptr, nullptr); rc < 0) {
+    if (const int rc = avformat_open_input(&rawInput, source.c_str(), nullptr, nullptr); rc < 0) {
         return finishError(path, "it can't be read back: " + avErrorText(rc));
     }
     InputFormatPtr input(rawInput);
@@ -120,9 +144,18 @@ Result<void> rewriteAsIndexedMovie(const std::string& path, int64_t timelineShif
         ::unlink(temporary.c_str());
         return copied;
     }
-    if (::rename(temporary.c_str(), path.c_str()) != 0) {
+    // Only a name that still refers to this recording is replaced.
+    const bool ours = !checked || identityAt(ownFd, path) == FileIdentity::same;
+    const int renamed =
+        ours ? ::rename(temporary.c_str(), path.c_str())
+             : ::renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE);
+    if (renamed != 0) {
         const int err = errno;
         ::unlink(temporary.c_str());
+        if (!ours) {
+            return goneError("The recording couldn't be saved as “" + path +
+                             "”: another file took its place while recording.");
+        }
         return finishError(path, errnoReason(err));
     }
     syncDirectoryOf(path);

@@ -15,8 +15,13 @@ namespace gb::linuxp {
 
 // `timelineShiftMicroseconds` is taken off every stream (the growing file's priming shift), so
 // the audio encoder's priming lands before time zero, where the index's edit list hides it.
+// `ownFd`, when not -1, is the recording's own file: the movie is read from it, and the result
+// replaces `path` only while `path` still names it. A recording whose name was removed meanwhile
+// is saved under it again; one whose name now belongs to another file, or whose folder is gone,
+// fails with WriterErrorCode::fileGone.
 [[nodiscard]] Result<void> rewriteAsIndexedMovie(const std::string& path,
-                                                 int64_t timelineShiftMicroseconds);
+                                                 int64_t timelineShiftMicroseconds,
+                                                 int ownFd = -1);
 
 // The hidden sibling that rewriteAsIndexedMovie() writes before its rename.
 [[nodiscard]] std::string rewriteTemporaryPath(const std::string& path);

@@ -1,7 +1,10 @@
 #include "linux/files/xdg_files.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <QSettings>
 #include <QString>
@@ -230,15 +233,24 @@ Result<void> XdgFileSystem::createDirectory(const std::string& path, bool interm
 
 bool XdgFileSystem::fileExists(const std::string& path) const {
     struct stat info {};
-    return ::stat(path.c_str(), &info) == 0;
+    return ::lstat(path.c_str(), &info) == 0;
 }
 
 Result<void> XdgFileSystem::removeItem(const std::string& path) {
     struct stat info {};
     if (::lstat(path.c_str(), &info) != 0) return posixError(errno);
-    std::error_code error;
-    std::filesystem::remove_all(path, error);
-    if (error) return posixError(error.value());
+    if (S_ISDIR(info.st_mode)) return posixError(EISDIR);
+    if (!S_ISREG(info.st_mode) && !S_ISLNK(info.st_mode)) return posixError(EBUSY);
+    if (S_ISREG(info.st_mode)) {
+        // A recorder holds its file locked while it writes it.
+        const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+        if (fd >= 0) {
+            const bool locked = ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+            ::close(fd);
+            if (locked) return posixError(EBUSY);
+        }
+    }
+    if (::unlink(path.c_str()) != 0) return posixError(errno);
     return {};
 }
 

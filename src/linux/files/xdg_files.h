@@ -27,9 +27,11 @@ public:
     // screen.
     [[nodiscard]] Result<void> createDirectory(const std::string& path,
                                                bool intermediates) override;
-    // Follows symbolic links.
+    // Anything at the path, also a link that leads nowhere.
     [[nodiscard]] bool fileExists(const std::string& path) const override;
-    // Removes a file, a link or a whole folder; fails when there is nothing.
+    // Removes a file or a link (never what it leads to); fails when there is nothing, and
+    // leaves alone (failing with EISDIR or EBUSY) a folder or anything else that is not a file,
+    // and a file another recording is writing (it holds a flock on it).
     [[nodiscard]] Result<void> removeItem(const std::string& path) override;
 };
 
