@@ -329,18 +329,23 @@ void WriterCore::run(std::stop_token stop) {
 void WriterCore::fail(const PlatformError& error, std::unique_ptr<MovieEncoder>& encoder) {
     std::deque<SampleBufferRef> droppedVideo;
     std::deque<SampleBufferRef> droppedAudio;
+    // The file stays playable up to its last committed fragment.
+    encoder->closeAtLastCommit();
+    PlatformError reported = error;
     {
         std::lock_guard lock(mutex_);
+        if (encoder->stats().commits > 0 && ownFile_.valid() &&
+            identityAt(ownFile_.get(), path_) == FileIdentity::same) {
+            reported.localizedDescription += " What was recorded until then is kept in the file.";
+        }
         if (status_ == AssetWriterStatus::writing) {
             status_ = AssetWriterStatus::failed;
-            error_ = error;
+            error_ = reported;
         }
         droppedVideo.swap(video_.queue);
         droppedAudio.swap(audio_.queue);
     }
-    logLine("Writer: recording failed: " + error.localizedDescription);
-    // The file stays playable up to its last committed fragment.
-    encoder->closeAtLastCommit();
+    logLine("Writer: recording failed: " + reported.localizedDescription);
     logTotals(encoder.get());
     encoder.reset();
 }

@@ -73,8 +73,11 @@ std::optional<UniqueFd> createLockedAtomically(const std::string& path, int& err
     return fd;
 }
 
-std::string creationReason(int err) {
-    if (err == EEXIST) return "something of that name is already there";
+std::string creationReason(const std::string& path, int err) {
+    if (err == EEXIST) {
+        return isBeingWritten(path) ? "another recording is being written to that file"
+                                    : "something of that name is already there";
+    }
     if (err == ELOOP) return "a link of that name is in the way";
     return errnoReason(err);
 }
@@ -122,7 +125,8 @@ Result<std::unique_ptr<FileOutput>> FileOutput::create(const std::string& path) 
     if (!fd.valid()) {
         return writerError(
             WriterErrorCode::cannotCreateFile,
-            "The recording file “" + path + "” couldn't be created: " + creationReason(err) + ".");
+            "The recording file “" + path + "” couldn't be created: " + creationReason(path, err) +
+                ".");
     }
     // Whatever the umask.
     (void)::fchmod(fd.get(), 0600);
