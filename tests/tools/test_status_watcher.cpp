@@ -1,7 +1,7 @@
 // A StatusNotifierWatcher and host of our own on the session bus, and a client of the items that
 // register with it, for tests of the tray as a StatusNotifierItem:
 //   test_status_watcher serve          owns the watcher and a host; prints "registered <item>"
-//   test_status_watcher item           the last item's IconPixmap, ToolTip (title) and ItemIsMenu
+//   test_status_watcher item           the last item's IconPixmap and ToolTip (its title)
 //   test_status_watcher menu           its dbusmenu layout, one line per entry:
 //                                      depth|type|enabled|visible|toggle-type|toggle-state|label
 //   test_status_watcher click LABEL    sends Event(id, "clicked") to the entry with that label
@@ -169,7 +169,6 @@ int run(const QStringList& args) {
         print(QStringLiteral("IconPixmap ") +
               describePixmaps(item("IconPixmap").value<QDBusArgument>()));
         print(QStringLiteral("ToolTip ") + title);
-        print(QStringLiteral("ItemIsMenu ") + item("ItemIsMenu").toString());
         return 0;
     }
     QDBusMessage reply;
