@@ -2,7 +2,8 @@
 // private session bus: guards against an item that never registers, a dbusmenu whose titles,
 // order, separators, enabled states or check marks (radio buttons instead) are wrong, an icon and
 // tooltip that do not follow the recording state, a left click (Activate) that opens nothing,
-// and dbusmenu choices that do not start and stop a recording.
+// a rebuilt menu that hosts are not told to fetch again (no LayoutUpdated), and dbusmenu
+// choices that do not start and stop a recording.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -91,6 +92,10 @@ TEST(StatusItemE2ETest, TheMenuOverDBusMenuShowsTheStateAndRecords) {
     runCommand({"xdotool", "key", "Escape"}, env);
     ASSERT_TRUE(app.waitForOutput("[menu] hidden \"\"", 10s)) << app.stdoutText();
 
+    // Hosts refetch a rebuilt menu when it sends LayoutUpdated.
+    Process monitor({"dbus-monitor", "--address", env["DBUS_SESSION_BUS_ADDRESS"],
+                     "type='signal',interface='com.canonical.dbusmenu',member='LayoutUpdated'"});
+    ASSERT_TRUE(monitor.waitForOutput("member=NameLost", 10s));
     ASSERT_TRUE(host({"click", "⏺ Start Recording"}));
     ASSERT_TRUE(app.waitForOutput("Recording start completed. Current state: true", 30s))
         << app.stdoutText();
@@ -98,6 +103,7 @@ TEST(StatusItemE2ETest, TheMenuOverDBusMenuShowsTheStateAndRecords) {
         const auto menu = linesOf(host({"menu"}).value_or(""));
         return !menu.empty() && menu.front() == "0|standard|1|1||-1|⏹ Stop Recording";
     }));
+    EXPECT_NE(monitor.stdoutText().find("member=LayoutUpdated"), std::string::npos);
     const std::vector<std::string> recording = linesOf(host({"item"}).value_or(""));
     ASSERT_EQ(recording.size(), 2U);
     EXPECT_NE(recording[0], idle[0]);

@@ -336,6 +336,10 @@ void QtStatusItem::install(std::unique_ptr<QMenu> menu) {
         },
         Qt::QueuedConnection);
     tray_->setContextMenu(menu.get());
+    // Over dbusmenu Qt announces a replaced menu only with the item's NewMenu signal, which
+    // some hosts ignore; an entry put in and taken out again makes it send LayoutUpdated too,
+    // which every host follows.
+    delete menu->addSeparator();
     // The old menu may be the one whose entry is being handled: let it go after that.
     if (menu_) menu_.release()->deleteLater();
     menu_ = std::move(menu);
