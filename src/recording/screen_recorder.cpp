@@ -254,6 +254,7 @@ void ScreenRecorder::stopRecording() {
     AssetWriterInputRef videoInput;
     AssetWriterInputRef audioInput;
     uint64_t generation = 0;
+    int64_t repeats = 0;
     {
         std::unique_lock lock(mutex_);
         if (!isRecording_) {
@@ -269,6 +270,11 @@ void ScreenRecorder::stopRecording() {
         videoInput = videoInput_;
         audioInput = audioInput_;
         generation = generation_;
+        repeats = std::exchange(notWritingRepeats_, -1);
+    }
+    if (repeats > 0) {
+        logLine("⚠️ AssetWriter not in writing state: repeated for " + std::to_string(repeats) +
+                " more samples");
     }
 
     CaptureService& capture = *services_.captureSessionManager;
@@ -372,6 +378,8 @@ void ScreenRecorder::cleanup() {
     screenBuffer = std::exchange(latestScreenBuffer_, nullptr);
     cameraSampleCount_ = 0;
     screenSampleCount_ = 0;
+    notWritingRepeats_ = -1;
+    stoppingForWriterFailure_ = false;
 }
 
 // ---- samples (recording queue) -----------------------------------------------------------------
@@ -395,9 +403,25 @@ void ScreenRecorder::captureSessionManager(CaptureService& manager, const Sample
     }
     const AssetWriterStatus status = assetWriter_->status();
     if (status != AssetWriterStatus::writing) {
+        // Every sample after a writer failure fails alike: one line now, a count at stop.
+        const bool first = ++notWritingRepeats_ == 0;
+        // The file cannot grow any more: the recording ends as if Stop had been chosen, and the
+        // finish reports the writer's error.
+        const bool endNow = status == AssetWriterStatus::failed && !stoppingForWriterFailure_;
+        std::optional<PlatformError> error;
+        if (endNow) {
+            stoppingForWriterFailure_ = true;
+            error = assetWriter_->error();
+        }
         lock.unlock();
-        logLine("⚠️ AssetWriter not in writing state: " +
-                std::to_string(static_cast<int>(status)));
+        if (first) {
+            logLine("⚠️ AssetWriter not in writing state: " +
+                    std::to_string(static_cast<int>(status)));
+        }
+        if (endNow) {
+            captureSessionManagerWasInterrupted(
+                manager, error ? error->localizedDescription : "the movie writer failed");
+        }
         return;
     }
     if (videoOutput && &output == videoOutput.get()) {

@@ -147,6 +147,10 @@ private:
     AssetWriterRef assetWriter_;          // guarded by mutex_
     AssetWriterInputRef videoInput_;      // guarded by mutex_
     AssetWriterInputRef audioInput_;      // guarded by mutex_
+    // Samples dropped because the writer was not writing: the first is logged, the rest counted
+    // and told at stop. A failed writer ends the recording once.
+    int64_t notWritingRepeats_ = -1;  // guarded by mutex_; -1 before the first
+    bool stoppingForWriterFailure_ = false;  // guarded by mutex_
 
     // Orders the start's session start against the stop's session stop, so a recording stopped
     // during its start never has its sessions started afterwards. Taken before mutex_, never

@@ -159,23 +159,36 @@ TEST_F(FileFaultsE2ETest, FolderAtTheNextNameFailsTheStartAndIsLeftAlone) {
     for (const auto& name : names) EXPECT_TRUE(fs::exists(out.path() + "/" + name + "/keep"));
 }
 
-TEST_F(FileFaultsE2ETest, FolderRemovedWhileRecordingIsAFailureAndNewFoldersArePrivate) {
-    TempDir base;
-    const mode_t previous = ::umask(0);
-    auto p = start(base.path() + "/a/b/c", 3);
-    ::umask(previous);
-    ASSERT_TRUE(p->waitForOutput("Recording started successfully", 20s)) << p->stdoutText();
-    for (const char* folder : {"/a", "/a/b", "/a/b/c"}) {
-        struct stat st {};
-        ASSERT_EQ(::stat((base.path() + folder).c_str(), &st), 0);
-        EXPECT_EQ(st.st_mode & 0777, 0700u) << folder;
+// A removed file is saved again under its name; a removed folder is a failure that says so.
+TEST_F(FileFaultsE2ETest, FileOrFolderRemovedWhileRecordingAndNewFoldersArePrivate) {
+    for (const bool folderToo : {false, true}) {
+        SCOPED_TRACE(folderToo ? "folder removed" : "file removed");
+        TempDir base;
+        const mode_t previous = ::umask(0);
+        auto p = start(base.path() + "/a/b/c", 3);
+        ::umask(previous);
+        ASSERT_TRUE(p->waitForOutput("Recording started successfully", 20s)) << p->stdoutText();
+        for (const char* folder : {"/a", "/a/b", "/a/b/c"}) {
+            struct stat st {};
+            ASSERT_EQ(::stat((base.path() + folder).c_str(), &st), 0);
+            EXPECT_EQ(st.st_mode & 0777, 0700u) << folder;
+        }
+        const auto written = movies(base.path() + "/a/b/c");
+        ASSERT_EQ(written.size(), 1u);
+        fs::remove_all(folderToo ? fs::path(base.path() + "/a") : written[0]);
+        const auto code = p->wait(60s);
+        ASSERT_TRUE(code);
+        if (folderToo) {
+            EXPECT_NE(*code, 0) << p->stdoutText();
+            EXPECT_NE(p->stderrText().find("was removed while recording"), std::string::npos)
+                << p->stderrText();
+        } else {
+            EXPECT_EQ(*code, 0) << p->stderrText();
+            const auto info = probe(written[0].string());
+            ASSERT_TRUE(info);
+            EXPECT_NEAR(info->durationSeconds, 3.0, 0.4);
+        }
     }
-    fs::remove_all(base.path() + "/a");
-    const auto code = p->wait(60s);
-    ASSERT_TRUE(code);
-    EXPECT_NE(*code, 0) << p->stdoutText();
-    EXPECT_NE(p->stderrText().find("was removed while recording"), std::string::npos)
-        << p->stderrText();
 }
 
 TEST_F(FileFaultsE2ETest, FullDiskAtTheStartLeavesNoFile) {
@@ -194,11 +207,10 @@ TEST_F(FileFaultsE2ETest, FullDiskAtTheStartLeavesNoFile) {
 TEST_F(FileFaultsE2ETest, FullDiskWhileRecordingEndsItAndKeepsWhatWasWritten) {
     SmallDisk disk;
     if (!disk.mounted()) GTEST_SKIP() << "tmpfs cannot be mounted here";
-    disk.fill(64 * 1024);
-    auto p = start(disk.path(), 30);
-    ASSERT_TRUE(p->waitForOutput("Recording started successfully", 20s)) << p->stdoutText();
-    // Ends long before the 30 s asked for, as a failure that says why.
-    const auto code = p->wait(12s);
+    disk.fill(160 * 1024);  // a few seconds of a still screen
+    auto p = start(disk.path(), 60);
+    // Ends long before the minute asked for, as a failure that says why.
+    const auto code = p->wait(30s);
     ASSERT_TRUE(code) << "the recording went on after the disk was full";
     EXPECT_NE(*code, 0);
     EXPECT_NE(p->stderrText().find("the disk is full"), std::string::npos) << p->stderrText();
