@@ -207,7 +207,7 @@ TEST_F(FileFaultsE2ETest, FullDiskAtTheStartLeavesNoFile) {
 TEST_F(FileFaultsE2ETest, FullDiskWhileRecordingEndsItAndKeepsWhatWasWritten) {
     SmallDisk disk;
     if (!disk.mounted()) GTEST_SKIP() << "tmpfs cannot be mounted here";
-    disk.fill(160 * 1024);  // a few seconds of a still screen
+    disk.fill(96 * 1024);  // a few seconds of a still screen
     auto p = start(disk.path(), 60);
     // Ends long before the minute asked for, as a failure that says why.
     const auto code = p->wait(30s);
