@@ -19,7 +19,7 @@ void printUsage() {
         "       glimmerbox start        start recording in the tray application (starting it\n"
         "                               if it does not run)\n"
         "       glimmerbox stop         stop recording and save the file\n"
-        "       glimmerbox toggle       start or stop, whichever applies (for a keyboard shortcut)\n"
+        "       glimmerbox toggle       start or stop, whichever applies (for a shortcut key)\n"
         "       glimmerbox status       print the state (idle, starting, recording, finishing)\n"
         "                               and, when idle, the last saved file\n"
         "\n"

@@ -125,4 +125,24 @@ std::string binaryPath();    // the glimmerbox program under test
 std::string toolPath(const std::string& name);  // a helper program from tests/tools
 std::string sourceDir();
 
+// A private D-Bus session bus that starts services from a folder of its own, as a desktop's bus
+// starts installed programs when their name is called. Started services die with it.
+class SessionBus {
+public:
+    SessionBus();
+    ~SessionBus();
+    [[nodiscard]] bool ok() const { return ok_; }
+    [[nodiscard]] const std::string& address() const { return address_; }
+    // A service file for `name` that runs `argv` with `env` (as Process takes it) and its
+    // output appended to `logFile`.
+    bool installService(const std::string& name, const std::vector<std::string>& argv,
+                        const std::map<std::string, std::string>& env, const std::string& logFile);
+
+private:
+    TempDir dir_;
+    std::optional<Process> daemon_;
+    std::string address_;
+    bool ok_ = false;
+};
+
 }  // namespace gb::e2e

@@ -64,8 +64,8 @@ public:
     // Answered once the command's outcome is known.
     void command(ControlCommand command) {
         setDelayedReply(true);
-        remote_.perform(command, [this, call = message(), bus = connection()](
-                                     const ControlOutcome& outcome) mutable {
+        remote_.perform(command, [this, call = message(),
+                                  bus = connection()](const ControlOutcome& outcome) mutable {
             switch (outcome.kind) {
                 case ControlOutcome::Kind::done:
                     bus.send(call.createReply(QVariantList{state(), lastSavedFile()}));
@@ -82,9 +82,7 @@ public:
         });
     }
 
-    [[nodiscard]] QString state() const {
-        return QString::fromLatin1(stateName(remote_.state()));
-    }
+    [[nodiscard]] QString state() const { return QString::fromLatin1(stateName(remote_.state())); }
     [[nodiscard]] QString lastSavedFile() const {
         return QString::fromStdString(remote_.lastSavedFile().value_or(std::string()));
     }
@@ -148,13 +146,14 @@ private:
 
 DBusApplication::DBusApplication(RecordingRemote& remote, std::function<void()> activate,
                                  QDBusConnection bus)
-    : bus_(std::move(bus)), object_(std::make_unique<ApplicationObject>(remote, std::move(activate))) {
+    : bus_(std::move(bus)),
+      object_(std::make_unique<ApplicationObject>(remote, std::move(activate))) {
     new FreedesktopApplicationAdaptor(object_.get());
     new RecordingAdaptor(object_.get());
     remote.setObserver([this] {
-        QDBusMessage changed = QDBusMessage::createSignal(
-            QString::fromLatin1(kApplicationPath), QString::fromLatin1(kPropertiesInterface),
-            QStringLiteral("PropertiesChanged"));
+        QDBusMessage changed = QDBusMessage::createSignal(QString::fromLatin1(kApplicationPath),
+                                                          QString::fromLatin1(kPropertiesInterface),
+                                                          QStringLiteral("PropertiesChanged"));
         changed << QString::fromLatin1(kRecordingInterface)
                 << QVariantMap{{QStringLiteral("State"), object_->state()},
                                {QStringLiteral("LastSavedFile"), object_->lastSavedFile()}}
@@ -275,8 +274,7 @@ int runControlRequest(ControlRequest request) {
                 }
                 return reportError(reply, false);
             }
-            const QVariantMap properties =
-                qdbus_cast<QVariantMap>(reply.arguments().value(0));
+            const QVariantMap properties = qdbus_cast<QVariantMap>(reply.arguments().value(0));
             printStatus(properties.value(QStringLiteral("State")).toString(),
                         properties.value(QStringLiteral("LastSavedFile")).toString());
             return kControlDone;
