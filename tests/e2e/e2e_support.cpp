@@ -275,6 +275,8 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
         std::this_thread::sleep_for(100ms);
     }
     return true;
+}
+
 SessionBus::SessionBus() {
     const std::string d = dir_.path();
     fs::create_directories(d + "/services");
