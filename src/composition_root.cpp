@@ -20,6 +20,7 @@
 #include "app/app_delegate.h"
 #include "app/record_command.h"
 #include "app/recorder_assembly.h"
+#include "app/recording_control.h"
 #include "automation/vscode_integration.h"
 #include "linux/ffmpeg/ffmpeg_asset_writer.h"
 #include "linux/capture/linux_capture_factory.h"
@@ -28,7 +29,10 @@
 #include "portable/thread_dispatch.h"
 #include "linux/pulse/pulse_access.h"
 #include "linux/pulse/pulse_microphone.h"
+#include "linux/desktop/dbus_application.h"
 #include "linux/desktop/qt_shell.h"
+#include "linux/desktop/qt_status_item.h"
+#include "linux/desktop/tray_absence.h"
 #include "linux/v4l2/v4l2_camera.h"
 #include "linux/x11/x11_application_finder.h"
 #include "linux/x11/x11_display.h"
@@ -257,7 +261,11 @@ int runRecord(const std::vector<std::string>& args) {
 int runTray(int argc, char** argv) {
     SignalStopper::block();
     auto shell = QtShell::launch(argc, argv);
-    if (!shell) return 0;  // another copy runs; it said so
+    if (!shell) {
+        // Another copy runs: bring it forward (its menu opens) instead of starting a second.
+        (void)runControlRequest(ControlRequest::activate);
+        return 0;
+    }
     LinuxPlatform services(shell->mainQueue(), envFlag("GLIMMERBOX_TEST_CAMERA"),
                            shell->folderPicker());
     auto delegate = std::make_shared<AppDelegate>(
@@ -266,7 +274,35 @@ int runTray(int argc, char** argv) {
                               shell->notificationCenter(), services.defaults(), services.files(),
                               services.dispatch(), services.display()},
         [&services] { return makeScreenRecorder(services.recorderPlatform()); });
-    shell->mainQueue().async([delegate] { delegate->applicationDidFinishLaunching(); });
+    // Launchers, keyboard shortcuts and scripts reach the recording through the session bus.
+    const std::weak_ptr<AppDelegate> weakDelegate = delegate;
+    auto control = std::make_shared<RecordingControl>(RecordingControl::Flows{
+        [weakDelegate] {
+            if (auto d = weakDelegate.lock()) d->startRecording();
+        },
+        [weakDelegate] {
+            if (auto d = weakDelegate.lock()) d->stopRecording();
+        }});
+    delegate->setLifecycleObserver(control);
+    DBusApplication onBus(*control, [weakDelegate] {
+        const auto d = weakDelegate.lock();
+        if (auto* item = d ? dynamic_cast<QtStatusItem*>(d->statusItem().get()) : nullptr) {
+            item->popUpMenu();
+        }
+    });
+    shell->mainQueue().async([delegate, &onBus] {
+        delegate->applicationDidFinishLaunching();
+        if (!onBus.publish()) {
+            logLine("⚠️ Glimmerbox: " + onBus.failure() +
+                    "; the launcher's actions and glimmerbox start|stop|toggle|status cannot "
+                    "reach this copy");
+        }
+    });
+    // Without a tray host, say once how to control the program instead.
+    whenNoTrayHost(std::chrono::seconds(2), [&shell] {
+        explainControlWithoutTray(shell->notificationCenter(),
+                                  [](const std::string& line) { logLine(line); });
+    });
     services.prepareScreenCapture();
     // SIGINT/SIGTERM quit like "Quit Glimmerbox": a running recording is stopped and finished.
     SignalStopper stopper([&shell, weak = std::weak_ptr<AppDelegate>(delegate)](int) {
@@ -293,5 +329,13 @@ int runTray(int argc, char** argv) {
 }
 
 }  // namespace gb
+
+std::optional<int> gb::runControl(const std::string& command) {
+    if (command == "start") return runControlRequest(ControlRequest::start);
+    if (command == "stop") return runControlRequest(ControlRequest::stop);
+    if (command == "toggle") return runControlRequest(ControlRequest::toggle);
+    if (command == "status") return runControlRequest(ControlRequest::status);
+    return std::nullopt;
+}
 
 void gb::installPlatformErrorHandlers() { gb::linuxp::installXErrorHandlers(); }

@@ -1,6 +1,7 @@
 // What main() needs of the composition root: the two ways the program runs.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,5 +13,8 @@ void installPlatformErrorHandlers();
 int runRecord(const std::vector<std::string>& args);
 // The tray application; returns the process's exit code.
 int runTray(int argc, char** argv);
+// `glimmerbox start|stop|toggle|status`: asks the running tray application (starting it for start
+// and toggle); returns the exit code, or nothing when `command` is none of these.
+[[nodiscard]] std::optional<int> runControl(const std::string& command);
 
 }  // namespace gb

@@ -1,6 +1,7 @@
 // Entry point: parses the command line and hands over to the composition root.
 //   glimmerbox                the tray application
 //   glimmerbox record ...     a headless recording (see `glimmerbox record --help`)
+//   glimmerbox start|stop|toggle|status   control the running tray application
 #include <malloc.h>
 
 #include <cstdio>
@@ -14,7 +15,22 @@ namespace {
 void printUsage() {
     std::puts(
         "Usage: glimmerbox              start the tray application\n"
-        "       glimmerbox record ...   record from the terminal (glimmerbox record --help)");
+        "       glimmerbox record ...   record from the terminal (glimmerbox record --help)\n"
+        "       glimmerbox start        start recording in the tray application (starting it\n"
+        "                               if it does not run)\n"
+        "       glimmerbox stop         stop recording and save the file\n"
+        "       glimmerbox toggle       start or stop, whichever applies (for a shortcut key)\n"
+        "       glimmerbox status       print the state (idle, starting, recording, finishing)\n"
+        "                               and, when idle, the last saved file\n"
+        "\n"
+        "start, stop and toggle wait until the recording has started or its file is saved,\n"
+        "then print the state as status does. Exit status:\n"
+        "  0  done\n"
+        "  1  refused: already recording, nothing to stop, or a recording is starting or\n"
+        "     being saved\n"
+        "  2  bad command line\n"
+        "  3  Glimmerbox is not running and could not be started (status prints \"not running\")\n"
+        "  4  the recording failed (the reason is printed and shown in an alert)");
 }
 
 }  // namespace
@@ -27,6 +43,9 @@ int main(int argc, char** argv) {
     const std::vector<std::string> args(argv + 1, argv + argc);
     if (!args.empty() && args[0] == "record") {
         return gb::runRecord(std::vector<std::string>(args.begin() + 1, args.end()));
+    }
+    if (args.size() == 1) {
+        if (const auto code = gb::runControl(args[0])) return *code;
     }
     if (!args.empty() && (args[0] == "-h" || args[0] == "--help")) {
         printUsage();

@@ -30,6 +30,23 @@
 
 namespace gb {
 
+// Told of each step of a recording's life, whoever asked for it (the menu or a remote command).
+// Main thread only.
+class RecordingLifecycleObserver {
+public:
+    virtual ~RecordingLifecycleObserver() = default;
+    // The start flow begins; `recorderBusy`: the recorder still has a recording under way and
+    // will refuse the start.
+    virtual void startRequested(bool recorderBusy) = 0;
+    // The stop flow begins; `wasRecording`: the recorder had a recording to stop.
+    virtual void stopRequested(bool wasRecording) = 0;
+    virtual void recordingStarted() = 0;
+    virtual void recordingSaved(const std::string& outputURL) = 0;
+    // `fileStillFinishing`: a stopped recording's file is still being finished (its own report
+    // follows).
+    virtual void recordingFailed(const std::string& description, bool fileStillFinishing) = 0;
+};
+
 class AppDelegate final : public ScreenRecorderDelegate,
                           public std::enable_shared_from_this<AppDelegate> {
 public:
@@ -110,6 +127,11 @@ public:
     }
     [[nodiscard]] AboutWindowController* aboutWindow() const { return aboutWindow_.get(); }
 
+    // Held weakly; main thread.
+    void setLifecycleObserver(std::weak_ptr<RecordingLifecycleObserver> observer) {
+        lifecycle_ = std::move(observer);
+    }
+
 private:
     void rebuildMenu();
     // The start task's steps: before and after awaiting the recorder's start.
@@ -127,6 +149,7 @@ private:
     std::shared_ptr<ScreenRecorder> recorder_;
     std::optional<CancellationToken> recordingTask_;
     std::unique_ptr<AboutWindowController> aboutWindow_;
+    std::weak_ptr<RecordingLifecycleObserver> lifecycle_;
 };
 
 // The last component of a path or file URL, ignoring trailing slashes ("/a/Casts/" -> "Casts").

@@ -59,6 +59,9 @@ void AppDelegate::perform(const MenuEntry& chosen) {
 
 void AppDelegate::startRecording() {
     logLine("Start recording button pressed");
+    if (auto lifecycle = lifecycle_.lock()) {
+        lifecycle->startRequested(recorder_->hasUnfinishedRecording());
+    }
     // A task bound to the main thread; an earlier start task is replaced, not cancelled.
     CancellationToken task;
     recordingTask_ = task;
@@ -106,6 +109,7 @@ void AppDelegate::finishStartTask() {
 
 void AppDelegate::stopRecording() {
     logLine("Stop recording button pressed");
+    if (auto lifecycle = lifecycle_.lock()) lifecycle->stopRequested(recorder_->isRecording());
     if (recordingTask_) recordingTask_->cancel();  // the handle is kept
     recorder_->stopRecording();
 
@@ -225,6 +229,7 @@ void AppDelegate::recorderDidStart() {
         self->updateStatusIcon();
         self->rebuildMenu();
         self->showNotification("Recording Started", "Glimmerbox recording in progress");
+        if (auto lifecycle = self->lifecycle_.lock()) lifecycle->recordingStarted();
     });
 }
 
@@ -234,12 +239,18 @@ void AppDelegate::recorderDidStop(const std::string& outputURL) {
         self->rebuildMenu();
         self->showNotification("Recording Saved",
                                "Screencast saved to: " + lastPathComponent(outputURL));
+        if (auto lifecycle = self->lifecycle_.lock()) lifecycle->recordingSaved(outputURL);
     });
 }
 
 void AppDelegate::recorderDidFail(const ScreenRecorderError& error) {
     mainQueue().async([self = shared_from_this(), error] {
         self->updateStatusIcon();
+        // Before the alert, which waits for the user: remote commands learn the outcome at once.
+        if (auto lifecycle = self->lifecycle_.lock()) {
+            lifecycle->recordingFailed(error.localizedDescription(),
+                                       self->recorder_->hasUnfinishedRecording());
+        }
         // The menu keeps its entries until its next rebuild.
         self->showAlert("Recording Failed", error.localizedDescription());
     });

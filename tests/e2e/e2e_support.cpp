@@ -277,4 +277,48 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
     return true;
 }
 
+SessionBus::SessionBus() {
+    const std::string d = dir_.path();
+    fs::create_directories(d + "/services");
+    std::ofstream(d + "/bus.conf")
+        << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
+           "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+           "<busconfig><type>session</type><listen>unix:dir=" << d << "</listen>"
+        << "<servicedir>" << d << "/services</servicedir><policy context=\"default\">"
+        << "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
+        << "<allow own=\"*\"/></policy></busconfig>\n";
+    daemon_.emplace(std::vector<std::string>{"dbus-daemon", "--nofork", "--print-address=1",
+                                             "--config-file=" + d + "/bus.conf"});
+    if (!daemon_->waitForOutput("\n", 10s)) return;
+    address_ = daemon_->stdoutText();
+    address_.erase(address_.find('\n'));
+    ok_ = true;
+}
+
+SessionBus::~SessionBus() {
+    std::ifstream pids(dir_.path() + "/pids");
+    for (pid_t pid = 0; pids >> pid;) kill(pid, SIGKILL);
+}
+
+bool SessionBus::installService(const std::string& name, const std::vector<std::string>& argv,
+                                const std::map<std::string, std::string>& env,
+                                const std::string& logFile) {
+    const auto quoted = [](const std::string& s) { return "'" + s + "'"; };
+    const std::string script = dir_.path() + "/" + name + ".sh";
+    {
+        std::ofstream out(script);
+        out << "#!/bin/sh\necho $$ >> " << quoted(dir_.path() + "/pids") << "\n";
+        for (const auto& [k, v] : env) {
+            out << (v.empty() ? "unset " + k : "export " + k + "=" + quoted(v)) << "\n";
+        }
+        out << "exec";
+        for (const std::string& a : argv) out << " " << quoted(a);
+        out << " >> " << quoted(logFile) << " 2>&1\n";
+    }
+    chmod(script.c_str(), 0700);
+    std::ofstream service(dir_.path() + "/services/" + name + ".service");
+    service << "[D-BUS Service]\nName=" << name << "\nExec=" << script << "\n";
+    return service.good();
+}
+
 }  // namespace gb::e2e

@@ -129,5 +129,24 @@ std::string sourceDir();
 // Checks `condition` every 100 ms until it holds (true) or `timeout` has passed (false).
 bool eventually(const std::function<bool()>& condition,
                 std::chrono::milliseconds timeout = std::chrono::seconds(30));
+// A private D-Bus session bus that starts services from a folder of its own, as a desktop's bus
+// starts installed programs when their name is called. Started services die with it.
+class SessionBus {
+public:
+    SessionBus();
+    ~SessionBus();
+    [[nodiscard]] bool ok() const { return ok_; }
+    [[nodiscard]] const std::string& address() const { return address_; }
+    // A service file for `name` that runs `argv` with `env` (as Process takes it) and its
+    // output appended to `logFile`.
+    bool installService(const std::string& name, const std::vector<std::string>& argv,
+                        const std::map<std::string, std::string>& env, const std::string& logFile);
+
+private:
+    TempDir dir_;
+    std::optional<Process> daemon_;
+    std::string address_;
+    bool ok_ = false;
+};
 
 }  // namespace gb::e2e

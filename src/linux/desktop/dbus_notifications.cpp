@@ -45,7 +45,8 @@ QList<QVariant> DBusNotificationCenter::notifyArguments(const NotificationReques
     QVariantMap hints;
     if (request.defaultSound)
         hints.insert(QStringLiteral("sound-name"), QString::fromLatin1(kDefaultSound));
-    hints.insert(QStringLiteral("desktop-entry"), QStringLiteral("glimmerbox"));
+    hints.insert(QStringLiteral("desktop-entry"),
+                 QStringLiteral("io.github.glimmerbox.Glimmerbox"));
     return {
         QString::fromLatin1(kApplicationName),
         0U,  // replaces no earlier notification

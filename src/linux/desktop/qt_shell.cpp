@@ -201,7 +201,7 @@ std::unique_ptr<QtShell> QtShell::launch(int& argc, char** argv, InstanceLock lo
 QtShell::QtShell(int& argc, char** argv, InstanceLock lock) : lock_(std::move(lock)) {
     initialiseQtResources();
     QApplication::setApplicationName(QStringLiteral("Glimmerbox"));
-    QApplication::setDesktopFileName(QStringLiteral("glimmerbox"));
+    QApplication::setDesktopFileName(QStringLiteral("io.github.glimmerbox.Glimmerbox"));
     app_ = std::make_unique<QApplication>(argc, argv);
     QApplication::setWindowIcon(QIcon(QString::fromLatin1(kApplicationIcon)));
     // A tray application lives on after its last window closes.

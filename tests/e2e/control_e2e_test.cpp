@@ -1,0 +1,241 @@
+// Guards control without the tray: commands or launcher actions that do not reach the running
+// program, do not run the menu's flows (no editor keystrokes, no notifications), exit codes or
+// status that lie about the state, a bus that cannot start the program, no word to the user
+// when no tray host is there, and a second launch that does not activate the first.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "e2e/e2e_support.h"
+
+namespace gb::e2e {
+namespace {
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+constexpr const char* kAppId = "io.github.glimmerbox.Glimmerbox";
+
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (condition()) return true;
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(50ms);
+    }
+}
+
+std::string readText(const std::string& path) {
+    return runCommand({"cat", path}).value_or("");
+}
+
+struct CommandRun {
+    std::optional<int> code;
+    std::string out;
+    std::string err;
+};
+
+// Xvfb, a PulseAudio null sink, a private session bus that can start the program, and the dunst
+// notification server watched by dbus-monitor. No tray host.
+class ControlSession {
+public:
+    ControlSession() {
+        if (!display_.ok() || !bus_.ok() || !microphone_.ok()) return;
+        fs::create_directories(dir_.path() + "/run");
+        chmod((dir_.path() + "/run").c_str(), 0700);
+        notifications_.emplace(std::vector<std::string>{"dunst"}, env());
+        monitor_.emplace(std::vector<std::string>{"dbus-monitor", "--address", bus_.address(),
+                                                  "interface='org.freedesktop.Notifications',"
+                                                  "member='Notify'"});
+        ok_ = monitor_->waitForOutput("member=NameLost", 10s) &&
+              waitUntil([&] { return busOwns("org.freedesktop.Notifications"); }, 10s) &&
+              bus_.installService(kAppId, {binaryPath()}, env(), activatedLog());
+    }
+
+    [[nodiscard]] bool ok() const { return ok_; }
+    [[nodiscard]] std::map<std::string, std::string> env() const {
+        return {{"DISPLAY", display_.name()},
+                {"DBUS_SESSION_BUS_ADDRESS", bus_.address()},
+                {"HOME", dir_.path()},
+                {"XDG_CONFIG_HOME", dir_.path() + "/.config"},
+                {"XDG_RUNTIME_DIR", dir_.path() + "/run"},
+                {"XDG_DOCUMENTS_DIR", ""},
+                {"XDG_SESSION_TYPE", "x11"},
+                {"WAYLAND_DISPLAY", ""},
+                {"QT_QPA_PLATFORM", ""},
+                {"PULSE_SERVER", microphone_.server()}};
+    }
+    std::optional<std::string> tool(const std::vector<std::string>& argv) const {
+        return runCommand(argv, env(), 20s);
+    }
+    bool busOwns(const std::string& name) const {
+        return tool({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
+                     "org.freedesktop.DBus.GetNameOwner", "string:" + name})
+            .has_value();
+    }
+    // `glimmerbox <args>` to completion.
+    CommandRun glimmerbox(const std::vector<std::string>& args) const {
+        std::vector<std::string> argv{binaryPath()};
+        argv.insert(argv.end(), args.begin(), args.end());
+        Process p(argv, env());
+        return {p.wait(150s), p.stdoutText(), p.stderrText()};
+    }
+    // Calls ActivateAction on the running program, as a launcher does.
+    bool activateAction(const std::string& action) const {
+        return tool({"gdbus", "call", "--session", "--dest", kAppId, "--object-path",
+                     "/io/github/glimmerbox/Glimmerbox", "--method",
+                     "org.freedesktop.Application.ActivateAction", action, "[]", "{}"})
+            .has_value();
+    }
+    // Whether a notification with this summary and a body that begins so went over the bus.
+    [[nodiscard]] bool notified(const std::string& summary, const std::string& body) const {
+        const std::string text = monitor_->stdoutText();
+        return text.find("string \"" + summary + "\"\n   string \"" + body) != std::string::npos;
+    }
+    [[nodiscard]] std::string activatedLog() const { return dir_.path() + "/activated.log"; }
+    [[nodiscard]] std::string configDir() const { return dir_.path() + "/.config/Glimmerbox"; }
+    // The file that a stop's or status's output names, checked to be in the recordings folder.
+    [[nodiscard]] std::string savedFile(const std::string& output) const {
+        const std::string folder = dir_.path() + "/Documents/Glimmerbox Recordings/";
+        const bool named = output.starts_with("idle\n" + folder) && output.ends_with(".mov\n");
+        return named ? output.substr(5, output.size() - 6) : std::string();
+    }
+
+private:
+    VirtualDisplay display_{1280, 720};
+    SessionBus bus_;
+    VirtualMicrophone microphone_;
+    TempDir dir_;
+    std::optional<Process> notifications_;
+    std::optional<Process> monitor_;
+    bool ok_ = false;
+};
+
+// A QuickTime movie with H.264 video and AAC audio about `seconds` long.
+void expectMovie(const std::string& file, double seconds) {
+    const auto info = probe(file);
+    ASSERT_TRUE(info && info->stream("video") && info->stream("audio")) << file;
+    EXPECT_EQ(
+        info->stream("video")->get("codec_name") + "+" + info->stream("audio")->get("codec_name"),
+        "h264+aac");
+    EXPECT_NEAR(info->durationSeconds, seconds, 1.5);
+}
+
+TEST(ControlE2ETest, WithoutATrayTheCommandsRecordAndTellTheState) {
+    ControlSession session;
+    ASSERT_TRUE(session.ok()) << "Xvfb, D-Bus, PulseAudio or dunst did not start";
+    Process app({binaryPath()}, session.env());
+    // Said once, on standard output and as a notification, when no tray host has shown up.
+    ASSERT_TRUE(app.waitForOutput("Glimmerbox: Glimmerbox is running without a tray icon.", 20s))
+        << app.stdoutText() << app.stderrText();
+    ASSERT_TRUE(waitUntil([&] { return session.busOwns(kAppId); }, 10s));
+    EXPECT_EQ(session.glimmerbox({"status"}).out, "idle\n");
+    EXPECT_EQ(session.glimmerbox({"stop"}).code, 1);
+
+    const CommandRun started = session.glimmerbox({"toggle"});
+    EXPECT_EQ(started.code, 0) << started.err << app.stdoutText();
+    EXPECT_EQ(started.out, "recording\n");
+    const auto recordingSince = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(3s);
+    EXPECT_EQ(session.glimmerbox({"status"}).out, "recording\n");
+    EXPECT_EQ(session.glimmerbox({"start"}).code, 1);
+    const std::chrono::duration<double> recorded =
+        std::chrono::steady_clock::now() - recordingSince;
+    const CommandRun stopped = session.glimmerbox({"toggle"});
+    EXPECT_EQ(stopped.code, 0) << stopped.err << app.stdoutText();
+
+    const std::string movie = session.savedFile(stopped.out);
+    ASSERT_FALSE(movie.empty()) << stopped.out;
+    expectMovie(movie, recorded.count());
+    EXPECT_EQ(session.glimmerbox({"status"}).out, stopped.out);
+
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            return session.notified(
+                "Recording Saved",
+                "Screencast saved to: " + fs::path(movie).filename().string() + "\"");
+        },
+        10s));
+    EXPECT_TRUE(session.notified("Recording Started", "Glimmerbox recording in progress\""));
+    EXPECT_TRUE(session.notified("Glimmerbox is running without a tray icon",
+                                 "Start and stop recordings with the commands \"glimmerbox "
+                                 "toggle\""));
+    const std::string log = app.stdoutText();
+    EXPECT_EQ(log.find("without a tray icon"), log.rfind("without a tray icon"));
+
+    // A second launch activates the first and leaves.
+    EXPECT_EQ(session.glimmerbox({}).code, 0);
+    EXPECT_TRUE(app.waitForOutput("Glimmerbox: activated", 10s));
+    EXPECT_TRUE(app.running());
+}
+
+TEST(ControlE2ETest, LauncherActionsRunTheMenuFlowsWithEditorAutomation) {
+    ControlSession session;
+    ASSERT_TRUE(session.ok()) << "Xvfb, D-Bus, PulseAudio or dunst did not start";
+    fs::create_directories(session.configDir());
+    std::ofstream(session.configDir() + "/Glimmerbox.conf")
+        << "[General]\nvsCodeAutomationEnabled=true\n";
+    TempDir scratch;
+    const std::string keyLog = scratch.path() + "/editor.log";
+    Process editor({toolPath("fake_editor"), "--class", "Code", "--log", keyLog}, session.env());
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            return session.tool({"xdotool", "search", "--onlyvisible", "--class", "^Code$"})
+                .has_value();
+        },
+        10s));
+    Process app({binaryPath()}, session.env());
+    ASSERT_TRUE(waitUntil([&] { return session.busOwns(kAppId); }, 20s)) << app.stdoutText();
+
+    const auto keys = [&] { return readText(keyLog); };
+    const auto keyCount = [&] {
+        const std::string k = keys();
+        return std::count(k.begin(), k.end(), '\n');
+    };
+    // The screencast toggle: the command palette, the command's 22 keys, Return.
+    ASSERT_TRUE(session.activateAction("start-recording"));
+    ASSERT_TRUE(app.waitForOutput("Recording start completed. Current state: true", 30s))
+        << app.stdoutText();
+    ASSERT_TRUE(waitUntil([&] { return keyCount() >= 24; }, 15s)) << app.stdoutText();
+    EXPECT_TRUE(keys().starts_with("key ctrl+shift+p\nkey T\n")) << keys();
+    EXPECT_TRUE(keys().ends_with("key e\nkey Return\n")) << keys();
+
+    ASSERT_TRUE(session.activateAction("stop-recording"));
+    ASSERT_TRUE(app.waitForOutput("🔧 VS Code automation: Disabled screencast mode", 20s));
+    std::string status;
+    ASSERT_TRUE(waitUntil(
+        [&] { return !session.savedFile(status = session.glimmerbox({"status"}).out).empty(); },
+        30s))
+        << status;
+    EXPECT_EQ(keyCount(), 48);
+    expectMovie(session.savedFile(status), 1.0);
+    EXPECT_FALSE(session.activateAction("no-such-action"));
+}
+
+TEST(ControlE2ETest, StartLaunchesTheProgramThroughTheBus) {
+    ControlSession session;
+    ASSERT_TRUE(session.ok()) << "Xvfb, D-Bus, PulseAudio or dunst did not start";
+    // Neither status nor stop starts the program.
+    const CommandRun status = session.glimmerbox({"status"});
+    EXPECT_EQ(status.code, 3);
+    EXPECT_EQ(status.out, "not running\n");
+    EXPECT_EQ(session.glimmerbox({"stop"}).code, 3);
+
+    const CommandRun started = session.glimmerbox({"start"});
+    ASSERT_EQ(started.code, 0) << started.err << readText(session.activatedLog());
+    EXPECT_EQ(started.out, "recording\n");
+    EXPECT_NE(readText(session.activatedLog()).find("Start recording button pressed"),
+              std::string::npos);
+    std::this_thread::sleep_for(2s);
+    const CommandRun stopped = session.glimmerbox({"stop"});
+    ASSERT_EQ(stopped.code, 0) << stopped.err;
+    expectMovie(session.savedFile(stopped.out), 2.0);
+}
+
+}  // namespace
+}  // namespace gb::e2e
