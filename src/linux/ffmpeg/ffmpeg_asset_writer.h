@@ -9,7 +9,11 @@
 // A recording is never lost: while it runs the file is a fragmented movie whose fragments are
 // made durable about once a second, so a killed process or a power cut leaves a file that plays
 // up to then. finishWriting() rewrites it, without re-encoding, into an ordinary movie with its
-// index, and renames that over the original in one step.
+// index, and renames that over the original in one step, but only while the name still refers to
+// the file this writer made.
+//
+// The file is created new (never over anything, never through a link) and stays locked (flock)
+// until the finished movie has its name, so other recorders leave it alone.
 //
 // At finish the writer logs what it refused, one line each: "(encoder busy)" counts "not ready"
 // answers while writing (the recorder drops the frame it asked about), "(queue full)" counts
