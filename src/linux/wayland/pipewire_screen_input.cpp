@@ -174,15 +174,11 @@ struct PipeWireScreenSource::Stream {
 
     static void onProcess(void* data) {
         auto* self = static_cast<Stream*>(data);
-        // Only the newest frame counts; older ones go straight back.
-        pw_buffer* newest = nullptr;
+        // Every frame waiting counts, in order: each has its own time.
         while (pw_buffer* b = pw_stream_dequeue_buffer(self->stream)) {
-            if (newest != nullptr) pw_stream_queue_buffer(self->stream, newest);
-            newest = b;
+            self->takeFrame(*b->buffer);
+            pw_stream_queue_buffer(self->stream, b);
         }
-        if (newest == nullptr) return;
-        self->takeFrame(*newest->buffer);
-        pw_stream_queue_buffer(self->stream, newest);
     }
 
     void readCursor(const spa_buffer& buffer, std::optional<spa_point>& position) {
