@@ -4,7 +4,10 @@
 // as metadata when asked. Every request's options are logged to --log FILE, one line each.
 // Knobs: --size WxH, --respond N (Start's response code), --close-after SECONDS (the session's
 // Closed signal), --no-metadata-cursor, --beacon (screen black, white for 300 ms every 2 s at the
-// very instant a beep reaches the default PulseAudio sink).
+// very instant a beep reaches the default PulseAudio sink), --mirror-x11 (frames are copies of
+// $DISPLAY's root window, so a benchmark can show the same scene to both capture paths).
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
 #include <dbus/dbus.h>
 #include <pipewire/pipewire.h>
 #include <pulse/simple.h>
@@ -29,6 +32,7 @@ int gWidth = 1280, gHeight = 800, gRespond = 0, gStarts = 0;
 double gCloseAfter = 0;
 bool gMetadataCursor = true, gBeacon = false;
 FILE* gLog = stderr;
+Display* gMirror = nullptr;
 pw_thread_loop* gLoop;
 pw_stream* gStream;
 uint32_t gNode = 0;
@@ -64,7 +68,12 @@ void onProcess(void*) {
     auto* px = static_cast<uint32_t*>(buf->datas[0].data);
     if (px == nullptr) return;
     const int64_t now = nowNs();
-    if (gBeacon) {
+    if (gMirror != nullptr) {
+        if (XImage* image = XGetImage(gMirror, DefaultRootWindow(gMirror), 0, 0, gWidth, gHeight, AllPlanes, ZPixmap)) {
+            for (int y = 0; y < gHeight; ++y) std::memcpy(px + y * gWidth, image->data + y * image->bytes_per_line, gWidth * 4);
+            XDestroyImage(image);
+        }
+    } else if (gBeacon) {
         const int64_t until = gFlashUntilNs.load();
         std::fill(px, px + gWidth * gHeight, now >= until - 300'000'000 && now < until ? 0xffffffffu : 0xff000000u);
     } else {  // dark grey with a bright square that crosses the screen every two seconds
@@ -318,6 +327,7 @@ int main(int argc, char** argv) {
         if (a == "--close-after" && i + 1 < argc) gCloseAfter = std::atof(argv[++i]);
         if (a == "--no-metadata-cursor") gMetadataCursor = false;
         if (a == "--beacon") gBeacon = true;
+        if (a == "--mirror-x11") gMirror = XOpenDisplay(nullptr);
     }
     std::signal(SIGTERM, [](int) { gStop = true; });
     startVideoSource();
