@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -93,10 +94,14 @@ public:
         std::optional<int> exitCode;
         std::string out, err;
     };
-    Run record(std::vector<std::string> args, std::chrono::seconds timeout = 60s) {
+    [[nodiscard]] std::unique_ptr<Process> start(std::vector<std::string> args) const {
         args.insert(args.begin(), {binaryPath(), "record", "--no-camera", "--output",
                                    dir_.path() + "/out"});
-        Process p(args, env_);
+        return std::make_unique<Process>(args, env_);
+    }
+    Run record(std::vector<std::string> args, std::chrono::seconds timeout = 60s) {
+        auto started = start(std::move(args));
+        Process& p = *started;
         Run r{p.wait(timeout), "", ""};
         r.out = p.stdoutText();
         r.err = p.stderrText();
@@ -216,6 +221,30 @@ TEST(PortalE2ETest, CancelledDialogFailsTheStartAndClosesTheSession) {
               "permission.");
     EXPECT_EQ(lastLine(readText(desktop.log())), "Close");
     EXPECT_EQ(run.out.find("Recording started successfully"), std::string::npos);
+
+    // A Wayland session whose bus has no portal fails the same way, saying what is missing.
+    TempDir nowhere;
+    Process noBus({binaryPath(), "record", "--no-camera", "--duration", "2"},
+                  {{"XDG_SESSION_TYPE", "wayland"}, {"HOME", nowhere.path()}, {"DISPLAY", ""},
+                   {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + nowhere.path() + "/bus"}});
+    ASSERT_EQ(noBus.wait(20s), 1);
+    EXPECT_NE(noBus.stdoutText().find("❌ Screen capture through the portal is unavailable: there "
+                                      "is no session bus"),
+              std::string::npos)
+        << noBus.stdoutText();
+}
+
+TEST(PortalE2ETest, StopWhileTheDialogWaitsClosesThePortalSession) {
+    PortalDesktop desktop({"--respond", "-1"});
+    ASSERT_TRUE(desktop.ok());
+    auto started = desktop.start({"--duration", "3"});
+    Process& p = *started;
+    for (int i = 0; i < 200 && readText(desktop.log()).find("Start") == std::string::npos; ++i)
+        std::this_thread::sleep_for(50ms);
+    p.signal(SIGINT);
+    ASSERT_EQ(p.wait(10s), 1) << p.stdoutText();
+    EXPECT_NE(p.stdoutText().find("unavailable: the recording was stopped"), std::string::npos);
+    EXPECT_EQ(lastLine(readText(desktop.log())), "Close");
 }
 
 // First loud audio sample after quiet, and first bright frame after a dark one, in file time.

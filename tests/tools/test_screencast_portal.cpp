@@ -2,7 +2,7 @@
 // org.freedesktop.impl.portal.desktop.glimmerboxtest) that grants its own PipeWire video source:
 // BGRx frames at 30 a second with a moving square, stamped with CLOCK_MONOTONIC, and the cursor
 // as metadata when asked. Every request's options are logged to --log FILE, one line each.
-// Knobs: --size WxH, --respond N (Start's response code), --close-after SECONDS (the session's
+// Knobs: --size WxH, --respond N (Start's response code; -1: never answers), --close-after SECONDS (the session's
 // Closed signal), --no-metadata-cursor, --beacon (screen black, white for 300 ms every 2 s at the
 // very instant a beep reaches the default PulseAudio sink), --mirror-x11 (frames are copies of
 // $DISPLAY's root window, so a benchmark can show the same scene to both capture paths).
@@ -311,7 +311,7 @@ DBusHandlerResult onMessage(DBusConnection* c, DBusMessage* m, void*) {
     } else {  // Close of a session or a request
         logCall(m);
     }
-    dbus_connection_send(c, reply, nullptr);
+    if (member != "Start" || gRespond >= 0) dbus_connection_send(c, reply, nullptr);
     dbus_message_unref(reply);
     return DBUS_HANDLER_RESULT_HANDLED;
 }
