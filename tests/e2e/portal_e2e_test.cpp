@@ -194,8 +194,8 @@ TEST(PortalE2ETest, RecordsTheGrantedMonitorAndPassesOnTheLatestRestoreToken) {
     EXPECT_NE(calls[2].find("restore_data=glimmerboxtest,1,grant-2"), std::string::npos) << calls[2];
 }
 
-TEST(PortalE2ETest, ClosedSessionFinishesTheFileAndCursorIsEmbeddedWithoutMetadata) {
-    PortalDesktop desktop({"--close-after", "3", "--no-metadata-cursor"});
+TEST(PortalE2ETest, ClosedSessionFinishesTheSparseStreamsFileAndCursorIsEmbedded) {
+    PortalDesktop desktop({"--close-after", "3", "--no-metadata-cursor", "--sparse"});
     ASSERT_TRUE(desktop.ok());
     auto run = desktop.record({}, 30s);  // no duration: only the portal ends it
     ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
@@ -206,6 +206,10 @@ TEST(PortalE2ETest, ClosedSessionFinishesTheFileAndCursorIsEmbeddedWithoutMetada
     auto info = probe(lastLine(run.out));
     ASSERT_TRUE(info);
     EXPECT_NEAR(info->durationSeconds, 3.0, 0.5);
+    // Two frames a second from the source; the last image repeats, at 30 a second when the
+    // machine keeps up, and the video lasts as long as the recording.
+    EXPECT_GE(countVideoFrames(lastLine(run.out)), static_cast<int>(info->durationSeconds * 15));
+    EXPECT_NEAR(std::atof(info->stream("video")->get("duration").c_str()), info->durationSeconds, 0.2);
     const auto calls = selectSourcesCalls(desktop.log());
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_NE(calls[0].find(" cursor_mode=2"), std::string::npos) << calls[0];

@@ -3,7 +3,8 @@
 // BGRx frames at 30 a second with a moving square, stamped with CLOCK_MONOTONIC, and the cursor
 // as metadata when asked. Every request's options are logged to --log FILE, one line each.
 // Knobs: --size WxH, --respond N (Start's response code; -1: never answers), --close-after SECONDS (the session's
-// Closed signal), --no-metadata-cursor, --beacon (screen black, white for 300 ms every 2 s at the
+// Closed signal), --no-metadata-cursor, --sparse (a frame
+// every half second, as a compositor sends them for a quiet screen), --beacon (screen black, white for 300 ms every 2 s at the
 // very instant a beep reaches the default PulseAudio sink), --mirror-x11 (frames are copies of
 // $DISPLAY's root window, so a benchmark can show the same scene to both capture paths).
 #include <X11/Xlib.h>
@@ -30,7 +31,7 @@ using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC, the clock of the s
 std::atomic<bool> gStop{false};
 int gWidth = 1280, gHeight = 800, gRespond = 0, gStarts = 0;
 double gCloseAfter = 0;
-bool gMetadataCursor = true, gBeacon = false;
+bool gMetadataCursor = true, gBeacon = false, gSparse = false;
 FILE* gLog = stderr;
 Display* gMirror = nullptr;
 pw_thread_loop* gLoop;
@@ -136,10 +137,10 @@ void startVideoSource() {
 // Frames on a 30 a second grid; a beacon flash moves the grid to its very instant.
 void pace() {
     auto next = Clock::now();
-    while (!gStop) {
+    for (long tick = 0; !gStop; ++tick) {
         std::this_thread::sleep_until(next);
         pw_thread_loop_lock(gLoop);
-        pw_stream_trigger_process(gStream);
+        if (!gSparse || tick % 15 == 0) pw_stream_trigger_process(gStream);
         pw_thread_loop_unlock(gLoop);
         next += std::chrono::nanoseconds(1'000'000'000 / 30);
         const auto flash = Clock::time_point(std::chrono::nanoseconds(gFlashUntilNs.load() - 300'000'000));
@@ -327,6 +328,7 @@ int main(int argc, char** argv) {
         if (a == "--close-after" && i + 1 < argc) gCloseAfter = std::atof(argv[++i]);
         if (a == "--no-metadata-cursor") gMetadataCursor = false;
         if (a == "--beacon") gBeacon = true;
+        if (a == "--sparse") gSparse = true;
         if (a == "--mirror-x11") gMirror = XOpenDisplay(nullptr);
     }
     std::signal(SIGTERM, [](int) { gStop = true; });

@@ -21,6 +21,12 @@ namespace gb::linuxp {
 namespace {
 
 constexpr int kCursorMax = 256;  // largest cursor bitmap asked for, in pixels a side
+constexpr int64_t kFrameNs = 1'000'000'000 / 30;
+// Compositors send frames only when the screen changes. Gaps are filled by repeating the last
+// image at 30 a second (a sample without an image repeats it), as X11 capture does, so the
+// camera overlay keeps moving and the video lasts to the end of the recording. Repeats trail
+// real time by this much, so a frame merely delayed on a busy machine is not overtaken by one.
+constexpr int64_t kRepeatLagNs = 100'000'000;
 
 PlatformError streamError(int code, std::string text) {
     return PlatformError{"glimmerbox.pipewire", code, std::move(text)};
@@ -79,6 +85,10 @@ struct PipeWireScreenSource::Stream {
     std::atomic<int> height{0};
     uint64_t delivered = 0;
     uint64_t droppedNoBuffer = 0;
+    spa_source* repeater = nullptr;  // the loop's timer for repeated frames
+    int64_t lastStampNs = 0;         // of the last frame or repeat delivered; 0 before the first
+    // The newest frame that came before start(): a quiet screen may send no other for a while.
+    PixelBufferRef waiting;
 
     ~Stream() {
         if (loop != nullptr) pw_thread_loop_stop(loop);
@@ -172,6 +182,26 @@ struct PipeWireScreenSource::Stream {
         pw_thread_loop_signal(self->loop, false);
     }
 
+    static void onRepeat(void* data, uint64_t) {
+        auto* self = static_cast<Stream*>(data);
+        const int64_t horizon = monotonicNanoseconds() - kRepeatLagNs;
+        if (!self->deliver || self->lastStampNs == 0) return;
+        // On the frame grid; a late timer catches up by one extra repeat at most.
+        for (int i = 0; i < 2 && horizon - self->lastStampNs >= kFrameNs * 3 / 4; ++i) {
+            self->lastStampNs = std::min(horizon, self->lastStampNs + kFrameNs);
+            self->deliver(SampleBuffer::video(
+                nullptr, SampleTiming{MediaTime::fromNanoseconds(kFrameNs),
+                                      MediaTime::fromNanoseconds(self->lastStampNs),
+                                      MediaTime::invalid()}));
+        }
+    }
+
+    void armRepeater(bool on) {
+        timespec value{0, on ? kFrameNs : 0};
+        timespec interval{0, on ? kFrameNs : 0};
+        pw_loop_update_timer(pw_thread_loop_get_loop(loop), repeater, &value, &interval, false);
+    }
+
     static void onProcess(void* data) {
         auto* self = static_cast<Stream*>(data);
         // Every frame waiting counts, in order: each has its own time.
@@ -236,7 +266,7 @@ struct PipeWireScreenSource::Stream {
     }
 
     void takeFrame(const spa_buffer& buffer) {
-        if (!deliver || !pool || buffer.n_datas < 1) return;
+        if (!pool || buffer.n_datas < 1) return;
         const spa_data& plane = buffer.datas[0];
         if (plane.data == nullptr || plane.chunk == nullptr || plane.chunk->size == 0 ||
             (plane.chunk->flags & SPA_CHUNK_FLAG_CORRUPTED) != 0) {
@@ -249,6 +279,8 @@ struct PipeWireScreenSource::Stream {
             stamp = header->pts;
         }
         if (stamp <= 0) stamp = monotonicNanoseconds();
+        // A repeat may have been stamped after this frame was made: keep the times in order.
+        stamp = std::max(stamp, lastStampNs + 1'000'000);
 
         const int fullWidth = static_cast<int>(format.size.width);
         const int fullHeight = static_cast<int>(format.size.height);
@@ -297,9 +329,15 @@ struct PipeWireScreenSource::Stream {
             drawCursor(out, bytesPerRow, width, height, cursorAt->x - cursor.hotX - left,
                        cursorAt->y - cursor.hotY - top);
         }
-        SampleTiming timing{MediaTime::fromNanoseconds(1'000'000'000 / 30),
-                            MediaTime::fromNanoseconds(stamp), MediaTime::invalid()};
-        deliver(SampleBuffer::video(pool->wrap(*slot, width, height, bytesPerRow), timing));
+        SampleTiming timing{MediaTime::fromNanoseconds(kFrameNs), MediaTime::fromNanoseconds(stamp),
+                            MediaTime::invalid()};
+        PixelBufferRef image = pool->wrap(*slot, width, height, bytesPerRow);
+        if (!deliver) {
+            waiting = std::move(image);
+            return;
+        }
+        lastStampNs = stamp;
+        deliver(SampleBuffer::video(std::move(image), timing));
         ++delivered;
     }
 };
@@ -341,6 +379,7 @@ Result<std::unique_ptr<PipeWireScreenSource>> PipeWireScreenSource::connect(
     s->streamEvents.param_changed = &Stream::onParamChanged;
     s->streamEvents.process = &Stream::onProcess;
     pw_stream_add_listener(s->stream, &s->streamListener, &s->streamEvents, s.get());
+    s->repeater = pw_loop_add_timer(pw_thread_loop_get_loop(s->loop), &Stream::onRepeat, s.get());
 
     // The formats this side reads, at most 30 frames a second, without DMA-BUF modifiers.
     uint8_t buffer[1024];
@@ -401,6 +440,16 @@ Result<void> PipeWireScreenSource::start(Deliver deliver) {
     stream_->deliver = std::move(deliver);
     stream_->delivered = 0;
     stream_->droppedNoBuffer = 0;
+    stream_->lastStampNs = 0;
+    if (PixelBufferRef first = std::exchange(stream_->waiting, nullptr)) {
+        // The screen as it is now, until the compositor sends a change.
+        const int64_t now = monotonicNanoseconds();
+        stream_->lastStampNs = now;
+        stream_->deliver(SampleBuffer::video(
+            std::move(first), SampleTiming{MediaTime::fromNanoseconds(kFrameNs),
+                                           MediaTime::fromNanoseconds(now), MediaTime::invalid()}));
+    }
+    stream_->armRepeater(true);
     stream_->running.store(true);
     pw_thread_loop_unlock(stream_->loop);
     return {};
@@ -410,6 +459,7 @@ void PipeWireScreenSource::stop() {
     pw_thread_loop_lock(stream_->loop);
     const bool wasRunning = stream_->running.exchange(false);
     stream_->deliver = nullptr;
+    stream_->armRepeater(false);
     const uint64_t dropped = stream_->droppedNoBuffer;
     pw_thread_loop_unlock(stream_->loop);
     if (wasRunning && dropped > 0) {

@@ -3,6 +3,8 @@
 // offers BGRx/BGRA (and RGBx/RGBA, converted) at most 30 frames a second in CPU-readable memory,
 // and copies each frame (cropped as the VideoCrop metadata says, with the metadata cursor drawn
 // in) into a fixed pool of BGRA buffers, stamped with the buffer's own CLOCK_MONOTONIC time.
+// While the compositor sends nothing (an unchanged screen), the last image is repeated at 30 a
+// second through samples without an image.
 //
 // Threads: the PipeWire thread runs the stream callbacks and delivers; it never waits on anything
 // but the pool's atomics. start() and stop() take the thread loop's lock, so once stop() returns
