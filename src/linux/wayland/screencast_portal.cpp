@@ -213,8 +213,21 @@ public:
             return portalError(3, std::string("the portal refused ") + method + " (" +
                                       error.text() + ")");
         }
-        auto response = waitForResponse(path);
+        // A portal older than the handle-token convention answers on a path of its own.
+        const char* handle = nullptr;
+        std::string answered = path;
+        std::string otherRule;
+        if (dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_OBJECT_PATH, &handle,
+                                  DBUS_TYPE_INVALID) &&
+            path != handle) {
+            answered = handle;
+            otherRule = std::string("type='signal',interface='") + kRequest +
+                        "',member='Response',path='" + answered + "'";
+            dbus_bus_add_match(c_, otherRule.c_str(), nullptr);
+        }
+        auto response = waitForResponse(answered);
         dbus_bus_remove_match(c_, rule.c_str(), nullptr);
+        if (!otherRule.empty()) dbus_bus_remove_match(c_, otherRule.c_str(), nullptr);
         if (!response.ok()) return response.error();
         DBusMessageIter r;
         dbus_message_iter_init(response.value().get(), &r);
