@@ -55,7 +55,8 @@ std::shared_ptr<ScreenInput> PortalScreenCapture::makeScreenInput() {
                 source.error().localizedDescription);
         return nullptr;
     }
-    {
+    if (grantedWidth <= 0 || grantedHeight <= 0) {
+        // No logical size from the portal: the stream's pixels it is.
         std::lock_guard lock(mutex_);
         width_ = source.value()->width();
         height_ = source.value()->height();

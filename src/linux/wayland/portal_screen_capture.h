@@ -4,7 +4,8 @@
 //
 // The frame size must be known before the recorder creates its writer, which comes after the
 // screen input is made: so making the input negotiates the whole portal session and waits for
-// the stream's agreed format, and from then on the display reports that size. Before any grant
+// the stream's agreed format, and from then on the display reports the monitor's size: in logical
+// points as Start's results give it, else the agreed format's pixels. Before any grant
 // the display reports the fallback display's size (XWayland's root window, which matches the
 // monitor in logical points) or 0x0 without one.
 #pragma once
