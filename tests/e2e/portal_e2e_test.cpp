@@ -84,6 +84,7 @@ public:
 
     [[nodiscard]] bool ok() const { return ok_; }
     [[nodiscard]] std::string log() const { return dir_.path() + "/backend.log"; }
+    void killPipeWire() { pipewire_->signal(SIGKILL); }
     [[nodiscard]] std::string storedToken() const {
         std::smatch m;
         const std::string conf = readText(dir_.path() + "/config/Glimmerbox/Glimmerbox.conf");
@@ -255,6 +256,22 @@ TEST(PortalE2ETest, StopWhileTheDialogWaitsClosesThePortalSession) {
     ASSERT_EQ(p.wait(10s), 1) << p.stdoutText();
     EXPECT_NE(p.stdoutText().find("unavailable: the recording was stopped"), std::string::npos);
     EXPECT_EQ(lastLine(readText(desktop.log())), "Close");
+}
+
+TEST(PortalE2ETest, PipeWireDyingFinishesTheFile) {
+    PortalDesktop desktop({});
+    ASSERT_TRUE(desktop.ok());
+    auto started = desktop.start({});
+    ASSERT_TRUE(started->waitForOutput("Recording started successfully", 20s));
+    std::this_thread::sleep_for(2s);
+    desktop.killPipeWire();
+    ASSERT_EQ(started->wait(20s), 0) << started->stdoutText();
+    EXPECT_NE(started->stdoutText().find("⚠️ Screen capture ended: PipeWire went away"),
+              std::string::npos)
+        << started->stdoutText();
+    auto info = probe(lastLine(started->stdoutText()));
+    ASSERT_TRUE(info);
+    EXPECT_GT(info->durationSeconds, 1.5);
 }
 
 // First loud audio sample after quiet, and first bright frame after a dark one, in file time.
