@@ -99,8 +99,18 @@ struct PipeWireScreenSource::Stream {
         if (session) session->close();
     }
 
+    // Why the stream ended while no recording ran; the next start ends at once. end() runs on
+    // the loop's thread or the portal's watcher.
+    std::mutex endedEarlyMutex;
+    std::string endedEarly;  // guarded by endedEarlyMutex
+
     void end(const std::string& why) {
-        if (!running.load() || ended.exchange(true)) return;
+        if (!running.load()) {
+            std::lock_guard lock(endedEarlyMutex);
+            if (endedEarly.empty()) endedEarly = why;
+            return;
+        }
+        if (ended.exchange(true)) return;
         logLine("⚠️ Screen capture ended: " + why + "; stopping the recording");
         if (onEnded) onEnded(why);
     }
@@ -452,6 +462,12 @@ Result<void> PipeWireScreenSource::start(Deliver deliver) {
     stream_->armRepeater(true);
     stream_->running.store(true);
     pw_thread_loop_unlock(stream_->loop);
+    std::string endedEarly;
+    {
+        std::lock_guard lock(stream_->endedEarlyMutex);
+        endedEarly = stream_->endedEarly;
+    }
+    if (!endedEarly.empty()) stream_->end(endedEarly);
     return {};
 }
 
