@@ -38,6 +38,7 @@
 #include "linux/x11/x11_display.h"
 #include "linux/files/xdg_files.h"
 #include "linux/x11/xtest_script_runner.h"
+#include "linux/wayland/portal_screen_capture.h"
 #include "recording/log.h"
 
 
@@ -51,13 +52,41 @@ bool envFlag(const char* name) {
     return v != nullptr && *v != '\0' && std::string(v) != "0";
 }
 
+bool envSet(const char* name) {
+    const char* v = std::getenv(name);
+    return v != nullptr && *v != '\0';
+}
+
+// Which back end captures the screen, and whether the user named it.
+struct CaptureChoice {
+    ScreenCaptureChoice backend = ScreenCaptureChoice::x11;
+    bool explicitly = false;
+};
+
+// --capture, else GLIMMERBOX_CAPTURE, else the session: Wayland records through the portal
+// (X11 would only see XWayland's windows), X11 through XShm.
+CaptureChoice chooseScreenCapture(std::optional<ScreenCaptureChoice> fromCommand) {
+    if (fromCommand) return {*fromCommand, true};
+    if (const char* v = std::getenv("GLIMMERBOX_CAPTURE"); v != nullptr && *v != '\0') {
+        const std::string value = v;
+        if (value == "x11") return {ScreenCaptureChoice::x11, true};
+        if (value == "portal") return {ScreenCaptureChoice::portal, true};
+        logLine("⚠️ GLIMMERBOX_CAPTURE=" + value + " is neither x11 nor portal; ignoring it");
+    }
+    const char* session = std::getenv("XDG_SESSION_TYPE");
+    const bool wayland =
+        (session != nullptr && std::string(session) == "wayland") || envSet("WAYLAND_DISPLAY");
+    return {wayland ? ScreenCaptureChoice::portal : ScreenCaptureChoice::x11, false};
+}
+
 // The services that both the tray and the headless command record with. Lives on main's stack
 // for the whole run; the recorder and everything it makes hold references into it.
 class LinuxPlatform {
 public:
-    LinuxPlatform(SerialQueue& mainQueue, bool testCamera, FolderPicker& folderPicker)
+    LinuxPlatform(SerialQueue& mainQueue, bool testCamera, FolderPicker& folderPicker,
+                  CaptureChoice screenCapture)
         : capture_(LinuxCaptureFactory::Parts{
-              LinuxCaptureFactory::x11ScreenInputMaker(screenCaptureOptions()),
+              screenInputMaker(screenCapture),
               [] { return defaultPulseMicrophone(); },
               [testCamera] { return discoverCameras(testCamera); },
           }),
@@ -65,11 +94,16 @@ public:
           pixelBuffers_(std::make_shared<PooledPixelBufferFactory>(kComposedFramesKept)),
           folderPicker_(folderPicker),
           dispatch_(mainQueue) {
+        if (screenCapture.backend == ScreenCaptureChoice::portal) {
+            // The restore token is the user's, kept in their own settings.
+            portal_.emplace(defaults_, &display_, kScreenFramesKept);
+            portalDisplay_.emplace(*portal_);
+        }
         VSCodeIntegration::configureShared(applicationFinder_, scriptRunner_, dispatch_.sleeper());
     }
 
     [[nodiscard]] RecorderPlatform recorderPlatform() {
-        return RecorderPlatform{dispatch_,     access_,  capture_, display_,
+        return RecorderPlatform{dispatch_,     access_,  capture_, display(),
                                 writers_,      files_,   defaults(), dates_,
                                 folderPicker_, compositor_, *pixelBuffers_, sampleMaker_};
     }
@@ -77,6 +111,7 @@ public:
     // Prepares the main display's screen capture in the background, so that the first
     // recording starts without waiting for it.
     void prepareScreenCapture() {
+        if (portal_) return;  // asking the portal ahead would show its dialog at launch
         dispatch_.backgroundExecutor().async([this] {
             const auto screen = display_.mainScreen();
             if (!screen) return;
@@ -88,8 +123,24 @@ public:
         });
     }
 
+    // The portal's stream ending by itself stops the recording like the user's Stop; `stop`
+    // runs on the main queue.
+    void onScreenStreamEnded(std::function<void()> stop) {
+        if (!portal_) return;
+        portal_->setStreamEndedHandler([this, stop = std::move(stop)] {
+            dispatch_.mainQueue().async(stop);
+        });
+    }
+    // Ends a start that waits for the user's choice in the portal's dialog. Any thread.
+    void cancelPendingScreenCapture() {
+        if (portal_) portal_->cancelPendingStart();
+    }
+
     Dispatch& dispatch() { return dispatch_; }
-    DisplayProvider& display() { return display_; }
+    DisplayProvider& display() {
+        if (portalDisplay_) return *portalDisplay_;
+        return display_;
+    }
     FileSystem& files() { return files_; }
     // The store the recorder reads (by default the user's own).
     DefaultsStore& defaults() { return recordingDefaults_ ? *recordingDefaults_ : defaults_; }
@@ -101,10 +152,18 @@ private:
     // newest one and two on their way to the recording queue; two frames waiting for the encoder
     // keep it busy without holding more. A frame that finds no room is dropped, never waited for.
     static constexpr size_t kComposedFramesKept = 3;
+    static constexpr int kScreenFramesKept = 4;
     static X11CaptureOptions screenCaptureOptions() {
         X11CaptureOptions options;
-        options.poolSize = 4;
+        options.poolSize = kScreenFramesKept;
         return options;
+    }
+    LinuxCaptureFactory::ScreenInputMaker screenInputMaker(CaptureChoice choice) {
+        if (choice.backend == ScreenCaptureChoice::portal) {
+            // portal_ is made in the constructor's body; the maker runs only at a recording.
+            return [this](uint32_t) { return portal_->makeScreenInput(); };
+        }
+        return LinuxCaptureFactory::x11ScreenInputMaker(screenCaptureOptions(), !choice.explicitly);
     }
     static FfmpegWriterOptions writerOptions() {
         FfmpegWriterOptions options;
@@ -113,6 +172,8 @@ private:
     }
 
     X11DisplayProvider display_;
+    std::optional<PortalScreenCapture> portal_;
+    std::optional<PortalDisplayProvider> portalDisplay_;
     LinuxCaptureFactory capture_;
     PulseAccessRequester access_;
     FfmpegAssetWriterFactory writers_;
@@ -207,7 +268,7 @@ int runRecord(const std::vector<std::string>& args) {
     RunLoopQueue mainQueue;
     NoFolderPicker noPicker;
     LinuxPlatform services(mainQueue, options.testCamera || envFlag("GLIMMERBOX_TEST_CAMERA"),
-                           noPicker);
+                           noPicker, chooseScreenCapture(options.capture));
     std::optional<std::string> folder;
     if (options.outputDirectory) {
         folder = std::filesystem::absolute(*options.outputDirectory).lexically_normal().string();
@@ -248,7 +309,12 @@ int runRecord(const std::vector<std::string>& args) {
             exitCode = code;
             mainQueue.quit();
         });
-    SignalStopper stopper([&mainQueue, weak = std::weak_ptr<HeadlessRecording>(recording)](int) {
+    services.onScreenStreamEnded([weak = std::weak_ptr<HeadlessRecording>(recording)] {
+        if (auto r = weak.lock()) r->requestStop();
+    });
+    SignalStopper stopper([&mainQueue, &services,
+                           weak = std::weak_ptr<HeadlessRecording>(recording)](int) {
+        services.cancelPendingScreenCapture();
         mainQueue.async([weak] {
             if (auto r = weak.lock()) r->requestStop();
         });
@@ -267,7 +333,7 @@ int runTray(int argc, char** argv) {
         return 0;
     }
     LinuxPlatform services(shell->mainQueue(), envFlag("GLIMMERBOX_TEST_CAMERA"),
-                           shell->folderPicker());
+                           shell->folderPicker(), chooseScreenCapture(std::nullopt));
     auto delegate = std::make_shared<AppDelegate>(
         AppDelegate::Platform{shell->application(), shell->statusBar(), shell->windowSystem(),
                               shell->alertPresenter(), shell->workspace(),
@@ -303,9 +369,15 @@ int runTray(int argc, char** argv) {
         explainControlWithoutTray(shell->notificationCenter(),
                                   [](const std::string& line) { logLine(line); });
     });
+    services.onScreenStreamEnded([weak = std::weak_ptr<AppDelegate>(delegate)] {
+        if (auto d = weak.lock(); d && d->recorder() && d->recorder()->isRecording()) {
+            d->stopRecording();
+        }
+    });
     services.prepareScreenCapture();
     // SIGINT/SIGTERM quit like "Quit Glimmerbox": a running recording is stopped and finished.
-    SignalStopper stopper([&shell, weak = std::weak_ptr<AppDelegate>(delegate)](int) {
+    SignalStopper stopper([&shell, &services, weak = std::weak_ptr<AppDelegate>(delegate)](int) {
+        services.cancelPendingScreenCapture();
         shell->mainQueue().async([weak] {
             if (auto d = weak.lock()) d->quitApp();
         });

@@ -65,6 +65,8 @@ std::string recordCommandUsage() {
            "                            overlay corner (default: bottom-right)\n"
            "  --output DIR              save into DIR for this run (default: the tray's\n"
            "                            choice, else Documents/Glimmerbox Recordings)\n"
+           "  --capture x11|portal      screen capture through X11 or the desktop's ScreenCast\n"
+           "                            portal (default: the portal in a Wayland session)\n"
            "  --test-camera             add a synthetic test camera (for demos and tests)\n"
            "  --vscode                  switch VS Code's screencast mode on and off around\n"
            "                            the recording\n"
@@ -121,6 +123,15 @@ RecordCommandParse parseRecordCommand(const std::vector<std::string>& args) {
             if (!o.cameraPosition) {
                 return fail("--camera-position: '" + *v +
                             "' is not one of top-left, top-right, bottom-left, bottom-right");
+            }
+        } else if (name == "--capture") {
+            auto v = needValue();
+            if (v && *v == "x11") {
+                o.capture = ScreenCaptureChoice::x11;
+            } else if (v && *v == "portal") {
+                o.capture = ScreenCaptureChoice::portal;
+            } else {
+                return fail("--capture needs one of x11, portal");
             }
         } else if (name == "--output") {
             auto v = needValue();

@@ -16,6 +16,9 @@
 
 namespace gb {
 
+// Which screen capture back end records (--capture); none: chosen by the session type.
+enum class ScreenCaptureChoice { x11, portal };
+
 struct RecordCommandOptions {
     std::optional<double> durationSeconds;  // none: until stopped
     std::optional<VideoQuality> quality;    // none: the recorder's default
@@ -24,6 +27,7 @@ struct RecordCommandOptions {
     std::optional<CameraPosition> cameraPosition;
     std::optional<std::string> outputDirectory;  // this run only
     bool testCamera = false;
+    std::optional<ScreenCaptureChoice> capture;
     bool vscode = false;
     bool help = false;
 };
@@ -49,6 +53,12 @@ public:
     [[nodiscard]] std::optional<std::string> urlForKey(const std::string& key) const override;
     void setURL(const std::string& path, const std::string& key) override {
         base_.setURL(path, key);
+    }
+    [[nodiscard]] std::optional<std::string> stringForKey(const std::string& key) const override {
+        return base_.stringForKey(key);
+    }
+    void setString(const std::string& value, const std::string& key) override {
+        base_.setString(value, key);
     }
 
 private:

@@ -34,6 +34,9 @@ public:
     // A folder or file URL, as an absolute path.
     [[nodiscard]] virtual std::optional<std::string> urlForKey(const std::string& key) const = 0;
     virtual void setURL(const std::string& path, const std::string& key) = 0;
+    // Plain text (such as a screen-cast restore token).
+    [[nodiscard]] virtual std::optional<std::string> stringForKey(const std::string& key) const = 0;
+    virtual void setString(const std::string& value, const std::string& key) = 0;
 };
 
 // Formats dates with a pattern in the user's current locale and time zone

@@ -141,6 +141,16 @@ public:
         std::lock_guard lock(mutex_);
         values_[key] = Url{path};
     }
+    [[nodiscard]] std::optional<std::string> stringForKey(const std::string& key) const override {
+        std::lock_guard lock(mutex_);
+        const auto it = values_.find(key);
+        if (it == values_.end() || !std::holds_alternative<std::string>(it->second)) return {};
+        return std::get<std::string>(it->second);
+    }
+    void setString(const std::string& value, const std::string& key) override {
+        std::lock_guard lock(mutex_);
+        values_[key] = value;
+    }
 
     // Stores any value, also one of a type the key does not expect.
     void setRaw(const std::string& key, Value value) {

@@ -25,10 +25,10 @@ struct ScreenInputCache {
 }  // namespace
 
 LinuxCaptureFactory::ScreenInputMaker LinuxCaptureFactory::x11ScreenInputMaker(
-    X11CaptureOptions options) {
-    return [options = std::move(options), cache = std::make_shared<ScreenInputCache>()](
-               uint32_t displayID) -> std::shared_ptr<ScreenInput> {
-        if (isWaylandSessionFromEnvironment()) {
+    X11CaptureOptions options, bool refuseInWayland) {
+    return [options = std::move(options), cache = std::make_shared<ScreenInputCache>(),
+            refuseInWayland](uint32_t displayID) -> std::shared_ptr<ScreenInput> {
+        if (refuseInWayland && isWaylandSessionFromEnvironment()) {
             logLine("❌ Screen capture through X11 cannot see a Wayland session's windows");
             return nullptr;
         }

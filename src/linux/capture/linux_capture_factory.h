@@ -28,8 +28,9 @@ public:
     explicit LinuxCaptureFactory(Parts parts = {});
 
     // X11 screen inputs; in a Wayland session none (with a log line), since X11 would record
-    // black frames there.
-    [[nodiscard]] static ScreenInputMaker x11ScreenInputMaker(X11CaptureOptions options = {});
+    // black frames there, unless the user asked for X11 anyway (`refuseInWayland` false).
+    [[nodiscard]] static ScreenInputMaker x11ScreenInputMaker(X11CaptureOptions options = {},
+                                                              bool refuseInWayland = true);
 
     // Prepares the display's screen input ahead of the first recording, so that its start does
     // not pay for it. Blocks for as long as that takes; call it off the main thread.

@@ -395,6 +395,18 @@ void QSettingsDefaultsStore::setURL(const std::string& path, const std::string& 
     writeSetting(filePath_, key, QVariant(url));
 }
 
+std::optional<std::string> QSettingsDefaultsStore::stringForKey(const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    const auto value = readSetting(filePath_, key, reportedUnreadable_);
+    if (!value || value->typeId() != QMetaType::QString) return std::nullopt;
+    return value->toString().toStdString();
+}
+
+void QSettingsDefaultsStore::setString(const std::string& value, const std::string& key) {
+    std::lock_guard lock(mutex_);
+    writeSetting(filePath_, key, QVariant(QString::fromStdString(value)));
+}
+
 // ---- LocaleDateFormatter ---------------------------------------------------------------------
 
 std::string LocaleDateFormatter::format(const std::string& pattern,

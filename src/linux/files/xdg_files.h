@@ -56,6 +56,8 @@ public:
     [[nodiscard]] std::optional<std::string> urlForKey(const std::string& key) const override;
     // `path` must be absolute.
     void setURL(const std::string& path, const std::string& key) override;
+    [[nodiscard]] std::optional<std::string> stringForKey(const std::string& key) const override;
+    void setString(const std::string& value, const std::string& key) override;
 
 private:
     const std::string filePath_;               // empty when there is nowhere to store

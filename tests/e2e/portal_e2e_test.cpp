@@ -1,0 +1,326 @@
+// Guards the Wayland path: portal options that a compositor would refuse, a restore token that is
+// not passed on or not replaced, a cancelled dialog that hangs or records anyway, a closed session
+// that loses the file, wrong sizes or lost frames from the PipeWire stream, and audio/video drift.
+// Everything runs for real in a private runtime folder: dbus-daemon, pipewire, wireplumber, the
+// xdg-desktop-portal front end and our test back end (tools/test_screencast_portal).
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "e2e/e2e_support.h"
+
+namespace gb::e2e {
+namespace {
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+std::string readText(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+std::string lastLine(std::string t) {
+    while (!t.empty() && t.back() == '\n') t.pop_back();
+    const auto nl = t.rfind('\n');
+    return nl == std::string::npos ? t : t.substr(nl + 1);
+}
+
+// A Wayland-like desktop without a compositor: the session bus, PipeWire with its session
+// manager, the portal front end with our back end, and a PulseAudio null sink as microphone.
+class PortalDesktop {
+public:
+    explicit PortalDesktop(std::vector<std::string> backendArgs) {
+        const std::string d = dir_.path();
+        fs::create_directories(d + "/run");
+        fs::permissions(d + "/run", fs::perms::owner_all);
+        fs::create_directories(d + "/portals");
+        std::ofstream(d + "/portals/glimmerboxtest.portal")
+            << "[portal]\nDBusName=org.freedesktop.impl.portal.desktop.glimmerboxtest\n"
+               "Interfaces=org.freedesktop.impl.portal.ScreenCast\nUseIn=glimmerboxtest\n";
+        env_ = {{"HOME", d},
+                {"XDG_RUNTIME_DIR", d + "/run"},
+                {"XDG_CONFIG_HOME", d + "/config"},
+                {"XDG_DATA_HOME", d + "/data"},
+                {"XDG_DOCUMENTS_DIR", ""},
+                {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + d + "/run/bus"},
+                {"XDG_SESSION_TYPE", "wayland"},
+                {"WAYLAND_DISPLAY", ""},
+                {"DISPLAY", ""},
+                {"GLIMMERBOX_CAPTURE", ""},
+                {"GLIMMERBOX_TEST_CAMERA", ""}};
+        for (auto& [k, v] : mic_.env()) env_[k] = v;
+        bus_.emplace(std::vector<std::string>{"dbus-daemon", "--session", "--nofork", "--address",
+                                              env_["DBUS_SESSION_BUS_ADDRESS"], "--print-address"},
+                     env_);
+        if (!bus_->waitForOutput("unix:", 10s)) return;
+        pipewire_.emplace(std::vector<std::string>{"pipewire"}, env_);
+        if (!waitFor([&] { return fs::exists(d + "/run/pipewire-0"); })) return;
+        wireplumber_.emplace(std::vector<std::string>{"wireplumber"}, env_);
+        backendArgs.insert(backendArgs.begin(), {toolPath("test_screencast_portal"), "--log", log()});
+        backend_.emplace(backendArgs, env_);
+        if (!backend_->waitForOutput("node ", 10s)) return;
+        auto portalEnv = env_;
+        portalEnv["XDG_DESKTOP_PORTAL_DIR"] = d + "/portals";
+        portalEnv["XDG_CURRENT_DESKTOP"] = "glimmerboxtest";
+        portal_.emplace(std::vector<std::string>{"/usr/libexec/xdg-desktop-portal"}, portalEnv);
+        ok_ = mic_.ok() && waitFor([&] {
+                  auto out = runCommand({"dbus-send", "--session", "--print-reply",
+                                         "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                         "org.freedesktop.DBus.NameHasOwner",
+                                         "string:org.freedesktop.portal.Desktop"},
+                                        env_, 2s);
+                  return out && out->find("true") != std::string::npos;
+              });
+    }
+
+    [[nodiscard]] bool ok() const { return ok_; }
+    [[nodiscard]] std::string log() const { return dir_.path() + "/backend.log"; }
+    void killPipeWire() { pipewire_->signal(SIGKILL); }
+    [[nodiscard]] std::string storedToken() const {
+        std::smatch m;
+        const std::string conf = readText(dir_.path() + "/config/Glimmerbox/Glimmerbox.conf");
+        return std::regex_search(conf, m, std::regex("screenCastRestoreToken=(.*)")) ? m[1].str()
+                                                                                     : "";
+    }
+    struct Run {
+        std::optional<int> exitCode;
+        std::string out, err;
+    };
+    [[nodiscard]] std::unique_ptr<Process> start(std::vector<std::string> args) const {
+        args.insert(args.begin(), {binaryPath(), "record", "--no-camera", "--output",
+                                   dir_.path() + "/out"});
+        return std::make_unique<Process>(args, env_);
+    }
+    Run record(std::vector<std::string> args, std::chrono::seconds timeout = 60s) {
+        auto started = start(std::move(args));
+        Process& p = *started;
+        Run r{p.wait(timeout), "", ""};
+        r.out = p.stdoutText();
+        r.err = p.stderrText();
+        return r;
+    }
+
+private:
+    template <class F>
+    static bool waitFor(F ready) {
+        for (auto end = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < end;
+             std::this_thread::sleep_for(50ms)) {
+            if (ready()) return true;
+        }
+        return false;
+    }
+    TempDir dir_;
+    VirtualMicrophone mic_;
+    std::map<std::string, std::string> env_;
+    // Stopped in reverse order: the portal and the back end before the daemons and the bus.
+    std::optional<Process> bus_, pipewire_, wireplumber_, backend_, portal_;
+    bool ok_ = false;
+};
+
+// The options of each SelectSources the back end received, in order.
+std::vector<std::string> selectSourcesCalls(const std::string& log) {
+    std::vector<std::string> calls;
+    std::istringstream in(readText(log));
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind("SelectSources", 0) == 0) calls.push_back(line);
+    }
+    return calls;
+}
+
+void expectFile(const std::string& log, int width, int height, double seconds) {
+    const std::string file = lastLine(log);
+    auto info = probe(file);
+    ASSERT_TRUE(info) << file;
+    const StreamInfo* v = info->stream("video");
+    const StreamInfo* a = info->stream("audio");
+    ASSERT_TRUE(v && a);
+    EXPECT_EQ(v->get("codec_name"), "h264");
+    EXPECT_EQ(v->get("profile"), "Main");
+    EXPECT_EQ(v->get("width"), std::to_string(width));
+    EXPECT_EQ(v->get("height"), std::to_string(height));
+    EXPECT_EQ(a->get("codec_name"), "aac");
+    EXPECT_EQ(a->get("channels"), "2");
+    EXPECT_EQ(a->get("sample_rate"), "44100");
+    EXPECT_NEAR(info->durationSeconds, seconds, 0.35);
+    auto trace = runCommand({"sh", "-c", "ffmpeg -v trace -i '" + file +
+                                             "' -map 0:v -c copy -bsf:v trace_headers -f null - "
+                                             "2>&1 | grep -c 'entropy_coding_mode_flag.* = 1'"});
+    EXPECT_FALSE(trace) << "CABAC found";  // grep -c finding nothing fails
+}
+
+TEST(PortalE2ETest, RecordsTheGrantedMonitorAndPassesOnTheLatestRestoreToken) {
+    PortalDesktop desktop({"--size", "640x400"});
+    ASSERT_TRUE(desktop.ok());
+    auto first = desktop.record({"--duration", "5", "--quality", "screen"});
+    ASSERT_EQ(first.exitCode, 0) << first.out << first.err;
+    expectFile(first.out, 640, 400, 5.0);
+    // The source sends 30 frames a second for the whole recording. (Letterboxing into 720p, as
+    // below, is left out of this count: on a loaded machine its encoder drops frames, on either
+    // capture path.)
+    auto info = probe(lastLine(first.out));
+    ASSERT_TRUE(info);
+    EXPECT_GE(countVideoFrames(lastLine(first.out)), static_cast<int>(info->durationSeconds * 30 * 0.95))
+        << first.out;
+    EXPECT_FALSE(desktop.storedToken().empty());
+
+    auto second = desktop.record({"--duration", "1"});
+    ASSERT_EQ(second.exitCode, 0) << second.out << second.err;
+    auto third = desktop.record({"--duration", "5", "--quality", "medium"});
+    ASSERT_EQ(third.exitCode, 0) << third.out << third.err;
+    const std::string path = lastLine(third.out);
+    expectFile(third.out, 1280, 720, 5.0);
+    // 640x400 into 1280x720: scaled to 1152x720, 64 black columns each side.
+    auto rgb = decodeFrameRGB(path, 2.0, 1280, 720);
+    ASSERT_TRUE(rgb);
+    auto luma = [&](int x, int y) {
+        const uint8_t* p = rgb->data() + (static_cast<size_t>(y) * 1280 + x) * 3;
+        return (p[0] + p[1] + p[2]) / 3;
+    };
+    EXPECT_LT(luma(20, 360), 16);
+    EXPECT_LT(luma(1259, 360), 16);
+    EXPECT_GT(luma(640, 100), 30) << "the picture is missing";
+
+    const auto calls = selectSourcesCalls(desktop.log());
+    ASSERT_EQ(calls.size(), 3u);
+    for (const auto& call : calls) {
+        for (const char* option : {" types=1", " multiple=false", " persist_mode=2", " cursor_mode=4"})
+            EXPECT_NE(call.find(option), std::string::npos) << option << " missing in " << call;
+    }
+    // Each recording restores the grant of the one before: the stored token follows the newest.
+    EXPECT_EQ(calls[0].find("restore_data"), std::string::npos) << calls[0];
+    EXPECT_NE(calls[1].find("restore_data=glimmerboxtest,1,grant-1"), std::string::npos) << calls[1];
+    EXPECT_NE(calls[2].find("restore_data=glimmerboxtest,1,grant-2"), std::string::npos) << calls[2];
+}
+
+TEST(PortalE2ETest, ClosedSessionFinishesTheSparseStreamsFileAndCursorIsEmbedded) {
+    PortalDesktop desktop({"--close-after", "3", "--no-metadata-cursor", "--sparse"});
+    ASSERT_TRUE(desktop.ok());
+    auto run = desktop.record({}, 30s);  // no duration: only the portal ends it
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    EXPECT_NE(run.out.find("⚠️ Screen capture ended: the screen-cast portal closed the session"),
+              std::string::npos)
+        << run.out;
+    EXPECT_NE(run.out.find("Recording completed successfully"), std::string::npos);
+    auto info = probe(lastLine(run.out));
+    ASSERT_TRUE(info);
+    EXPECT_NEAR(info->durationSeconds, 3.0, 0.5);
+    // Two frames a second from the source; the last image repeats, at 30 a second when the
+    // machine keeps up, and the video lasts as long as the recording.
+    EXPECT_GE(countVideoFrames(lastLine(run.out)), static_cast<int>(info->durationSeconds * 15));
+    EXPECT_NEAR(std::atof(info->stream("video")->get("duration").c_str()), info->durationSeconds, 0.3);
+    const auto calls = selectSourcesCalls(desktop.log());
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_NE(calls[0].find(" cursor_mode=2"), std::string::npos) << calls[0];
+}
+
+TEST(PortalE2ETest, CancelledDialogFailsTheStartAndClosesTheSession) {
+    PortalDesktop desktop({"--respond", "1"});
+    ASSERT_TRUE(desktop.ok());
+    auto run = desktop.record({"--duration", "3"}, 20s);
+    ASSERT_EQ(run.exitCode, 1) << run.out << run.err;
+    EXPECT_EQ(lastLine(run.err),
+              "Setup failed: Screen capture is unavailable. Please grant screen recording "
+              "permission.");
+    EXPECT_EQ(lastLine(readText(desktop.log())), "Close");
+    EXPECT_EQ(run.out.find("Recording started successfully"), std::string::npos);
+
+    // A Wayland session whose bus has no portal fails the same way, saying what is missing.
+    TempDir nowhere;
+    Process noBus({binaryPath(), "record", "--no-camera", "--duration", "2"},
+                  {{"XDG_SESSION_TYPE", "wayland"}, {"HOME", nowhere.path()}, {"DISPLAY", ""},
+                   {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + nowhere.path() + "/bus"}});
+    ASSERT_EQ(noBus.wait(20s), 1);
+    EXPECT_NE(noBus.stdoutText().find("❌ Screen capture through the portal is unavailable: there "
+                                      "is no session bus"),
+              std::string::npos)
+        << noBus.stdoutText();
+}
+
+TEST(PortalE2ETest, StopWhileTheDialogWaitsClosesThePortalSession) {
+    PortalDesktop desktop({"--respond", "-1"});
+    ASSERT_TRUE(desktop.ok());
+    auto started = desktop.start({"--duration", "3"});
+    Process& p = *started;
+    for (int i = 0; i < 200 && readText(desktop.log()).find("Start") == std::string::npos; ++i)
+        std::this_thread::sleep_for(50ms);
+    p.signal(SIGINT);
+    ASSERT_EQ(p.wait(10s), 1) << p.stdoutText();
+    EXPECT_NE(p.stdoutText().find("unavailable: the recording was stopped"), std::string::npos);
+    EXPECT_EQ(lastLine(readText(desktop.log())), "Close");
+}
+
+TEST(PortalE2ETest, PipeWireDyingFinishesTheFile) {
+    PortalDesktop desktop({});
+    ASSERT_TRUE(desktop.ok());
+    auto started = desktop.start({});
+    ASSERT_TRUE(started->waitForOutput("Recording started successfully", 20s));
+    std::this_thread::sleep_for(2s);
+    desktop.killPipeWire();
+    ASSERT_EQ(started->wait(20s), 0) << started->stdoutText();
+    EXPECT_NE(started->stdoutText().find("⚠️ Screen capture ended: PipeWire went away"),
+              std::string::npos)
+        << started->stdoutText();
+    auto info = probe(lastLine(started->stdoutText()));
+    ASSERT_TRUE(info);
+    EXPECT_GT(info->durationSeconds, 1.5);
+}
+
+// First loud audio sample after quiet, and first bright frame after a dark one, in file time.
+std::pair<std::vector<double>, std::vector<double>> onsets(const std::string& file) {
+    TempDir tmp;
+    std::pair<std::vector<double>, std::vector<double>> o;
+    runCommand({"ffmpeg", "-v", "error", "-i", file, "-map", "0:a", "-ac", "1", "-f", "s16le",
+                tmp.path() + "/a"});
+    const std::string pcm = readText(tmp.path() + "/a");
+    auto start = runCommand({"ffprobe", "-v", "error", "-select_streams", "a:0", "-show_entries",
+                             "stream=start_time", "-of", "csv=p=0", file});
+    const double a0 = start ? std::atof(start->c_str()) : 0.0;
+    long quiet = 22050;
+    for (size_t i = 0; i + 1 < pcm.size(); i += 2) {
+        int16_t v;
+        std::memcpy(&v, &pcm[i], 2);
+        if (std::abs(v) > 3000 && quiet >= 22050) o.first.push_back(a0 + i / 2 / 44100.0);
+        quiet = std::abs(v) > 3000 ? 0 : quiet + 1;
+    }
+    // The average brightness of each frame, at its presentation time.
+    auto levels = runCommand({"sh", "-c", "ffprobe -v error -f lavfi -i \"movie='" + file +
+                                              "',signalstats\" -show_entries "
+                                              "frame=pts_time:frame_tags=lavfi.signalstats.YAVG "
+                                              "-of csv=p=0"});
+    std::istringstream in(levels.value_or(""));
+    bool dark = false;
+    for (std::string line; std::getline(in, line);) {
+        double t = 0, y = 0;
+        if (std::sscanf(line.c_str(), "%lf,%lf", &t, &y) != 2) continue;
+        if (y > 128 && dark) o.second.push_back(t);
+        dark = y <= 128;
+    }
+    return o;
+}
+
+TEST(PortalE2ETest, FlashAndBeepOfTheSameInstantLandWithinOneFrame) {
+    PortalDesktop desktop({"--size", "640x360", "--beacon"});
+    ASSERT_TRUE(desktop.ok());
+    auto run = desktop.record({"--duration", "7", "--quality", "screen"});
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    auto [beeps, flashes] = onsets(lastLine(run.out));
+    ASSERT_GE(beeps.size(), 2u);
+    ASSERT_GE(flashes.size(), 2u);
+    for (double beep : beeps) {
+        double nearest = 1e9;
+        for (double f : flashes) nearest = std::abs(f - beep) < std::abs(nearest - beep) ? f : nearest;
+        EXPECT_LE(std::abs(nearest - beep), 1.0 / 30 + 0.005) << "beep at " << beep;
+    }
+}
+
+}  // namespace
+}  // namespace gb::e2e
