@@ -1,4 +1,4 @@
-// The microphone's pool: the capture thread takes buffers while consumers release them.
+// Guards against: data races and lost reuse when the capture thread takes pool buffers that consumers release on other threads.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -1,5 +1,4 @@
-// The recording queue reads the manager's outputs for every sample while cleanup() forgets them
-// on another thread and the menu flips the overlay options: no data race, no lost sample.
+// Guards against: data races between the recording queue reading the outputs, cleanup() on another thread and option writes from the menu, and samples lost meanwhile.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -7,8 +6,7 @@
 #include <thread>
 
 #include "capture/capture_session_manager.h"
-#include "fakes/fake_capture_platform.h"
-#include "fakes/fake_display.h"
+#include "fakes/fake_platform.h"
 #include "portable/thread_dispatch.h"
 #include "recording/log.h"
 
@@ -34,8 +32,6 @@ TEST(CaptureSessionManagerConcurrencyTest, SamplesFlowWhileCleanupAndOptionWrite
     ThreadDispatch dispatch(main, 1);
     fakes::FakeCaptureFactory factory;
     fakes::FakeDisplayProvider display;
-    factory.setCameras({std::make_shared<fakes::FakeCaptureDevice>(
-        fakes::cameraInfo("USB Camera", "usb-1", {{1280, 720}}))});
     auto manager = std::make_shared<CaptureSessionManager>(factory, display, dispatch);
     auto delegate = std::make_shared<ClassifyingDelegate>();
     manager->setDelegate(delegate);
@@ -52,8 +48,8 @@ TEST(CaptureSessionManagerConcurrencyTest, SamplesFlowWhileCleanupAndOptionWrite
         manager->setupScreenCapture();
         manager->setupCamera();
         for (int k = 0; k < 4; ++k) {
-            factory.videoOutputs().back()->deliver(sample);
-            factory.audioOutputs().back()->deliver(sample);
+            factory.latest(factory.videoOutputs)->deliver(sample);
+            factory.latest(factory.audioOutputs)->deliver(sample);
             delivered += 2;
         }
         manager->cleanup();  // while the queue still hands samples over

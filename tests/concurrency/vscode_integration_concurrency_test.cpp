@@ -1,5 +1,4 @@
-// The start and the stop of recordings run the automation's sequences on background threads while
-// the main thread looks for the editor; they may overlap.
+// Guards against: data races and torn state when the start and stop sequences of the editor automation overlap with the search for the editor.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -37,7 +36,7 @@ TEST(VSCodeIntegrationConcurrencyTest, OverlappingSequencesKeepWholeState) {
     EXPECT_EQ(enabled, kRounds);
     // Every sequence that ran sent its three scripts whole.
     EXPECT_GE(runner.scripts().size(), 3u * kRounds);
-    EXPECT_EQ(stable->activations() * 3, static_cast<int>(runner.scripts().size()));
+    EXPECT_EQ(stable->activations * 3, static_cast<int>(runner.scripts().size()));
 }
 
 }  // namespace

@@ -1,107 +1,78 @@
-// Fakes of the application finder and the script runner: editors that "run" because a test
-// launched them, and a runner that records every script and answers as the test tells it.
-// All of them may be used from any thread.
+// Editors that "run" because a test launched them, and a script runner that records every script
+// and answers as the test tells it. Any thread.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "fakes/locked.h"
 #include "platform/scripting.h"
 
 namespace gb::fakes {
 
 class FakeRunningApplication final : public RunningApplication {
 public:
-    explicit FakeRunningApplication(std::string bundleIdentifier)
-        : bundleIdentifier_(std::move(bundleIdentifier)) {}
-
-    [[nodiscard]] std::string bundleIdentifier() const override { return bundleIdentifier_; }
+    explicit FakeRunningApplication(std::string id, std::function<void()> onActivate = {})
+        : id_(std::move(id)), onActivate_(std::move(onActivate)) {}
+    [[nodiscard]] std::string bundleIdentifier() const override { return id_; }
     bool activate() override {
-        std::function<void()> hook;
-        {
-            std::lock_guard lock(mutex_);
-            ++activations_;
-            hook = onActivate_;
-        }
-        if (hook) hook();
+        ++activations;
+        if (onActivate_) onActivate_();
         return true;
     }
-
-    // Runs on every activation (after it was counted).
-    void setOnActivate(std::function<void()> hook) {
-        lockedSet(mutex_, onActivate_, std::move(hook));
-    }
-    [[nodiscard]] int activations() const { return lockedCopy(mutex_, activations_); }
+    std::atomic<int> activations{0};
 
 private:
-    const std::string bundleIdentifier_;
-    mutable std::mutex mutex_;
-    int activations_ = 0;               // guarded by mutex_
-    std::function<void()> onActivate_;  // guarded by mutex_
+    const std::string id_;
+    const std::function<void()> onActivate_;
 };
 
 class FakeApplicationFinder final : public ApplicationFinder {
 public:
-    std::vector<RunningApplicationRef> runningApplications(
-        const std::string& bundleIdentifier) override {
+    std::vector<RunningApplicationRef> runningApplications(const std::string& id) override {
         std::lock_guard lock(mutex_);
-        queries_.push_back(bundleIdentifier);
-        auto found = running_.find(bundleIdentifier);
-        if (found == running_.end()) return {};
-        return {found->second.begin(), found->second.end()};
+        queries.push_back(id);
+        return {running_[id].begin(), running_[id].end()};
     }
-
-    // Starts one more application with the identifier, after those already running.
-    std::shared_ptr<FakeRunningApplication> launch(const std::string& bundleIdentifier) {
-        auto app = std::make_shared<FakeRunningApplication>(bundleIdentifier);
+    std::shared_ptr<FakeRunningApplication> launch(const std::string& id,
+                                                   std::function<void()> onActivate = {}) {
         std::lock_guard lock(mutex_);
-        running_[bundleIdentifier].push_back(app);
-        return app;
+        return running_[id].emplace_back(std::make_shared<FakeRunningApplication>(id, std::move(onActivate)));
     }
-    // Ends every application with the identifier.
-    void quit(const std::string& bundleIdentifier) {
+    void quit(const std::string& id) {
         std::lock_guard lock(mutex_);
-        running_.erase(bundleIdentifier);
+        running_.erase(id);
     }
-    // The identifiers asked for, in order.
-    [[nodiscard]] std::vector<std::string> queries() const { return lockedCopy(mutex_, queries_); }
+    std::vector<std::string> queries;  // in order
 
 private:
-    mutable std::mutex mutex_;
-    std::map<std::string, std::vector<std::shared_ptr<FakeRunningApplication>>>
-        running_;                       // guarded by mutex_
-    std::vector<std::string> queries_;  // guarded by mutex_
+    std::mutex mutex_;
+    std::map<std::string, std::vector<std::shared_ptr<FakeRunningApplication>>> running_;
 };
 
-// Records every script; succeeds unless the responder says otherwise.
+// Records every script; each succeeds unless `responder` (set before use) says otherwise.
 class RecordingScriptRunner final : public ScriptRunner {
 public:
-    using Responder = std::function<ScriptOutcome(const std::string& source)>;
-
     ScriptOutcome run(const std::string& source) override {
-        Responder responder;
         {
             std::lock_guard lock(mutex_);
             scripts_.push_back(source);
-            responder = responder_;
         }
         return responder ? responder(source) : ScriptOutcome{};
     }
-
-    // Decides the outcome of every later run (it may also throw, like a broken runner).
-    void setResponder(Responder responder) { lockedSet(mutex_, responder_, std::move(responder)); }
-    [[nodiscard]] std::vector<std::string> scripts() const { return lockedCopy(mutex_, scripts_); }
+    [[nodiscard]] std::vector<std::string> scripts() const {
+        std::lock_guard lock(mutex_);
+        return scripts_;
+    }
+    std::function<ScriptOutcome(const std::string&)> responder;
 
 private:
     mutable std::mutex mutex_;
     std::vector<std::string> scripts_;  // guarded by mutex_
-    Responder responder_;               // guarded by mutex_
 };
 
 }  // namespace gb::fakes

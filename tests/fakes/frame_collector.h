@@ -11,7 +11,7 @@
 #include <set>
 #include <vector>
 
-#include "fakes/locked.h"
+
 #include "linux/capture/capture_source.h"
 #include "platform/media.h"
 
@@ -44,11 +44,17 @@ public:
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] { return count_ >= n; });
     }
-    [[nodiscard]] size_t count() const { return lockedCopy(mutex_, count_); }
-    [[nodiscard]] SampleBufferRef last() const { return lockedCopy(mutex_, last_); }
-    [[nodiscard]] std::vector<SampleBufferRef> held() const { return lockedCopy(mutex_, held_); }
+    [[nodiscard]] size_t count() const { std::lock_guard lock(mutex_);
+        return count_; }
+    [[nodiscard]] SampleBufferRef last() const { std::lock_guard lock(mutex_);
+        return last_; }
+    [[nodiscard]] std::vector<SampleBufferRef> held() const {
+        std::lock_guard lock(mutex_);
+        return held_;
+    }
     [[nodiscard]] std::vector<int64_t> timesNanoseconds() const {
-        return lockedCopy(mutex_, times_);
+        std::lock_guard lock(mutex_);
+        return times_;
     }
     [[nodiscard]] size_t distinctAddresses() const {
         std::lock_guard lock(mutex_);

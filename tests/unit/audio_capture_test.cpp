@@ -1,4 +1,4 @@
-// The microphone's timeline and buffer pool.
+// Guards against: microphone chunks placed off the timeline under jitter or drift, missed audio losses, and a buffer pool that allocates, overflows or dies too early.
 #include <gtest/gtest.h>
 
 #include "portable/audio_buffer_pool.h"

@@ -1,103 +1,59 @@
+// Guards against: session changes outside a transaction, outputs added before their delegate, wrong or missing capture errors, leftovers after cleanup, samples delivered off the recording queue, and a bad camera or format choice.
 #include "capture/capture_session_manager.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "fakes/fake_capture_platform.h"
+#include "capture/camera_manager.h"
 #include "fakes/fake_dispatch.h"
-#include "fakes/fake_display.h"
-#include "fakes/log_capture.h"
-#include "recording/errors.h"
+#include "fakes/fake_platform.h"
 
 namespace gb {
 namespace {
 
-using fakes::cameraInfo;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using Kind = CaptureSessionError::Kind;
-using Strings = std::vector<std::string>;
-
-using Delivery = std::tuple<CaptureService*, SampleBufferRef, CaptureOutput*>;
-
-class RecordingDelegate final : public CaptureSessionManagerDelegate {
-public:
-    void captureSessionManager(CaptureService& manager, const SampleBufferRef& sample,
-                               CaptureOutput& output) override {
-        deliveries.push_back({&manager, sample, &output});
-    }
-    std::vector<Delivery> deliveries;
-};
-
-SampleBufferRef videoSample() {
-    return SampleBuffer::video(PixelBuffer::allocate(2, 2), {});
-}
 
 class CaptureSessionManagerTest : public ::testing::Test {
 protected:
-    CaptureSessionManagerTest() {
-        factory.setCameras({usbCamera});
-        manager = std::make_shared<CaptureSessionManager>(factory, display, dispatch);
-    }
-    fakes::FakeCaptureSession& screenSession() { return *factory.sessions().at(0); }
-    fakes::FakeCaptureSession& cameraSession() { return *factory.sessions().at(1); }
-    fakes::ManualQueue& recordingQueue() { return *dispatch.serialQueues().at(0); }
-    // What the manager holds: screen input, microphone input, camera input, and the outputs.
-    std::vector<bool> stored() const {
-        return {manager->screenInput() != nullptr, manager->micInput() != nullptr,
-                manager->videoOutput() != nullptr, manager->audioOutput() != nullptr,
-                manager->cameraInput() != nullptr, manager->cameraOutput() != nullptr};
-    }
-    // Runs the call and returns the CaptureSessionError it threw.
-    static CaptureSessionError errorFrom(const std::function<void()>& call) {
-        try {
-            call();
-        } catch (const CaptureSessionError& e) {
-            return e;
-        }
-        ADD_FAILURE() << "no CaptureSessionError thrown";
-        return CaptureSessionError::noDisplay();
+    fakes::FakeCaptureSession& screen() { return *factory.sessions.at(0); }
+    fakes::FakeCaptureSession& camera() { return *factory.sessions.at(1); }
+    bool holdsNothing() const {
+        return !manager->screenInput() && !manager->micInput() && !manager->videoOutput() &&
+               !manager->audioOutput() && !manager->cameraInput() && !manager->cameraOutput();
     }
     fakes::LogCapture log;
     fakes::FakeCaptureFactory factory;
     fakes::FakeDisplayProvider display;
     fakes::FakeDispatch dispatch;
-    std::shared_ptr<fakes::FakeCaptureDevice> usbCamera =
-        std::make_shared<fakes::FakeCaptureDevice>(
-            cameraInfo("USB Camera", "usb-1", {{1920, 1080}, {1280, 720}}));
-    std::shared_ptr<CaptureSessionManager> manager;
+    std::shared_ptr<CaptureSessionManager> manager =
+        std::make_shared<CaptureSessionManager>(factory, display, dispatch);
 };
 
-const std::vector<bool> kNothing(6, false);
-
-TEST_F(CaptureSessionManagerTest, SetupsAttachEverythingInOneTransactionEach) {
+TEST_F(CaptureSessionManagerTest, SetupsAttachEverythingInOneTransactionAndCleanupRemovesIt) {
     manager->setupScreenCapture();
-    EXPECT_THAT(screenSession().journal(),
-                ElementsAre("begin", "canAddInput video", "addInput video", "canAddInput audio",
-                            "addInput audio", "canAddOutput video", "addOutput video",
-                            "canAddOutput audio", "addOutput audio", "commit"));
-    EXPECT_EQ(screenSession().changesOutsideTransaction(), 0);
-    EXPECT_EQ(screenSession().outputsAddedWithoutDelegate(), 0);
-    EXPECT_EQ(log.lines(), Strings{"✅ Screen capture session configured successfully"});
-    EXPECT_THAT(screenSession().inputs(), ElementsAre(manager->screenInput(), manager->micInput()));
-    EXPECT_THAT(screenSession().outputs(),
-                ElementsAre(manager->videoOutput(), manager->audioOutput()));
-    EXPECT_EQ(factory.videoOutputs().at(0)->videoSettings()->pixelFormat, 1111970369u);
-    EXPECT_THAT(cameraSession().journal(), IsEmpty());
     manager->setupCamera();
-    EXPECT_EQ(log.lines().back(),
-              "📷 Camera setup complete - delegate set to self on queue: glimmerbox.recording");
-    EXPECT_THAT(cameraSession().journal(),
-                ElementsAre("begin", "canAddInput video", "addInput video", "canAddOutput video",
-                            "addOutput video", "commit"));
-    EXPECT_EQ(cameraSession().outputsAddedWithoutDelegate(), 0);
-    EXPECT_THAT(usbCamera->activeFormatChanges(), ElementsAre(1));
-    EXPECT_THAT(cameraSession().inputs(), ElementsAre(manager->cameraInput()));
-    EXPECT_THAT(cameraSession().outputs(), ElementsAre(manager->cameraOutput()));
+    EXPECT_THAT(screen().journal(),
+                ElementsAre("begin", "canAddinput video", "addInput video", "canAddinput audio",
+                            "addInput audio", "canAddoutput video", "addOutput video",
+                            "canAddoutput audio", "addOutput audio", "commit"));
+    EXPECT_THAT(camera().journal(), ElementsAre("begin", "canAddinput video", "addInput video",
+                                                "canAddoutput video", "addOutput video", "commit"));
+    for (auto* s : {&screen(), &camera()}) {
+        EXPECT_EQ(s->changesOutsideTransaction, 0);
+        EXPECT_EQ(s->outputsWithoutDelegate, 0);
+        s->startRunning();
+        s->clearJournal();
+    }
+    manager->cleanup();
+    EXPECT_THAT(screen().journal(),
+                ElementsAre("stop", "removeInput video", "removeInput audio", "removeOutput video",
+                            "removeOutput audio"));
+    EXPECT_THAT(camera().journal(), ElementsAre("stop", "removeInput video", "removeOutput video"));
+    EXPECT_TRUE(holdsNothing());
 }
 
-// Each failure gives its error; what was attached (and stored, in the order screen input,
-// microphone input, video output, audio output) stays until cleanup().
+// Each failure gives its error; what was attached stays until cleanup().
 TEST_F(CaptureSessionManagerTest, ScreenSetupFailuresKeepWhatWasAttachedUntilCleanup) {
     enum class Fault { noScreen, noAccess, noMic, micFails, screenIn, videoOut, audioOut };
     const struct {
@@ -105,92 +61,122 @@ TEST_F(CaptureSessionManagerTest, ScreenSetupFailuresKeepWhatWasAttachedUntilCle
         Kind kind;
         std::string description;
         size_t inputsAttached, outputsAttached;
-        int stored;
     } cases[] = {
-        {Fault::noScreen, Kind::noDisplay, "No display found for screen recording", 0, 0, 0},
+        {Fault::noScreen, Kind::noDisplay, "No display found for screen recording", 0, 0},
         {Fault::noAccess, Kind::screenCaptureUnavailable,
-         "Screen capture is unavailable. Please grant screen recording permission.", 0, 0, 0},
+         "Screen capture is unavailable. Please grant screen recording permission.", 0, 0},
         {Fault::screenIn, Kind::cannotAddScreenInput, "Cannot add screen input to capture session",
-         0, 0, 1},
-        {Fault::noMic, Kind::microphoneUnavailable, "No microphone found", 1, 0, 1},
+         0, 0},
+        {Fault::noMic, Kind::microphoneUnavailable, "No microphone found", 1, 0},
         {Fault::micFails, Kind::microphoneSetupFailed, "Microphone setup failed: Cannot Record", 1,
-         0, 1},
+         0},
         {Fault::videoOut, Kind::cannotAddVideoOutput, "Cannot add video output to capture session",
-         2, 0, 3},
+         2, 0},
         {Fault::audioOut, Kind::cannotAddAudioOutput, "Cannot add audio output to capture session",
-         2, 1, 4}};
-    const auto microphone = factory.microphone();
+         2, 1}};
+    const auto microphone = factory.microphone;
     for (const auto& c : cases) {
         display.setSize(1920, 1080);
         if (c.fault == Fault::noScreen) display.setScreen({});
-        factory.setScreenCaptureAllowed(c.fault != Fault::noAccess);
-        factory.setMicrophone(c.fault == Fault::noMic ? nullptr : microphone);
-        factory.setDeviceInputFailure(
-            MediaType::audio, c.fault == Fault::micFails
-                                  ? std::optional(PlatformError{"Capture", -11814, "Cannot Record"})
-                                  : std::nullopt);
-        screenSession().setSwitches({.acceptVideoInput = c.fault != Fault::screenIn,
-                                     .acceptVideoOutput = c.fault != Fault::videoOut,
-                                     .acceptAudioOutput = c.fault != Fault::audioOut});
-        screenSession().clearJournal();
-        const CaptureSessionError error = errorFrom([&] { manager->setupScreenCapture(); });
-        EXPECT_EQ(error.kind(), c.kind);
-        EXPECT_EQ(error.errorDescription(), c.description);
-        EXPECT_EQ(screenSession().journal().front(), "begin");  // one transaction, committed too
-        EXPECT_EQ(screenSession().journal().back(), "commit");
-        EXPECT_EQ(screenSession().inputs().size(), c.inputsAttached);
-        EXPECT_EQ(screenSession().outputs().size(), c.outputsAttached);
-        for (int i = 0; i < 4; ++i) EXPECT_EQ(stored()[i], i < c.stored) << c.description;
+        factory.screenCaptureAllowed = c.fault != Fault::noAccess;
+        factory.microphone = c.fault == Fault::noMic ? nullptr : microphone;
+        factory.microphoneError.reset();
+        if (c.fault == Fault::micFails) factory.microphoneError = PlatformError{"C", 1, "Cannot Record"};
+        screen().refuse = {c.fault == Fault::screenIn   ? "input video"
+                           : c.fault == Fault::videoOut ? "output video"
+                           : c.fault == Fault::audioOut ? "output audio"
+                                                        : ""};
+        screen().clearJournal();
+        try {
+            manager->setupScreenCapture();
+            ADD_FAILURE() << "no error for " << c.description;
+        } catch (const CaptureSessionError& e) {
+            EXPECT_EQ(e.kind(), c.kind);
+            EXPECT_EQ(e.errorDescription(), c.description);
+        }
+        EXPECT_EQ(screen().journal().back(), "commit");  // the transaction ends on every way out
+        EXPECT_EQ(screen().inputs().size(), c.inputsAttached);
+        EXPECT_EQ(screen().outputs().size(), c.outputsAttached);
         manager->cleanup();
-        EXPECT_THAT(screenSession().inputs(), IsEmpty());
-        EXPECT_THAT(screenSession().outputs(), IsEmpty());
-        EXPECT_EQ(stored(), kNothing);
+        EXPECT_TRUE(screen().inputs().empty() && screen().outputs().empty());
+        EXPECT_TRUE(holdsNothing());
     }
-    EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(CaptureSessionManagerTest, CleanupStopsRemovesInSessionOrderAndForgets) {
-    manager->setupScreenCapture();
-    manager->setupCamera();
-    screenSession().startRunning();
-    cameraSession().startRunning();
-    screenSession().clearJournal();
-    cameraSession().clearJournal();
-    manager->cleanup();
-    EXPECT_THAT(screenSession().journal(),
-                ElementsAre("stop", "removeInput video", "removeInput audio", "removeOutput video",
-                            "removeOutput audio"));
-    EXPECT_THAT(cameraSession().journal(),
-                ElementsAre("stop", "removeInput video", "removeOutput video"));
-    EXPECT_FALSE(screenSession().isRunning());
-    EXPECT_EQ(stored(), kNothing);
-}
+class RecordingDelegate final : public CaptureSessionManagerDelegate {
+public:
+    void captureSessionManager(CaptureService&, const SampleBufferRef& sample,
+                               CaptureOutput& output) override {
+        deliveries.emplace_back(sample, &output);
+    }
+    std::vector<std::pair<SampleBufferRef, CaptureOutput*>> deliveries;
+};
 
 TEST_F(CaptureSessionManagerTest, EverySampleReachesTheDelegateOnTheRecordingQueueInOrder) {
     auto delegate = std::make_shared<RecordingDelegate>();
     manager->setDelegate(delegate);
     manager->setupScreenCapture();
     manager->setupCamera();
-    EXPECT_EQ(recordingQueue().label(), "glimmerbox.recording");
-    const SampleBufferRef samples[] = {videoSample(), videoSample(),
-                                       SampleBuffer::audio(std::make_shared<AudioBuffer>(), {})};
-    factory.videoOutputs()[0]->deliver(samples[0]);
-    factory.videoOutputs()[1]->deliver(samples[1]);
-    factory.audioOutputs()[0]->deliver(samples[2]);
+    auto& queue = *dispatch.serialQueues().at(0);
+    EXPECT_EQ(queue.label(), "glimmerbox.recording");
+    const auto a = fakes::videoSample(1, nullptr), b = fakes::videoSample(2, nullptr),
+               c = fakes::audioSample(3);
+    factory.videoOutputs[0]->deliver(a);
+    factory.videoOutputs[1]->deliver(b);
+    factory.audioOutputs[0]->deliver(c);
     EXPECT_TRUE(delegate->deliveries.empty());  // nothing outside the queue
-    EXPECT_EQ(recordingQueue().runPending(), 3);
-    CaptureOutput* outputs[] = {manager->videoOutput().get(), manager->cameraOutput().get(),
-                                manager->audioOutput().get()};
-    // The very samples, not copies, each through its output.
-    EXPECT_EQ(delegate->deliveries,
-              (std::vector<Delivery>{{manager.get(), samples[0], outputs[0]},
-                                     {manager.get(), samples[1], outputs[1]},
-                                     {manager.get(), samples[2], outputs[2]}}));
+    EXPECT_EQ(queue.runPending(), 3);
+    using D = std::pair<SampleBufferRef, CaptureOutput*>;
+    EXPECT_THAT(delegate->deliveries,
+                ElementsAre(D{a, manager->videoOutput().get()}, D{b, manager->cameraOutput().get()},
+                            D{c, manager->audioOutput().get()}));
     // After the manager went: dropped silently (it is held weakly).
-    factory.videoOutputs()[0]->deliver(videoSample());
+    factory.videoOutputs[0]->deliver(a);
     manager.reset();
-    EXPECT_EQ(recordingQueue().runPending(), 1);
+    EXPECT_EQ(queue.runPending(), 1);
     EXPECT_EQ(delegate->deliveries.size(), 3u);
+}
+
+// Usable first, then built-in, external, virtual; within a category the discovery order.
+TEST(CameraManagerTest, SelectionByUsabilityCategoryAndDiscoveryOrder) {
+    fakes::LogCapture log;
+    fakes::FakeCaptureFactory factory;
+    CameraManager manager{factory};
+    const auto camera = [](std::string name, bool connected = true, bool suspended = false) {
+        return std::make_shared<fakes::FakeCaptureDevice>(name, name, std::vector<CameraFormat>{{1280, 720}},
+                                                          connected, suspended);
+    };
+    auto suspendedBuiltIn = camera("FaceTime HD Camera", true, true), usbA = camera("USB Camera A");
+    auto virtualCam = camera("Lobster Cam"), offBuiltIn = camera("FaceTime HD Camera", false);
+    auto builtIn = camera("Built-in Camera");
+    EXPECT_EQ(manager.selectBestCamera({suspendedBuiltIn, usbA}), usbA);
+    EXPECT_EQ(manager.selectBestCamera({virtualCam, usbA, offBuiltIn, builtIn, camera("USB B")}),
+              builtIn);
+    EXPECT_EQ(manager.selectBestCamera({suspendedBuiltIn, virtualCam}), virtualCam);
+    EXPECT_EQ(manager.selectBestCamera({offBuiltIn, camera("OBS", true, true)}), nullptr);
+}
+
+TEST(CameraManagerTest, FormatChoiceChangesTheFormatOnlyWhileLocked) {
+    using P = CameraOverlayPreset;
+    const struct {
+        P preset;
+        std::vector<CameraFormat> formats;
+        int chosen;  // -1: unchanged
+    } cases[] = {
+        {P::small, {{1280, 720}, {640, 480}}, 1},                  // the preset's size first
+        {P::large, {{320, 240}, {960, 540}, {1280, 720}}, 2},      // then the preference list
+        {P::medium, {{3840, 2160}, {1024, 768}, {800, 600}}, 2},  // then the smallest in limits
+        {P::medium, {{3840, 2160}}, -1},
+        {P::small, {}, -1},
+    };
+    fakes::LogCapture log;
+    fakes::FakeCaptureFactory factory;
+    CameraManager manager{factory};
+    for (const auto& c : cases) {
+        auto device = std::make_shared<fakes::FakeCaptureDevice>("USB", "e", c.formats);
+        manager.configureOptimalFormat(device, c.preset);
+        EXPECT_EQ(device->formatChanges, c.chosen < 0 ? std::vector<int>{} : std::vector{c.chosen});
+    }
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The window layout solver on descriptions shaped like the About window and on broken ones.
+// Guards against: About-window views placed wrongly by the layout solver.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Guards against: wrong bilinear scaling or placement of the overlay, and writes or reads outside buffers the compositor cannot use safely (ASan).
 #include "portable/cpu_image_compositor.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// Guards against: misdecoded editor scripts and near-miss scripts that are run instead of refused with the line at fault.
 #include "portable/system_events_script.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// Guards against: an overlay off its corner, bad timing on composed samples, and out-of-bounds memory access on odd sizes, padding or missing images (ASan).
 #include "composition/video_composer.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Placement of microphone audio on the movie's timeline.
+// Guards against: audio gaps left unfilled and a track running ahead of its timestamps.
 #include <gtest/gtest.h>
 
 #include <chrono>
