@@ -1,4 +1,4 @@
-// Guards against: data races and lost reports when start/stream/stop cycles meet samples from a capture thread, stops racing starts, and starts during the previous finish.
+// Guards against: data races and lost reports when start/stream/stop cycles meet samples from a capture thread and option changes from the menu, stops racing starts, and starts during the previous finish.
 #include <gtest/gtest.h>
 
 #include <future>
@@ -80,6 +80,9 @@ TEST(RecorderConcurrencyTest, CyclesWithSamplesFromAnotherThreadLoseNoReport) {
         world.writers.setConfig({.holdFinish = variant == 0});
         std::vector<std::future<void>> starts;
         ASSERT_TRUE(runOn(main, [&] {
+            // The menu changes the overlay while the recording queue composes with it.
+            recorder->setCameraOverlayPreset(static_cast<CameraOverlayPreset>(cycle % 3));
+            recorder->setCameraPosition(static_cast<CameraPosition>(cycle % 4));
             CancellationToken token;
             starts.push_back(start(token));
             if (variant == 1) token.cancel();

@@ -354,7 +354,6 @@ private:
 
 // How the factory sets up each writer it makes.
 struct FakeWriterConfig {
-    bool canAddVideoInput = true;
     bool canAddAudioInput = true;
     std::optional<PlatformError> startError = std::nullopt;  // startWriting fails with it
     bool holdFinish = false;  // keep the finishWriting completion until releaseFinish()
@@ -372,8 +371,7 @@ public:
         return error_;
     }
     [[nodiscard]] bool canAddInput(const AssetWriterInputRef& input) const override {
-        return input->mediaType() == MediaType::video ? config_.canAddVideoInput
-                                                      : config_.canAddAudioInput;
+        return input->mediaType() == MediaType::video || config_.canAddAudioInput;
     }
     void addInput(AssetWriterInputRef) override {}
     bool startWriting() override {
@@ -495,40 +493,37 @@ public:
 // Settings in memory; a value stored under a key with another type reads as absent.
 class FakeDefaultsStore final : public DefaultsStore {
 public:
-    [[nodiscard]] std::optional<bool> boolForKey(const std::string& key) const override {
-        return get(key, "b:");
-    }
-    void setBool(bool value, const std::string& key) override { put(key, value ? "b:1" : "b:"); }
-    [[nodiscard]] std::optional<std::string> urlForKey(const std::string& key) const override {
-        auto v = get(key, "u:");
-        return v ? std::optional(values_.at(key).substr(2)) : std::nullopt;
-    }
-    void setURL(const std::string& path, const std::string& key) override { put(key, "u:" + path); }
+    std::optional<bool> boolForKey(const std::string& key) const override { return get(bools_, key); }
+    void setBool(bool value, const std::string& key) override { set(bools_, urls_, key, value); }
+    std::optional<std::string> urlForKey(const std::string& key) const override { return get(urls_, key); }
+    void setURL(const std::string& path, const std::string& key) override { set(urls_, bools_, key, path); }
 
 private:
-    std::optional<bool> get(const std::string& key, const std::string& type) const {
+    template <class T>
+    std::optional<T> get(const std::map<std::string, T>& m, const std::string& key) const {
         std::lock_guard lock(mutex_);
-        const auto it = values_.find(key);
-        if (it == values_.end() || !it->second.starts_with(type)) return std::nullopt;
-        return it->second.size() > 2;
+        const auto it = m.find(key);
+        return it == m.end() ? std::nullopt : std::optional(it->second);
     }
-    void put(const std::string& key, std::string value) {
+    template <class T, class U>
+    void set(std::map<std::string, T>& m, std::map<std::string, U>& other, const std::string& key, T v) {
         std::lock_guard lock(mutex_);
-        values_[key] = std::move(value);
+        m[key] = std::move(v);
+        other.erase(key);
     }
     mutable std::mutex mutex_;
-    std::map<std::string, std::string> values_;  // guarded by mutex_; "b:" bool, "u:" URL
+    std::map<std::string, bool> bools_;        // guarded by mutex_
+    std::map<std::string, std::string> urls_;  // guarded by mutex_
 };
 
 // now() is a fixed date that format() turns into a fixed text.
 class FakeDateFormatter final : public DateFormatter {
 public:
-    [[nodiscard]] std::chrono::system_clock::time_point now() const override {
-        return std::chrono::system_clock::time_point(std::chrono::seconds(1741944413));
-    }
-    [[nodiscard]] std::string format(const std::string& pattern,
-                                     std::chrono::system_clock::time_point date) const override {
-        return pattern == "yyyy-MM-dd_HH-mm-ss" && date == now() ? "2025-03-14_09-26-53" : "?";
+    std::chrono::system_clock::time_point now() const override { return kNow; }
+    static constexpr std::chrono::system_clock::time_point kNow{std::chrono::seconds(1741944413)};
+    std::string format(const std::string& pattern,
+                       std::chrono::system_clock::time_point date) const override {
+        return pattern == "yyyy-MM-dd_HH-mm-ss" && date == kNow ? "2025-03-14_09-26-53" : "?";
     }
 };
 
@@ -551,11 +546,11 @@ public:
     void recorderDidFail(const ScreenRecorderError& e) override {
         add({"fail", e.localizedDescription(), e.kind()});
     }
-    [[nodiscard]] std::vector<Report> reports() const {
+    std::vector<Report> reports() const {
         std::lock_guard lock(mutex_);
         return reports_;
     }
-    [[nodiscard]] std::vector<std::string> kinds() const {
+    std::vector<std::string> kinds() const {
         std::vector<std::string> k;
         for (const auto& r : reports()) k.push_back(r.kind);
         return k;

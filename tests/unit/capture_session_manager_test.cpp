@@ -1,10 +1,9 @@
-// Guards against: session changes outside a transaction, outputs added before their delegate, wrong or missing capture errors, leftovers after cleanup, samples delivered off the recording queue, and a bad camera or format choice.
+// Guards against: session changes outside a transaction, outputs added before their delegate, wrong or missing capture errors, leftovers after cleanup.
 #include "capture/capture_session_manager.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "capture/camera_manager.h"
 #include "fakes/fake_dispatch.h"
 #include "fakes/fake_platform.h"
 
@@ -100,82 +99,6 @@ TEST_F(CaptureSessionManagerTest, ScreenSetupFailuresKeepWhatWasAttachedUntilCle
         manager->cleanup();
         EXPECT_TRUE(screen().inputs().empty() && screen().outputs().empty());
         EXPECT_TRUE(holdsNothing());
-    }
-}
-
-class RecordingDelegate final : public CaptureSessionManagerDelegate {
-public:
-    void captureSessionManager(CaptureService&, const SampleBufferRef& sample,
-                               CaptureOutput& output) override {
-        deliveries.emplace_back(sample, &output);
-    }
-    std::vector<std::pair<SampleBufferRef, CaptureOutput*>> deliveries;
-};
-
-TEST_F(CaptureSessionManagerTest, EverySampleReachesTheDelegateOnTheRecordingQueueInOrder) {
-    auto delegate = std::make_shared<RecordingDelegate>();
-    manager->setDelegate(delegate);
-    manager->setupScreenCapture();
-    manager->setupCamera();
-    auto& queue = *dispatch.serialQueues().at(0);
-    EXPECT_EQ(queue.label(), "glimmerbox.recording");
-    const auto a = fakes::videoSample(1, nullptr), b = fakes::videoSample(2, nullptr),
-               c = fakes::audioSample(3);
-    factory.videoOutputs[0]->deliver(a);
-    factory.videoOutputs[1]->deliver(b);
-    factory.audioOutputs[0]->deliver(c);
-    EXPECT_TRUE(delegate->deliveries.empty());  // nothing outside the queue
-    EXPECT_EQ(queue.runPending(), 3);
-    using D = std::pair<SampleBufferRef, CaptureOutput*>;
-    EXPECT_THAT(delegate->deliveries,
-                ElementsAre(D{a, manager->videoOutput().get()}, D{b, manager->cameraOutput().get()},
-                            D{c, manager->audioOutput().get()}));
-    // After the manager went: dropped silently (it is held weakly).
-    factory.videoOutputs[0]->deliver(a);
-    manager.reset();
-    EXPECT_EQ(queue.runPending(), 1);
-    EXPECT_EQ(delegate->deliveries.size(), 3u);
-}
-
-// Usable first, then built-in, external, virtual; within a category the discovery order.
-TEST(CameraManagerTest, SelectionByUsabilityCategoryAndDiscoveryOrder) {
-    fakes::LogCapture log;
-    fakes::FakeCaptureFactory factory;
-    CameraManager manager{factory};
-    const auto camera = [](std::string name, bool connected = true, bool suspended = false) {
-        return std::make_shared<fakes::FakeCaptureDevice>(name, name, std::vector<CameraFormat>{{1280, 720}},
-                                                          connected, suspended);
-    };
-    auto suspendedBuiltIn = camera("FaceTime HD Camera", true, true), usbA = camera("USB Camera A");
-    auto virtualCam = camera("Lobster Cam"), offBuiltIn = camera("FaceTime HD Camera", false);
-    auto builtIn = camera("Built-in Camera");
-    EXPECT_EQ(manager.selectBestCamera({suspendedBuiltIn, usbA}), usbA);
-    EXPECT_EQ(manager.selectBestCamera({virtualCam, usbA, offBuiltIn, builtIn, camera("USB B")}),
-              builtIn);
-    EXPECT_EQ(manager.selectBestCamera({suspendedBuiltIn, virtualCam}), virtualCam);
-    EXPECT_EQ(manager.selectBestCamera({offBuiltIn, camera("OBS", true, true)}), nullptr);
-}
-
-TEST(CameraManagerTest, FormatChoiceChangesTheFormatOnlyWhileLocked) {
-    using P = CameraOverlayPreset;
-    const struct {
-        P preset;
-        std::vector<CameraFormat> formats;
-        int chosen;  // -1: unchanged
-    } cases[] = {
-        {P::small, {{1280, 720}, {640, 480}}, 1},                  // the preset's size first
-        {P::large, {{320, 240}, {960, 540}, {1280, 720}}, 2},      // then the preference list
-        {P::medium, {{3840, 2160}, {1024, 768}, {800, 600}}, 2},  // then the smallest in limits
-        {P::medium, {{3840, 2160}}, -1},
-        {P::small, {}, -1},
-    };
-    fakes::LogCapture log;
-    fakes::FakeCaptureFactory factory;
-    CameraManager manager{factory};
-    for (const auto& c : cases) {
-        auto device = std::make_shared<fakes::FakeCaptureDevice>("USB", "e", c.formats);
-        manager.configureOptimalFormat(device, c.preset);
-        EXPECT_EQ(device->formatChanges, c.chosen < 0 ? std::vector<int>{} : std::vector{c.chosen});
     }
 }
 

@@ -195,18 +195,10 @@ TEST_F(RecorderTest, OutputFileAndWriterSettings) {
     }
     EXPECT_FALSE(std::filesystem::exists(fs.root / "gone"));
 
-    display.setSize(1512.7, 982);
-    const std::pair<VideoQuality, Resolution> cases[] = {{VideoQuality::medium, {1280, 720}},
-                                                         {VideoQuality::high, {1920, 1080}},
-                                                         {VideoQuality::ultra, {2560, 1440}},
-                                                         {VideoQuality::screenResolution, {1512, 982}}};
     defaults.setURL(fs.root.path(), "customSaveLocation");
-    for (const auto& [quality, size] : cases) {
-        (void)files->createAssetWriter(quality);
-        EXPECT_EQ(std::get<VideoOutputSettingsForWriter>(writers.lastInput(MediaType::video)->outputSettings()),
-                  (VideoOutputSettingsForWriter{"avc1", size.width, size.height,
-                                                {2000000, "H264_Main_AutoLevel", "CAVLC"}}));
-    }
+    (void)files->createAssetWriter(VideoQuality::high);
+    EXPECT_EQ(std::get<VideoOutputSettingsForWriter>(writers.lastInput(MediaType::video)->outputSettings()),
+              (VideoOutputSettingsForWriter{"avc1", 1920, 1080, {2000000, "H264_Main_AutoLevel", "CAVLC"}}));
     EXPECT_EQ(std::get<AudioOutputSettingsForWriter>(writers.lastInput(MediaType::audio)->outputSettings()),
               (AudioOutputSettingsForWriter{0x61616320, 2, 44100.0, 128000}));
 }
