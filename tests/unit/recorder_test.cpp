@@ -106,15 +106,26 @@ TEST_F(RecorderTest, PermissionRefusalsEndTheStartBeforeAnythingIsSetUp) {
 }
 
 // Whatever fails while setting up, the user reads the error's text and nothing stays set up.
+// (Each capture error text is here once.)
 TEST(RecorderSetupTest, FailuresReportTheirTextAndCleanUp) {
     const PlatformError noRoom{"Files", 28, "No room"};
+    const auto refuse = [](size_t session, std::string what) {
+        return [=](RecorderWorld& w) { w.session(session).refuse = {what}; };
+    };
     const struct {
         std::function<void(RecorderWorld&)> fault;
-        std::string text;
+        std::string text;  // after "Setup failed: "; empty: "Failed to create video writer"
     } cases[] = {
-        {[](RecorderWorld& w) { w.factory.microphone = nullptr; }, "Setup failed: No microphone found"},
-        {[](RecorderWorld& w) { w.session(1).refuse = {"input video"}; },
-         "Setup failed: Camera setup failed: Cannot add camera input to capture session"},
+        {[](RecorderWorld& w) { w.display.setScreen({}); }, "No display found for screen recording"},
+        {[](RecorderWorld& w) { w.factory.screenCaptureAllowed = false; },
+         "Screen capture is unavailable. Please grant screen recording permission."},
+        {refuse(0, "input video"), "Cannot add screen input to capture session"},
+        {[](RecorderWorld& w) { w.factory.microphone = nullptr; }, "No microphone found"},
+        {[](RecorderWorld& w) { w.factory.microphoneError = PlatformError{"C", 1, "Cannot Record"}; },
+         "Microphone setup failed: Cannot Record"},
+        {refuse(0, "output video"), "Cannot add video output to capture session"},
+        {refuse(0, "output audio"), "Cannot add audio output to capture session"},
+        {refuse(1, "input video"), "Camera setup failed: Cannot add camera input to capture session"},
         {[&](RecorderWorld& w) { w.writers.makeWriterError = noRoom; }, ""},
         {[](RecorderWorld& w) { w.writers.setConfig({.canAddAudioInput = false}); }, ""},
         {[&](RecorderWorld& w) { w.writers.setConfig({.startError = noRoom}); }, ""},
@@ -131,12 +142,13 @@ TEST(RecorderSetupTest, FailuresReportTheirTextAndCleanUp) {
         dispatch.background.runPending();
         const auto reports = w.delegate->reports();
         ASSERT_EQ(reports.size(), 1u);
-        EXPECT_EQ(reports[0].description, c.text.empty() ? "Failed to create video writer" : c.text);
+        EXPECT_EQ(reports[0].description,
+                  c.text.empty() ? "Failed to create video writer" : "Setup failed: " + c.text);
         EXPECT_EQ(reports[0].errorKind,
                   c.text.empty() ? EK::writerCreationFailed : EK::setupFailed);
         EXPECT_FALSE(recorder->isRecording());
         EXPECT_EQ(w.session(0).starts, 0);
-        EXPECT_TRUE(w.session(0).inputs().empty());  // cleaned up
+        EXPECT_TRUE(w.session(0).inputs().empty() && w.session(0).outputs().empty());  // cleaned up
         EXPECT_EQ(w.files->currentOutputURL(), std::nullopt);
     }
 }
