@@ -1,4 +1,4 @@
-// The recorder's platform in memory, around the real engine: capture sessions that journal their
+// The recorder's platform in memory, around the real engine: capture sessions that count their
 // calls and flag overlapping ones, devices, outputs that deliver through their queue like the
 // platform, a writer that records what it was given and can hold or fail its finish, access
 // answers, settings, a fixed date, and real folders in a temporary directory. RecorderWorld wires
@@ -136,13 +136,13 @@ public:
 };
 using FakeAudioDataOutput = FakeDataOutput<AudioDataOutput>;
 
-// Journals every call ("begin", "addInput video", "start", ...); the can-add answers come from
-// `refuse` ("input video", "output audio", ...). Flags changes outside a transaction, outputs
-// added before their delegate, and calls that overlap in time (the capture contract forbids them).
+// The can-add answers come from `refuse` ("input video", "output audio", ...). Counts changes
+// outside a transaction, outputs added before their delegate, and calls that overlap in time (the
+// capture contract forbids them).
 class FakeCaptureSession final : public CaptureSession {
 public:
-    void beginConfiguration() override { note("begin", +1); }
-    void commitConfiguration() override { note("commit", -1); }
+    void beginConfiguration() override { ++open_; }
+    void commitConfiguration() override { --open_; }
     bool canAddInput(const std::shared_ptr<CaptureInput>& in) override {
         return canAdd("input ", in->mediaType());
     }
@@ -171,14 +171,6 @@ public:
     void startRunning() override { run(true); }
     void stopRunning() override { run(false); }
     [[nodiscard]] bool isRunning() const override { return running_; }
-    [[nodiscard]] std::vector<std::string> journal() const {
-        std::lock_guard lock(mutex_);
-        return journal_;
-    }
-    void clearJournal() {
-        std::lock_guard lock(mutex_);
-        journal_.clear();
-    }
 
     std::vector<std::string> refuse;  // set before use
     std::atomic<int> starts{0}, changesOutsideTransaction{0}, outputsWithoutDelegate{0};
@@ -193,13 +185,7 @@ private:
         std::atomic<int>& n_;
         bool overlap;
     };
-    void note(const std::string& entry, int transaction = 0) {
-        std::lock_guard lock(mutex_);
-        journal_.push_back(entry);
-        open_ += transaction;
-    }
     bool canAdd(const std::string& what, MediaType type) {
-        note("canAdd" + what + typeName(type));
         return std::find(refuse.begin(), refuse.end(), what + typeName(type)) == refuse.end();
     }
     template <class T>
@@ -207,9 +193,6 @@ private:
         Scope scope(inCall_);
         if (scope.overlap) overlappingCallSeen = true;
         std::lock_guard lock(mutex_);
-        const bool input = std::is_same_v<T, CaptureInput>;
-        journal_.push_back(std::string(add ? "add" : "remove") + (input ? "Input " : "Output ") +
-                           typeName(item->mediaType()));
         if (add) {
             if (open_ == 0) ++changesOutsideTransaction;
             list.push_back(item);
@@ -220,16 +203,13 @@ private:
     void run(bool start) {
         Scope scope(inCall_);
         if (scope.overlap) overlappingCallSeen = true;
-        note(start ? "start" : "stop");
         running_ = start;
         starts += start;
         if (calls) calls->add(name + (start ? ".startRunning" : ".stopRunning"));
     }
-    std::atomic<int> inCall_{0};
+    std::atomic<int> inCall_{0}, open_{0};
     std::atomic<bool> running_{false};
     mutable std::mutex mutex_;
-    int open_ = 0;                                         // guarded by mutex_
-    std::vector<std::string> journal_;                     // guarded by mutex_
     std::vector<std::shared_ptr<CaptureInput>> inputs_;    // guarded by mutex_
     std::vector<std::shared_ptr<CaptureOutput>> outputs_;  // guarded by mutex_
 };

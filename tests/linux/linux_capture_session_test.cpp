@@ -1,4 +1,4 @@
-// Guards against: sources started or stopped in the wrong order, a failing source that stops the others, samples delivered off the queue or after stop, and a stalled consumer that blocks the capture thread.
+// Guards against: samples delivered after stop, and a stalled consumer that blocks the capture thread instead of frames being dropped and counted.
 #include "linux/capture/linux_capture_session.h"
 
 #include <gmock/gmock.h>
@@ -21,19 +21,14 @@ using ::testing::ElementsAre;
 // that stop() takes, so once stop() returned nothing is delivered any more, as the contract asks.
 class FakeInput final : public CaptureInput, public SourceBackedInput, public CaptureSource {
 public:
-    FakeInput(MediaType type, std::string name, fakes::CallLog& events, bool fails = false)
-        : type_(type), name_(std::move(name)), events_(events), fails_(fails) {}
-    [[nodiscard]] MediaType mediaType() const override { return type_; }
+    [[nodiscard]] MediaType mediaType() const override { return MediaType::video; }
     [[nodiscard]] CaptureSource& captureSource() override { return *this; }
     Result<void> start(Deliver deliver) override {
-        events_.add("start " + name_);
-        if (fails_) return PlatformError{"test", 7, "device is busy"};
         std::lock_guard lock(mutex_);
         deliver_ = std::move(deliver);
         return {};
     }
     void stop() override {
-        events_.add("stop " + name_);
         std::lock_guard lock(mutex_);
         deliver_ = nullptr;
     }
@@ -46,10 +41,6 @@ public:
     }
 
 private:
-    const MediaType type_;
-    const std::string name_;
-    fakes::CallLog& events_;
-    const bool fails_;
     std::mutex mutex_;
     Deliver deliver_;  // guarded by mutex_
 };
@@ -80,34 +71,9 @@ private:
     bool released_ = false;  // guarded by mutex_
 };
 
-TEST(LinuxCaptureSessionTest, StartsInAddingOrderStopsLastFirstAndAFailingSourceStopsNoOther) {
-    fakes::LogCapture log;
-    fakes::CallLog events;
-    auto voice = std::make_shared<FakeInput>(MediaType::audio, "voice", events);
-    {
-        LinuxCaptureSession session;
-        for (auto in : {std::make_shared<FakeInput>(MediaType::video, "screen", events),
-                        std::make_shared<FakeInput>(MediaType::audio, "broken", events, true), voice})
-            session.addInput(in);
-        session.addOutput(std::make_shared<LinuxVideoDataOutput>());
-        session.addOutput(std::make_shared<LinuxAudioDataOutput>());
-        session.startRunning();
-        session.startRunning();  // already running: nothing more
-        session.stopRunning();
-        session.startRunning();
-    }  // destroying a running session stops its sources
-    EXPECT_THAT(events.calls(),
-                ElementsAre("start screen", "start broken", "start voice", "stop voice",
-                            "stop screen", "start screen", "start broken", "start voice",
-                            "stop voice", "stop screen"));
-    EXPECT_EQ(log.count("❌ Audio capture source failed to start: device is busy"), 2u);
-    EXPECT_FALSE(voice->emit(0));
-}
-
 TEST(LinuxCaptureSessionTest, StalledDelegateNeverBlocksTheCaptureThread) {
     fakes::LogCapture log;
-    fakes::CallLog events;
-    auto screen = std::make_shared<FakeInput>(MediaType::video, "screen", events);
+    auto screen = std::make_shared<FakeInput>();
     auto output = std::make_shared<LinuxVideoDataOutput>();
     auto delegate = std::make_shared<StuckDelegate>();
     output->setSampleBufferDelegate(delegate, std::make_shared<ThreadSerialQueue>("glimmerbox.recording"));

@@ -1,4 +1,4 @@
-// Guards against: lost or misplaced samples, a start that fails without its error or leaves things set up, overlapping recordings, a finish failure that goes unreported, and bad output files and writer settings.
+// Guards against: lost or misplaced samples, capture sessions changed outside a transaction or left set up, a start that fails without its error or leaves things set up, overlapping recordings, a finish failure that goes unreported, and bad output files and writer settings.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -44,7 +44,7 @@ protected:
         EXPECT_EQ(reports[0].description, description);
         EXPECT_EQ(reports[0].errorKind, EK::permissionDenied);
         EXPECT_FALSE(recorder->isRecording());
-        EXPECT_TRUE(session(0).journal().empty());
+        EXPECT_TRUE(session(0).inputs().empty());
     }
     LogCapture log;
     std::unique_ptr<FakeDispatch> dispatch;
@@ -55,7 +55,10 @@ TEST_F(RecorderTest, WholeRecordingComposesTheCameraOverTheScreen) {
     start();
     ASSERT_EQ(delegate->kinds(), Strings{"start"});
     EXPECT_EQ(access.requests, (std::vector<MediaType>{MediaType::audio, MediaType::video}));
-    EXPECT_EQ(session(0).starts + session(1).starts, 2);
+    for (size_t i : {0, 1}) {  // each set up in one transaction, delegates before outputs
+        EXPECT_EQ(session(i).starts, 1);
+        EXPECT_EQ(session(i).changesOutsideTransaction + session(i).outputsWithoutDelegate, 0);
+    }
     auto screenOut = factory.videoOutputs.at(0), cameraOut = factory.videoOutputs.at(1);
     auto audioOut = factory.audioOutputs.at(0);  // made by the first recorder
     // Audio first: it fixes the timeline. A frame without an image repeats the last screen image.
@@ -80,8 +83,8 @@ TEST_F(RecorderTest, WholeRecordingComposesTheCameraOverTheScreen) {
     EXPECT_FALSE(recorder->isRecording());
     EXPECT_EQ(delegate->kinds(), (Strings{"start", "stop " + folder() + "/" + kFile}));
     EXPECT_TRUE(std::filesystem::exists(folder() + "/" + kFile));
-    EXPECT_FALSE(session(0).isRunning());
-    EXPECT_TRUE(session(0).outputs().empty());
+    for (size_t i : {0, 1})
+        EXPECT_TRUE(!session(i).isRunning() && session(i).inputs().empty() && session(i).outputs().empty());
     EXPECT_EQ(writers.lastInput(MediaType::video)->appendsAfterFinish, 0);
 }
 
