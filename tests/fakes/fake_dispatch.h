@@ -1,5 +1,5 @@
 // Deterministic dispatch: queues that run only when the test drains them, and a sleeper that
-// records the requested pauses and advances a fake clock instead of sleeping.
+// returns at once (unless cancelled) instead of sleeping.
 #pragma once
 
 #include <chrono>
@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/dispatch.h"
@@ -24,63 +25,39 @@ public:
     }
     [[nodiscard]] std::string label() const override { return label_; }
     [[nodiscard]] bool isCurrent() const override { return current() == this; }
-    bool runOne() {
-        std::function<void()> work;
-        {
-            std::lock_guard lock(mutex_);
-            if (pending_.empty()) return false;
-            work = std::move(pending_.front());
-            pending_.pop_front();
-        }
-        const ManualQueue* previous = std::exchange(current(), this);
-        work();
-        current() = previous;
-        return true;
-    }
     // Runs closures, including ones submitted meanwhile, until none is left; how many ran.
     int runPending() {
         int n = 0;
-        while (runOne()) ++n;
+        for (std::function<void()> work; take(work); ++n) {
+            const ManualQueue* previous = std::exchange(current(), this);
+            work();
+            current() = previous;
+        }
         return n;
-    }
-    [[nodiscard]] size_t pendingCount() const {
-        std::lock_guard lock(mutex_);
-        return pending_.size();
     }
 
 private:
+    bool take(std::function<void()>& work) {
+        std::lock_guard lock(mutex_);
+        if (pending_.empty()) return false;
+        work = std::move(pending_.front());
+        pending_.pop_front();
+        return true;
+    }
     static const ManualQueue*& current() {
         thread_local const ManualQueue* q = nullptr;
         return q;
     }
     const std::string label_;
-    mutable std::mutex mutex_;
+    std::mutex mutex_;
     std::deque<std::function<void()>> pending_;  // guarded by mutex_
 };
 
 class FakeSleeper final : public Sleeper {
 public:
-    bool sleep(std::chrono::nanoseconds duration, const CancellationToken& token) override {
-        if (token.isCancelled()) return false;
-        std::lock_guard lock(mutex_);
-        sleeps_.push_back(duration);
-        now_ += duration;
-        return true;
+    bool sleep(std::chrono::nanoseconds, const CancellationToken& token) override {
+        return !token.isCancelled();
     }
-    [[nodiscard]] std::vector<std::chrono::nanoseconds> sleeps() const {
-        std::lock_guard lock(mutex_);
-        return sleeps_;
-    }
-    // The sum of all completed sleeps.
-    [[nodiscard]] std::chrono::nanoseconds now() const {
-        std::lock_guard lock(mutex_);
-        return now_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<std::chrono::nanoseconds> sleeps_;  // guarded by mutex_
-    std::chrono::nanoseconds now_{0};               // guarded by mutex_
 };
 
 // Main queue, background executor and every serial queue made here are ManualQueues.
@@ -90,30 +67,27 @@ public:
     Executor& backgroundExecutor() override { return background; }
     std::shared_ptr<SerialQueue> makeSerialQueue(const std::string& label,
                                                  QualityOfService) override {
-        auto q = std::make_shared<ManualQueue>(label);
         std::lock_guard lock(mutex_);
-        queues_.push_back(q);
-        return q;
+        return queues_.emplace_back(std::make_shared<ManualQueue>(label));
     }
-    Sleeper& sleeper() override { return sleeperImpl; }
-    [[nodiscard]] std::vector<std::shared_ptr<ManualQueue>> serialQueues() const {
-        std::lock_guard lock(mutex_);
-        return queues_;
-    }
+    Sleeper& sleeper() override { return sleeper_; }
     // Drains every queue until all are empty.
     void runAll() {
         for (int ran = 1; ran != 0;) {
             ran = background.runPending() + main.runPending();
-            for (auto& q : serialQueues()) ran += q->runPending();
+            std::unique_lock lock(mutex_);
+            const auto queues = queues_;
+            lock.unlock();
+            for (auto& q : queues) ran += q->runPending();
         }
     }
 
     ManualQueue main{"main"};
     ManualQueue background{"background"};
-    FakeSleeper sleeperImpl;
 
 private:
-    mutable std::mutex mutex_;
+    FakeSleeper sleeper_;
+    std::mutex mutex_;
     std::vector<std::shared_ptr<ManualQueue>> queues_;  // guarded by mutex_
 };
 
