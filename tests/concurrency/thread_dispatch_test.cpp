@@ -1,4 +1,4 @@
-// The threaded dispatch that the program runs on: a queue released by its own last closure.
+// Guards against: a queue that deadlocks or crashes when its own last closure releases it.
 #include "portable/thread_dispatch.h"
 
 #include <gtest/gtest.h>

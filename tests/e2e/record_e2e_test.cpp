@@ -1,5 +1,4 @@
-// `glimmerbox record` end to end: the real binary on a private Xvfb display with a private
-// PulseAudio null sink as the microphone; the files are checked with ffprobe and ffmpeg.
+// Guards against: `glimmerbox record` on the real binary (private Xvfb and PulseAudio) producing wrong codecs, sizes, durations, permissions, letterboxing or silence, an unplayable killed recording, missing texts for a missing microphone or display or a bad option, and audio drifting from video over ten minutes.
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>

@@ -1,12 +1,4 @@
-// The tray application end to end: the real binary in a desktop session of its own (Xvfb, the
-// openbox window manager, the trayer tray host, a D-Bus session bus with the dunst notification
-// server and a dbus-monitor listening to it, a PulseAudio null sink as the microphone), driven
-// with xdotool like a user would: click the tray icon, click menu entries, type into dialogs.
-//
-// The program runs with GLIMMERBOX_DEBUG_UI, so its log tells the menus it installs, where an
-// open menu's entries are on screen and which alerts it shows; the tests click by those
-// positions and read the menu from those lines. A screenshot of the open menu is kept in
-// <build>/artifacts/tray-menu.png.
+// Guards against: the tray program on the real binary in a desktop session of its own (Xvfb, openbox, trayer, dunst, D-Bus, PulseAudio, driven with xdotool) recording, notifying, alerting on a failed start, automating the editor, keeping the chosen folder across a restart, refusing a second launch and waiting for a tray host. Its log (GLIMMERBOX_DEBUG_UI) tells the menus and where their entries are; screenshots go to <build>/artifacts.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>

@@ -1,5 +1,5 @@
-// Deterministic dispatch for unit tests: queues that run only when the test drains them, and a
-// sleeper that records the requested durations and advances a fake clock instead of sleeping.
+// Deterministic dispatch: queues that run only when the test drains them, and a sleeper that
+// returns at once (unless cancelled) instead of sleeping.
 #pragma once
 
 #include <chrono>
@@ -8,89 +8,56 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "fakes/locked.h"
 #include "platform/dispatch.h"
 
 namespace gb::fakes {
 
-// A serial queue that runs its closures only when drained. Safe to submit from any thread.
+// Safe to submit from any thread.
 class ManualQueue final : public SerialQueue {
 public:
     explicit ManualQueue(std::string label) : label_(std::move(label)) {}
-
     void async(std::function<void()> work) override {
         std::lock_guard lock(mutex_);
         pending_.push_back(std::move(work));
     }
     [[nodiscard]] std::string label() const override { return label_; }
     [[nodiscard]] bool isCurrent() const override { return current() == this; }
-
-    // Runs one closure; false when there was none.
-    bool runOne() {
-        std::function<void()> work;
-        {
-            std::lock_guard lock(mutex_);
-            if (pending_.empty()) return false;
-            work = std::move(pending_.front());
-            pending_.pop_front();
-        }
-        const ManualQueue* previous = current();
-        current() = this;
-        work();
-        current() = previous;
-        return true;
-    }
-    // Runs closures, including ones submitted meanwhile, until none is left. Returns how many ran.
+    // Runs closures, including ones submitted meanwhile, until none is left; how many ran.
     int runPending() {
         int n = 0;
-        while (runOne()) ++n;
+        for (std::function<void()> work; take(work); ++n) {
+            const ManualQueue* previous = std::exchange(current(), this);
+            work();
+            current() = previous;
+        }
         return n;
-    }
-    [[nodiscard]] size_t pendingCount() const {
-        std::lock_guard lock(mutex_);
-        return pending_.size();
     }
 
 private:
+    bool take(std::function<void()>& work) {
+        std::lock_guard lock(mutex_);
+        if (pending_.empty()) return false;
+        work = std::move(pending_.front());
+        pending_.pop_front();
+        return true;
+    }
     static const ManualQueue*& current() {
         thread_local const ManualQueue* q = nullptr;
         return q;
     }
     const std::string label_;
-    mutable std::mutex mutex_;
+    std::mutex mutex_;
     std::deque<std::function<void()>> pending_;  // guarded by mutex_
 };
 
-// Records every sleep and advances `now` by its duration; a cancelled token ends it at once.
 class FakeSleeper final : public Sleeper {
 public:
-    bool sleep(std::chrono::nanoseconds duration, const CancellationToken& token) override {
-        std::function<void()> hook;
-        {
-            std::lock_guard lock(mutex_);
-            sleeps_.push_back(duration);
-            hook = onSleep_;
-        }
-        if (hook) hook();  // lets a test act "during" the pause
-        if (token.isCancelled()) return false;
-        std::lock_guard lock(mutex_);
-        now_ += duration;
-        return true;
+    bool sleep(std::chrono::nanoseconds, const CancellationToken& token) override {
+        return !token.isCancelled();
     }
-    void setOnSleep(std::function<void()> hook) { lockedSet(mutex_, onSleep_, std::move(hook)); }
-    [[nodiscard]] std::vector<std::chrono::nanoseconds> sleeps() const {
-        return lockedCopy(mutex_, sleeps_);
-    }
-    // Fake time: the sum of all completed sleeps.
-    [[nodiscard]] std::chrono::nanoseconds now() const { return lockedCopy(mutex_, now_); }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<std::chrono::nanoseconds> sleeps_;  // guarded by mutex_
-    std::chrono::nanoseconds now_{0};               // guarded by mutex_
-    std::function<void()> onSleep_;                 // guarded by mutex_
 };
 
 // Main queue, background executor and every serial queue made here are ManualQueues.
@@ -99,40 +66,29 @@ public:
     SerialQueue& mainQueue() override { return main; }
     Executor& backgroundExecutor() override { return background; }
     std::shared_ptr<SerialQueue> makeSerialQueue(const std::string& label,
-                                                 QualityOfService qos) override {
-        auto q = std::make_shared<ManualQueue>(label);
+                                                 QualityOfService) override {
         std::lock_guard lock(mutex_);
-        queues_.push_back(q);
-        qualities_.push_back(qos);
-        return q;
+        return queues_.emplace_back(std::make_shared<ManualQueue>(label));
     }
-    Sleeper& sleeper() override { return sleeperImpl; }
-
-    // The serial queues made so far, in creation order.
-    [[nodiscard]] std::vector<std::shared_ptr<ManualQueue>> serialQueues() const {
-        return lockedCopy(mutex_, queues_);
-    }
-    [[nodiscard]] std::vector<QualityOfService> serialQueueQualities() const {
-        return lockedCopy(mutex_, qualities_);
-    }
+    Sleeper& sleeper() override { return sleeper_; }
     // Drains every queue until all are empty.
     void runAll() {
-        for (;;) {
-            int ran = background.runPending();
-            for (auto& q : serialQueues()) ran += q->runPending();
-            ran += main.runPending();
-            if (ran == 0) return;
+        for (int ran = 1; ran != 0;) {
+            ran = background.runPending() + main.runPending();
+            std::unique_lock lock(mutex_);
+            const auto queues = queues_;
+            lock.unlock();
+            for (auto& q : queues) ran += q->runPending();
         }
     }
 
     ManualQueue main{"main"};
     ManualQueue background{"background"};
-    FakeSleeper sleeperImpl;
 
 private:
-    mutable std::mutex mutex_;
+    FakeSleeper sleeper_;
+    std::mutex mutex_;
     std::vector<std::shared_ptr<ManualQueue>> queues_;  // guarded by mutex_
-    std::vector<QualityOfService> qualities_;           // guarded by mutex_
 };
 
 }  // namespace gb::fakes

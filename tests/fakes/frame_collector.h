@@ -1,17 +1,15 @@
-// What a capture source delivered: counts, stamps and the buffers' addresses, with the last
-// sample kept (or every sample, as a consumer that never lets go would), and waits for arrivals.
-// Also reaches the source behind a capture input. Thread-safe.
+// What a capture source delivered: the count, the last sample (or every sample, as a consumer that
+// never lets go would) and the buffers' addresses; waits for arrivals. Also reaches the source
+// behind a capture input. Thread-safe.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <set>
 #include <vector>
 
-#include "fakes/locked.h"
 #include "linux/capture/capture_source.h"
 #include "platform/media.h"
 
@@ -24,19 +22,13 @@ inline linuxp::CaptureSource& sourceOf(const std::shared_ptr<CaptureInput>& inpu
 class FrameCollector {
 public:
     explicit FrameCollector(bool holdAll = false) : holdAll_(holdAll) {}
-
     std::function<void(const SampleBufferRef&)> deliver() {
         return [this](const SampleBufferRef& sample) {
-            {
-                std::lock_guard lock(mutex_);
-                ++count_;
-                if (sample && sample->imageBuffer()) {
-                    addresses_.insert(sample->imageBuffer()->baseAddress());
-                }
-                times_.push_back(sample ? sample->presentationTime().nanoseconds() : 0);
-                if (holdAll_) held_.push_back(sample);
-                last_ = sample;
-            }
+            std::lock_guard lock(mutex_);
+            if (sample->imageBuffer()) addresses_.insert(sample->imageBuffer()->baseAddress());
+            if (holdAll_) held_.push_back(sample);
+            last_ = sample;
+            ++count_;
             changed_.notify_all();
         };
     }
@@ -44,17 +36,11 @@ public:
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] { return count_ >= n; });
     }
-    [[nodiscard]] size_t count() const { return lockedCopy(mutex_, count_); }
-    [[nodiscard]] SampleBufferRef last() const { return lockedCopy(mutex_, last_); }
-    [[nodiscard]] std::vector<SampleBufferRef> held() const { return lockedCopy(mutex_, held_); }
-    [[nodiscard]] std::vector<int64_t> timesNanoseconds() const {
-        return lockedCopy(mutex_, times_);
-    }
-    [[nodiscard]] size_t distinctAddresses() const {
-        std::lock_guard lock(mutex_);
-        return addresses_.size();
-    }
-    // Lets go of every sample kept so far.
+    [[nodiscard]] size_t count() const { return get(count_); }
+    [[nodiscard]] SampleBufferRef last() const { return get(last_); }
+    [[nodiscard]] std::vector<SampleBufferRef> held() const { return get(held_); }
+    [[nodiscard]] size_t distinctAddresses() const { return get(addresses_).size(); }
+    // Lets go of every sample (the last one too).
     void release() {
         std::lock_guard lock(mutex_);
         held_.clear();
@@ -62,13 +48,17 @@ public:
     }
 
 private:
+    template <class T>
+    T get(const T& field) const {
+        std::lock_guard lock(mutex_);
+        return field;
+    }
     const bool holdAll_;
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    size_t count_ = 0;                    // guarded by mutex_
-    std::vector<SampleBufferRef> held_;   // guarded by mutex_
-    SampleBufferRef last_;                // guarded by mutex_
-    std::vector<int64_t> times_;          // guarded by mutex_
+    size_t count_ = 0;                     // guarded by mutex_
+    SampleBufferRef last_;                 // guarded by mutex_
+    std::vector<SampleBufferRef> held_;    // guarded by mutex_
     std::set<const uint8_t*> addresses_;  // guarded by mutex_
 };
 

@@ -1,4 +1,4 @@
-// Folders, settings and dates, in a temporary home (the user's own files are never touched).
+// Guards against: a damaged or unwritable settings file that loses settings silently or stops the program, and file-name stamps in the wrong time zone.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -20,11 +20,6 @@ namespace {
 using fakes::LogCapture;
 using ::testing::HasSubstr;
 using ::testing::Not;
-
-unsigned modeOf(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
-}
 
 void writeFile(const std::string& path, const std::string& content) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
@@ -50,87 +45,7 @@ protected:
 
     fakes::TempDirectory dir;
     fakes::ScopedEnvironment env;
-    XdgFileSystem files;
 };
-
-TEST_F(TemporaryHomeTest, DocumentsFolderFromTheEnvironmentTheUserDirsFileOrTheHome) {
-    EXPECT_EQ(files.documentsDirectory(), home() + "/Documents");
-    writeFile(home() + "/.config/user-dirs.dirs",
-              "# written by xdg-user-dirs-update\nXDG_DESKTOP_DIR=\"$HOME/Desktop\"\n"
-              "XDG_DOCUMENTS_DIR=\"$HOME/first\"\n"
-              "  XDG_DOCUMENTS_DIR=\"$HOME/My \\\"Docs\\\" \\$x\"\n");
-    EXPECT_EQ(files.documentsDirectory(), home() + "/My \"Docs\" $x");  // the last one counts
-
-    writeFile(dir / "config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"/srv/shared docs\"\n");
-    env.set("XDG_CONFIG_HOME", dir / "config");
-    EXPECT_EQ(files.documentsDirectory(), "/srv/shared docs");
-    env.set("XDG_DOCUMENTS_DIR", "$HOME/from-environment");
-    EXPECT_EQ(files.documentsDirectory(), home() + "/from-environment");
-}
-
-TEST_F(TemporaryHomeTest, FoldersArePrivateWhateverTheUmaskAndFailuresSayWhy) {
-    const mode_t previous = ::umask(0277);  // would leave new folders unwritable
-    const std::string leaf = home() + "/Documents/Glimmerbox Recordings/nested";
-    const auto created = files.createDirectory(leaf, true);
-    ::umask(previous);
-    ASSERT_TRUE(created.ok()) << created.error().textualForm();
-    for (const auto& path :
-         {home() + "/Documents", home() + "/Documents/Glimmerbox Recordings", leaf})
-        EXPECT_EQ(modeOf(path), 0700u) << path;
-    EXPECT_TRUE(files.createDirectory(leaf + "/", true).ok());  // an existing one is success
-    writeFile(home() + "/Movies", "a file where the folder should be");
-    const auto underFile = files.createDirectory(home() + "/Movies/Glimmerbox Recordings", true);
-    ASSERT_FALSE(underFile.ok());
-    EXPECT_EQ(underFile.error().textualForm(),
-              "Error Domain=POSIX Code=" + std::to_string(ENOTDIR) + " \"Not a directory\"");
-}
-
-TEST_F(TemporaryHomeTest, SettingsSurviveARestartInTheXdgConfigFolderAndNeedOne) {
-    const std::string folder = home() + "/Movies/Talks #1 & 100%";
-    {
-        QSettingsDefaultsStore store;
-        EXPECT_EQ(store.boolForKey("vsCodeAutomationEnabled"), std::nullopt);
-        EXPECT_EQ(store.urlForKey("customSaveLocation"), std::nullopt);
-        store.setBool(true, "vsCodeAutomationEnabled");
-        store.setURL(folder, "customSaveLocation");
-    }
-    QSettingsDefaultsStore restarted;
-    EXPECT_EQ(restarted.boolForKey("vsCodeAutomationEnabled"), true);
-    EXPECT_EQ(restarted.urlForKey("customSaveLocation"), folder);
-
-    LogCapture logs;
-    restarted.setURL("relative/folder", "customSaveLocation");
-    EXPECT_EQ(restarted.urlForKey("customSaveLocation"), folder);
-    ASSERT_EQ(logs.lines().size(), 1u);
-    EXPECT_THAT(logs.lines()[0], HasSubstr("is not an absolute path"));
-    logs.clear();
-
-    env.unset("HOME");
-    EXPECT_EQ(QSettingsDefaultsStore::defaultFilePath(), std::nullopt);
-
-    // With nowhere to keep them, settings read as absent and a write says why it failed.
-    QSettingsDefaultsStore nowhere;
-    nowhere.setBool(true, "vsCodeAutomationEnabled");
-    EXPECT_EQ(nowhere.boolForKey("vsCodeAutomationEnabled"), std::nullopt);
-    ASSERT_EQ(logs.lines().size(), 1u);
-    EXPECT_THAT(logs.lines()[0],
-                ::testing::StartsWith("❌ Failed to save setting vsCodeAutomationEnabled"));
-}
-
-TEST_F(TemporaryHomeTest, SettingsOfTheWrongFormReadAsAbsent) {
-    writeFile(settingsFile(),
-              "[General]\nbanana=banana\nfive=5\none=1\nno=false\nrelative=some/folder\n"
-              "absolute=/srv/recordings\nurl=file:///srv/my%20recordings\n"
-              "web=https://example.com/recordings\nremote=file://fileserver/recordings\n");
-    QSettingsDefaultsStore store;
-    for (const char* key : {"banana", "five"}) EXPECT_EQ(store.boolForKey(key), std::nullopt);
-    EXPECT_EQ(store.boolForKey("one"), true);
-    EXPECT_EQ(store.boolForKey("no"), false);
-    for (const char* key : {"relative", "web", "remote"})
-        EXPECT_EQ(store.urlForKey(key), std::nullopt) << key;
-    EXPECT_EQ(store.urlForKey("absolute"), "/srv/recordings");
-    EXPECT_EQ(store.urlForKey("url"), "/srv/my recordings");
-}
 
 TEST_F(TemporaryHomeTest, ADamagedSettingsFileIsKeptAsideAndAnUnwritableOneReported) {
     const std::string file = settingsFile();

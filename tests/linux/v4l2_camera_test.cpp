@@ -1,4 +1,4 @@
-// V4L2 cameras through a fake device world (tests/fakes/fake_v4l2.h).
+// Guards against: a busy camera that is not reported as in use, corrupt MJPEG frames that stall or crash the capture, and a camera that vanishes mid-recording hanging the stream or leaking handles.
 #include "linux/v4l2/v4l2_camera.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +21,6 @@
 namespace gb::linuxp {
 namespace {
 
-using fakes::FakeFrameSize;
 using fakes::FakePixelFormat;
 using fakes::FakeV4l2;
 using fakes::FakeV4l2Node;
@@ -33,35 +32,8 @@ constexpr const char* kPath = "/dev/video0";
 struct Rgb {
     int r, g, b;
 };
-constexpr Rgb kRed{255, 0, 0};
-constexpr Rgb kBlue{0, 0, 255};
 constexpr Rgb kGreen{0, 255, 0};
 constexpr Rgb kMagenta{255, 0, 255};
-
-// BT.601 video-range Y, U, V, as webcams send raw YUV.
-std::array<int, 3> yuv(Rgb c) {
-    const auto v = [](double x) {
-        return static_cast<int>(std::lround(std::clamp(x, 0.0, 255.0)));
-    };
-    return {v(16 + 0.257 * c.r + 0.504 * c.g + 0.098 * c.b),
-            v(128 - 0.148 * c.r - 0.291 * c.g + 0.439 * c.b),
-            v(128 + 0.439 * c.r - 0.368 * c.g - 0.071 * c.b)};
-}
-
-// Left half one colour, right half another; `stride` may exceed 2 * width.
-std::vector<uint8_t> yuyvHalves(int width, int height, size_t stride, Rgb left, Rgb right) {
-    std::vector<uint8_t> frame(stride * static_cast<size_t>(height), 0);
-    for (int row = 0; row < height; ++row) {
-        for (int x = 0; x < width; x += 2) {
-            const auto [y, u, v] = yuv(x < width / 2 ? left : right);
-            uint8_t* p = frame.data() + row * stride + static_cast<size_t>(x) * 2;
-            p[0] = p[2] = static_cast<uint8_t>(y);
-            p[1] = static_cast<uint8_t>(u);
-            p[3] = static_cast<uint8_t>(v);
-        }
-    }
-    return frame;
-}
 
 // A 64x48 Motion JPEG frame (4:2:2, as webcams send), left half green, right half magenta.
 std::vector<uint8_t> greenMagentaJpeg() {
@@ -89,37 +61,18 @@ void expectHalves(const PixelBuffer& image, Rgb left, Rgb right, int tolerance) 
     }
 }
 
-// YUYV at 640x480 and 1280x720, H.264 at 1080p, MJPEG at 720p, 1080p and 320x240; set to 720p.
-FakeV4l2Node webcam(std::string path = kPath, int openErrno = 0,
-                    uint32_t caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING) {
-    FakeV4l2Node node{.path = std::move(path), .deviceCaps = caps, .openErrno = openErrno};
-    node.formats = {
-        FakePixelFormat{V4L2_PIX_FMT_YUYV,
-                        {FakeFrameSize::discrete(640, 480), FakeFrameSize::discrete(1280, 720)}},
-        FakePixelFormat{V4L2_PIX_FMT_H264, {FakeFrameSize::discrete(1920, 1080)}},
-        FakePixelFormat{V4L2_PIX_FMT_MJPEG,
-                        {FakeFrameSize::discrete(1280, 720), FakeFrameSize::discrete(1920, 1080),
-                         FakeFrameSize::discrete(320, 240)}},
-    };
-    node.currentWidth = 1280;
-    node.currentHeight = 720;
-    return node;
-}
-
 // A camera that streams one format at one size.
 FakeV4l2Node smallCamera(uint32_t fourcc, uint32_t width, uint32_t height,
                          std::string path = kPath) {
     FakeV4l2Node node;
     node.path = std::move(path);
     node.card = "Small Cam";
-    node.formats = {{fourcc, {FakeFrameSize::discrete(width, height)}}};
+    node.formats = {{fourcc, {fakes::FakeFrameSize::discrete(width, height)}}};
     node.currentFourcc = fourcc;
     node.currentWidth = width;
     node.currentHeight = height;
     return node;
 }
-
-using Sizes = std::vector<CameraFormat>;
 
 // One camera node in a fake device world, and the capture source of its input.
 class V4l2CaptureTest : public ::testing::Test {
@@ -145,38 +98,9 @@ protected:
     std::shared_ptr<CaptureInput> input;
 };
 
-TEST(V4l2CameraDiscovery, ListsCaptureNodesInDeviceOrderWithTheirConvertibleSizesAndIdentifiers) {
-    LogCapture log;
-    FakeV4l2 fake;
-    fake.addNode(webcam());
-    fake.addNode(webcam("/dev/video1", 0, V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING));
-    FakeV4l2Node stepwise = smallCamera(V4L2_PIX_FMT_MJPEG, 640, 480, "/dev/video4");
-    stepwise.formats[0].sizes = {{V4L2_FRMSIZE_TYPE_STEPWISE, {160, 1920, 16, 120, 1080, 8}}};
-    stepwise.card = "Desk Cam";
-    stepwise.busInfo = "usb-0000:00:14.0-3";
-    fake.addNode(stepwise);
-    fake.addLink("usb-Acme_HD_Webcam_0001-video-index0", "/dev/video0");
-    fake.addLink("usb-Acme_HD_Webcam_0001-video-index1", "/dev/video1");
-    const auto cameras = discoverV4l2Cameras(fake);
-    ASSERT_EQ(cameras.size(), 2U);
-    const CameraDeviceInfo info = cameras[0]->info();
-    EXPECT_EQ(info.localizedName, "HD Webcam");
-    EXPECT_EQ(info.uniqueID, "usb-Acme_HD_Webcam_0001-video-index0");
-    EXPECT_TRUE(info.connected && !info.suspended);
-    // H.264 is skipped; 1280x720 appears once although two formats offer it.
-    EXPECT_EQ(info.formats, (Sizes{{640, 480}, {1280, 720}, {1920, 1080}, {320, 240}}));
-    EXPECT_EQ(info.activeFormatIndex, 1);  // VIDIOC_G_FMT says 1280x720
-    // Without a by-id link: bus and card. Ranges offer the common sizes that fit (960x540 is
-    // off the 8-line step from 120).
-    EXPECT_EQ(cameras[1]->info().uniqueID, "usb-0000:00:14.0-3/Desk Cam");
-    EXPECT_EQ(cameras[1]->info().formats,
-              (Sizes{{320, 240}, {640, 480}, {1280, 720}, {1920, 1080}}));
-    EXPECT_EQ(cameras[1]->info().activeFormatIndex, 1);
-    EXPECT_EQ(fake.openHandles(), 0U);
-}
-
 TEST_F(V4l2CaptureTest, DeviceHeldByAnotherProgramIsSuspendedAndRefusesTheLockAndTheStart) {
-    FakeV4l2Node node = webcam();
+    FakeV4l2Node node = smallCamera(V4L2_PIX_FMT_MJPEG, 64, 48);
+    node.card = "HD Webcam";
     node.busy = true;
     CaptureSource* source = capture(node);
     ASSERT_NE(source, nullptr);
@@ -198,40 +122,6 @@ TEST_F(V4l2CaptureTest, DeviceHeldByAnotherProgramIsSuspendedAndRefusesTheLockAn
     EXPECT_TRUE(camera->lockForConfiguration().ok());
     camera->unlockForConfiguration();
     source->stop();
-}
-
-TEST_F(V4l2CaptureTest, YuyvFramesArriveAsStampedBgraAndDropWhileEveryPoolSlotIsHeld) {
-    FakeV4l2Node node = smallCamera(V4L2_PIX_FMT_YUYV, 64, 32);
-    node.bytesPerLinePadding = 32;  // rows wider than the picture
-    CaptureSource* source = capture(node);
-    ASSERT_NE(source, nullptr);
-    const auto frame = yuyvHalves(64, 32, 64 * 2 + 32, kRed, kBlue);
-    FrameCollector slowConsumer(/*holdAll=*/true);
-    ASSERT_TRUE(source->start(slowConsumer.deliver()).ok());
-    push(std::vector<uint8_t>(frame.begin(), frame.begin() + frame.size() / 2));  // truncated
-    const int64_t before = monotonicNanoseconds();
-    push(frame);
-    ASSERT_TRUE(slowConsumer.waitForCount(1));
-    const int64_t after = monotonicNanoseconds();
-    for (int i = 0; i < 6; ++i) push(frame);
-    // The capture thread waits on an idle camera; dropping the input stops it at once.
-    const auto begin = std::chrono::steady_clock::now();
-    input.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
-    EXPECT_EQ(log.count("📷 Camera Small Cam: 4 frames delivered, 3 dropped (no free buffer), "
-                        "1 unreadable"),
-              1U);
-    const auto held = slowConsumer.held();
-    ASSERT_EQ(held.size(), 4U);  // the pool's slots
-    EXPECT_EQ(slowConsumer.distinctAddresses(), 4U);
-    EXPECT_GE(held[0]->presentationTime().nanoseconds(), before);
-    EXPECT_LE(held[0]->presentationTime().nanoseconds(), after);
-    const PixelBuffer& image = *held[0]->imageBuffer();  // outlives its source and its pool
-    EXPECT_TRUE(image.width() == 64 && image.height() == 32);
-    EXPECT_EQ(image.pixelFormat(), kPixelFormatBGRA);
-    expectHalves(image, kRed, kBlue, 6);
-    slowConsumer.release();
-    EXPECT_EQ(fake.openHandles(), 0U);
 }
 
 TEST_F(V4l2CaptureTest, MjpegIsDecodedCorruptFramesCountedAndAVanishedCameraEndsTheStream) {

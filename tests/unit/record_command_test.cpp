@@ -1,31 +1,16 @@
+// Guards against: bad option values accepted or refused without the reason, and overflowing or undefined screen-size conversions.
 #include "app/record_command.h"
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
+
+#include "fakes/fake_platform.h"
+#include "recording/options.h"
+
 namespace gb {
 namespace {
-
-RecordCommandOptions parsed(std::vector<std::string> args) {
-    auto r = parseRecordCommand(args);
-    EXPECT_TRUE(r.options.has_value()) << r.error;
-    return r.options.value_or(RecordCommandOptions{});
-}
-
-TEST(RecordCommandTest, EveryOptionInBothSpellings) {
-    auto o =
-        parsed({"--duration", "2.5", "--quality=screen", "--no-camera", "--camera-size", "large",
-                "--camera-position=top-left", "--output", "/tmp/x", "--test-camera", "--vscode"});
-    EXPECT_DOUBLE_EQ(*o.durationSeconds, 2.5);
-    EXPECT_EQ(*o.quality, VideoQuality::screenResolution);
-    EXPECT_FALSE(o.cameraOverlay);
-    EXPECT_EQ(*o.cameraSize, CameraOverlayPreset::large);
-    EXPECT_EQ(*o.cameraPosition, CameraPosition::topLeft);
-    EXPECT_EQ(*o.outputDirectory, "/tmp/x");
-    EXPECT_TRUE(o.testCamera);
-    EXPECT_TRUE(o.vscode);
-    EXPECT_TRUE(parsed({"-h"}).help);
-    EXPECT_FALSE(parsed({}).quality);  // nothing given: the recorder's own settings stay
-}
 
 TEST(RecordCommandTest, BadValuesAreRefusedWithTheReason) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
@@ -37,10 +22,24 @@ TEST(RecordCommandTest, BadValuesAreRefusedWithTheReason) {
         {{"--output="}, "--output needs a folder"},
     };
     for (const auto& [args, error] : cases) {
-        auto r = parseRecordCommand(args);
+        const auto r = parseRecordCommand(args);
         EXPECT_FALSE(r.options.has_value()) << error;
         EXPECT_EQ(r.error, error);
     }
+}
+
+TEST(VideoQualityTest, ScreenResolutionTruncatesAndStaysDefinedOnNonsense) {
+    fakes::FakeDisplayProvider display;
+    const auto size = [&](double w, double h) {
+        display.setSize(w, h);
+        return resolution(VideoQuality::screenResolution, display);
+    };
+    EXPECT_EQ(size(10240.9, 4320.2), (Resolution{10240, 4320}));
+    EXPECT_EQ(displayName(VideoQuality::screenResolution, display),
+              "Current Screen Resolution (10240x4320)");  // no digit grouping
+    constexpr auto kMax = std::numeric_limits<int32_t>::max();
+    EXPECT_EQ(size(1e12, -1e12), (Resolution{kMax, std::numeric_limits<int32_t>::min()}));
+    EXPECT_EQ(size(std::nan(""), 720.7), (Resolution{0, 720}));
 }
 
 }  // namespace

@@ -1,129 +1,91 @@
-// The screen recorder on fakes: starts and their failures, sample routing, stop and finish.
+// Guards against: lost or misplaced samples, capture sessions changed outside a transaction or left set up, a start that fails without its error or leaves things set up, overlapping recordings, a finish failure that goes unreported, and bad output files and writer settings.
 #include <gtest/gtest.h>
 
 #include <thread>
 
 #include "fakes/fake_dispatch.h"
-#include "fakes/fake_engine.h"
+#include "fakes/fake_platform.h"
+#include "fakes/pixel_buffers.h"
 
 namespace gb {
 namespace {
 
 using namespace gb::fakes;
 using Strings = std::vector<std::string>;
-using Times = std::vector<MediaTime>;
-using Report = FakeRecorderDelegate::Report;
-using RK = Report::Kind;
 using EK = ScreenRecorderError::Kind;
-using Stream = FakeCaptureService::Stream;
 
-const std::string kFolder = "/home/user/Documents/Glimmerbox Recordings";
-const std::string kPath = kFolder + "/glimmerbox-2025-03-14_09-26-53.mov";
-const Strings kStartLines = {
-    "ScreenRecorder.startRecording() called",
-    "Created directory: " + kFolder,
-    "Created AVAssetWriter for: " + kPath,
-    "Video settings: [\"AVVideoCodecKey\": avc1, \"AVVideoWidthKey\": 1920, "
-    "\"AVVideoHeightKey\": 1080, \"AVVideoCompressionPropertiesKey\": [\"AverageBitRate\": "
-    "2000000, \"ProfileLevel\": H264_Main_AutoLevel, \"H264EntropyMode\": CAVLC]]",
-    "AVAssetWriter started successfully",
-    "Recording started successfully"};
-const std::string kBusy =
-    "startRecording called but a previous recording is still starting or finishing";
-const auto screenAt = [](int64_t t) { return makeVideoSample(mediaTime(t), ImageSize{32, 18}); };
-const auto imagelessAt = [](int64_t t) { return makeVideoSample(mediaTime(t), std::nullopt); };
-const auto cameraAt = [](int64_t t) { return makeVideoSample(mediaTime(t), ImageSize{16, 9}); };
-const auto audioAt = [](int64_t t) { return makeAudioSample(mediaTime(t)); };
+const uint32_t kScreen = bgra(10, 20, 30);
+const uint32_t kCamera = bgra(200, 150, 100);
+const std::string kFile = "glimmerbox-2025-03-14_09-26-53.mov";
 
-class RecorderTest : public ::testing::Test, protected FakeEngine {
+class RecorderTest : public ::testing::Test, protected RecorderWorld {
 protected:
-    RecorderTest() : FakeEngine(&calls) { fresh(); }
-    // Runs the start's body (the background executor) to its end.
-    void start(const CancellationToken& token = {}) {
-        recorder->startRecording(token);
-        dispatch.background.runPending();
-    }
-    void startAndClearLog() {
-        start();
-        ASSERT_TRUE(recorder->isRecording());
-        log.clear();
-        calls.clear();
-    }
-    void runMain() { dispatch.main.runPending(); }
-    // A new recorder on new capture and composition services, a new delegate and an empty log.
+    RecorderTest() { fresh(); }
+    // A new recorder (and capture session manager) with a new delegate.
     void fresh() {
         delegate = std::make_shared<FakeRecorderDelegate>();
-        recorder = makeRecorder(dispatch);
-        recorder->setDelegate(delegate);
+        dispatch = std::make_unique<FakeDispatch>();
+        recorder = makeRecorder(*dispatch);
         log.clear();
     }
-    void setWriter(FakeWriterConfig config) { factory.setConfig(config); }
-    std::shared_ptr<FakeAssetWriter> writer() const { return factory.lastWriter(); }
-    std::vector<RK> kinds() const {
-        std::vector<RK> k;
-        for (const auto& r : delegate->reports()) k.push_back(r.kind);
-        return k;
+    // Runs the start's body (the background executor) to its end.
+    void start() {
+        recorder->startRecording({});
+        dispatch->background.runPending();
     }
-    Report last() const { return delegate->reports().back(); }
-    void expectOneFailure(const std::string& description, EK kind) {
-        ASSERT_EQ(kinds(), std::vector<RK>{RK::didFail});
-        EXPECT_EQ(last().description, description);
-        EXPECT_EQ(last().errorKind, kind);
+    void stopAndFinish() {
+        recorder->stopRecording();
+        dispatch->runAll();
+    }
+    std::string folder() const { return *fs.documents + "/Glimmerbox Recordings"; }
+    void expectOneFailure(const std::string& description) {
+        const auto reports = delegate->reports();
+        ASSERT_EQ(reports.size(), 1u);
+        EXPECT_EQ(reports[0].description, description);
+        EXPECT_EQ(reports[0].errorKind, EK::permissionDenied);
         EXPECT_FALSE(recorder->isRecording());
+        EXPECT_TRUE(session(0).inputs().empty());
     }
     LogCapture log;
-    CallLog calls;
-    FakeDispatch dispatch;
-    std::shared_ptr<FakeRecorderDelegate> delegate = std::make_shared<FakeRecorderDelegate>();
+    std::unique_ptr<FakeDispatch> dispatch;
     std::shared_ptr<ScreenRecorder> recorder;
 };
 
-TEST_F(RecorderTest, WholeRecordingWithOverlay) {
-    size_t reportsAtCompletion = 99;
-    recorder->startRecording({}, [&] { reportsAtCompletion = delegate->count(); });
-    dispatch.background.runPending();
-    EXPECT_EQ(reportsAtCompletion, 1u);  // the completion runs after the outcome was reported
-    EXPECT_EQ(log.lines(), kStartLines);
-    EXPECT_EQ(kinds(), std::vector<RK>{RK::didStart});
-    EXPECT_EQ(calls.calls(), (Strings{"setupScreenCapture", "setupCamera",
-                                      "screenSession.startRunning", "cameraSession.startRunning"}));
-    EXPECT_EQ(access.requests(), (std::vector<MediaType>{MediaType::audio, MediaType::video}));
-    log.clear();
-    calls.clear();
-    // Audio first: it fixes the timeline. Then the stream as it comes.
-    capture->deliver(Stream::audio, audioAt(100));
-    capture->deliver(Stream::screen, screenAt(110));  // no camera image yet: plain frame
-    capture->deliver(Stream::camera, cameraAt(115));
-    capture->deliver(Stream::screen, screenAt(120));  // composed with camera #1
-    capture->deliver(Stream::audio, audioAt(125));
-    capture->deliver(Stream::screen, imagelessAt(130));  // previous screen image again, composed
-    capture->deliver(Stream::camera, cameraAt(135));
-    capture->deliver(Stream::screen, screenAt(140));  // composed with camera #2
-    EXPECT_EQ(writer()->sessionStarts(), Times{mediaTime(100)});
-    EXPECT_EQ(factory.lastInput(MediaType::audio)->appendedTimes(),
-              (Times{mediaTime(100), mediaTime(125)}));
-    EXPECT_EQ(factory.lastInput(MediaType::video)->appendedTimes(),
-              (Times{mediaTime(110), mediaTime(120), mediaTime(130), mediaTime(140)}));
-    ASSERT_EQ(composer->plainCalls().size(), 1u);
-    const auto composed = composer->composeCalls();
-    ASSERT_EQ(composed.size(), 3u);
-    EXPECT_EQ(composed[0].screen, composed[1].screen);  // the image-less sample reused it
-    EXPECT_EQ(composed[1].time, mediaTime(130));        // with its own time
-    EXPECT_EQ(composed[0].camera, composed[1].camera);  // camera image reused until a newer one
-    EXPECT_NE(composed[2].camera, composed[1].camera);
-    recorder->stopRecording();
+TEST_F(RecorderTest, WholeRecordingComposesTheCameraOverTheScreen) {
+    start();
+    ASSERT_EQ(delegate->kinds(), Strings{"start"});
+    EXPECT_EQ(access.requests, (std::vector<MediaType>{MediaType::audio, MediaType::video}));
+    for (size_t i : {0, 1}) {  // each set up in one transaction, delegates before outputs
+        EXPECT_EQ(session(i).starts, 1);
+        EXPECT_EQ(session(i).changesOutsideTransaction + session(i).outputsWithoutDelegate, 0);
+    }
+    auto screenOut = factory.videoOutputs.at(0), cameraOut = factory.videoOutputs.at(1);
+    auto audioOut = factory.audioOutputs.at(0);  // made by the first recorder
+    // Audio first: it fixes the timeline. A frame without an image repeats the last screen image.
+    audioOut->deliver(audioSample(100));
+    screenOut->deliver(videoSample(110, solidBuffer(1280, 720, kScreen)));  // no camera yet
+    cameraOut->deliver(videoSample(115, solidBuffer(640, 360, kCamera)));
+    screenOut->deliver(videoSample(120, nullptr));
+    audioOut->deliver(audioSample(125));
+    EXPECT_TRUE(writers.lastInput(MediaType::video)->appended().empty());  // only on the queue
+    dispatch->runAll();
+    const auto writer = writers.lastWriter();
+    EXPECT_EQ(writer->sessionStarts, std::vector<MediaTime>{MediaTime::make(100, 600)});
+    EXPECT_EQ(writers.lastInput(MediaType::audio)->appended().size(), 2u);
+    const auto frames = writers.lastInput(MediaType::video)->appended();
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(pixelAt(*frames[0]->imageBuffer(), 1100, 600), kScreen);
+    EXPECT_EQ(frames[1]->presentationTime(), MediaTime::make(120, 600));
+    EXPECT_EQ(pixelAt(*frames[1]->imageBuffer(), 1100, 600), kCamera);  // bottom-right overlay
+    EXPECT_EQ(pixelAt(*frames[1]->imageBuffer(), 100, 100), kScreen);
+
+    stopAndFinish();
     EXPECT_FALSE(recorder->isRecording());
-    EXPECT_EQ(calls.calls(), (Strings{"screenSession.stopRunning", "cameraSession.stopRunning",
-                                      "videoInput.markAsFinished", "audioInput.markAsFinished",
-                                      "writer.finishWriting"}));
-    EXPECT_EQ(delegate->count(), 1u);  // the outcome comes through the main queue
-    runMain();
-    EXPECT_EQ(log.lines(),
-              (Strings{"📺 Screen sample #1", "📷 Camera sample #1: 16x9", "Stopping recording...",
-                       "Finishing writing to: " + kPath, "Recording completed successfully"}));
-    EXPECT_EQ(kinds(), (std::vector<RK>{RK::didStart, RK::didStop}));
-    EXPECT_EQ(last().outputURL, kPath);
-    EXPECT_EQ(capture->cleanupCount(), 1);
+    EXPECT_EQ(delegate->kinds(), (Strings{"start", "stop " + folder() + "/" + kFile}));
+    EXPECT_TRUE(std::filesystem::exists(folder() + "/" + kFile));
+    for (size_t i : {0, 1})
+        EXPECT_TRUE(!session(i).isRunning() && session(i).inputs().empty() && session(i).outputs().empty());
+    EXPECT_EQ(writers.lastInput(MediaType::video)->appendsAfterFinish, 0);
 }
 
 TEST_F(RecorderTest, PermissionRefusalsEndTheStartBeforeAnythingIsSetUp) {
@@ -138,114 +100,122 @@ TEST_F(RecorderTest, PermissionRefusalsEndTheStartBeforeAnythingIsSetUp) {
         access.setAnswer(MediaType::audio, c.microphone);
         access.setAnswer(MediaType::video, c.camera);
         start();
-        expectOneFailure(c.text, EK::permissionDenied);
-        EXPECT_EQ(log.lines(), Strings{"ScreenRecorder.startRecording() called"});
-        EXPECT_TRUE(calls.calls().empty());
-        EXPECT_EQ(capture->cleanupCount(), 0);
+        expectOneFailure(c.text);
     }
-    access.grantAll();
+    access.dropAnswers = true;  // a request that is never answered counts as refused
+    fresh();
     start();
-    EXPECT_EQ(kinds(), (std::vector<RK>{RK::didFail, RK::didStart}));
+    expectOneFailure("Permission denied: Microphone And Camera access required");
 }
 
-// A capture error ends the start with its own text for the user and its case in the log. The
-// screen set-up's other errors and their texts are in the capture session manager's table.
-TEST_F(RecorderTest, EveryCaptureErrorEndsTheStartWithSetupFailed) {
-    using CE = CaptureSessionError;
+// Whatever fails while setting up, the user reads the error's text and nothing stays set up.
+// (Each capture error text is here once.)
+TEST(RecorderSetupTest, FailuresReportTheirTextAndCleanUp) {
+    const PlatformError noRoom{"Files", 28, "No room"};
+    const auto refuse = [](size_t session, std::string what) {
+        return [=](RecorderWorld& w) { w.session(session).refuse = {what}; };
+    };
     const struct {
-        bool inCameraSetup;
-        CaptureSessionError error;
-        std::string userText;  // after "Setup failed: "
-        std::string logged;    // after "Recording setup failed: "
-    } cases[] = {{0, CE::microphoneSetupFailed("busy"), "Microphone setup failed: busy",
-                  "microphoneSetupFailed(\"busy\")"},
-                 {1, CE::cameraSetupFailed("in use"), "Camera setup failed: in use",
-                  "cameraSetupFailed(\"in use\")"},
-                 {0, CE::noDisplay(), "No display found for screen recording", "noDisplay"}};
-    for (const auto& c : cases) {
-        fresh();
-        if (c.inCameraSetup) {
-            capture->setCameraSetupError(c.error);
-        } else {
-            capture->setScreenSetupError(c.error);
-        }
-        start();
-        EXPECT_EQ(log.lines(), (Strings{"ScreenRecorder.startRecording() called",
-                                        "Recording setup failed: " + c.logged}));
-        expectOneFailure("Setup failed: " + c.userText, EK::setupFailed);
-        EXPECT_EQ(capture->cleanupCount(), 1);
-        EXPECT_EQ(capture->screenSessionFake().startCount(), 0);
-    }
-    EXPECT_TRUE(factory.writers().empty());
-}
-
-// Whatever fails in the file manager, the user reads the same sentence.
-TEST_F(RecorderTest, EveryFileManagerErrorBecomesFailedToCreateVideoWriter) {
-    const PlatformError noRoom{"AVFoundationErrorDomain", -11800, "No room"};
-    const struct {
-        FakeWriterConfig writer;
-        bool makeWriterFails, noDocuments;
-        std::string logged;  // after "Recording setup failed: "
+        std::function<void(RecorderWorld&)> fault;
+        std::string text;  // after "Setup failed: "; empty: "Failed to create video writer"
     } cases[] = {
-        {{}, true, false, "writerCreationFailed(\"No room\")"},
-        {{.canAddVideoInput = false}, false, false, "cannotAddVideoInput"},
-        {{.canAddAudioInput = false}, false, false, "cannotAddAudioInput"},
-        {{.startWritingSucceeds = false, .startWritingError = PlatformError{"D", 1, "Cannot Save"}},
-         false,
-         false,
-         "startWritingFailed(\"Cannot Save\")"},
-        {{}, false, true, "urlCreationFailed"}};
+        {[](RecorderWorld& w) { w.display.setScreen({}); }, "No display found for screen recording"},
+        {[](RecorderWorld& w) { w.factory.screenCaptureAllowed = false; },
+         "Screen capture is unavailable. Please grant screen recording permission."},
+        {refuse(0, "input video"), "Cannot add screen input to capture session"},
+        {[](RecorderWorld& w) { w.factory.microphone = nullptr; }, "No microphone found"},
+        {[](RecorderWorld& w) { w.factory.microphoneError = PlatformError{"C", 1, "Cannot Record"}; },
+         "Microphone setup failed: Cannot Record"},
+        {refuse(0, "output video"), "Cannot add video output to capture session"},
+        {refuse(0, "output audio"), "Cannot add audio output to capture session"},
+        {refuse(1, "input video"), "Camera setup failed: Cannot add camera input to capture session"},
+        {[&](RecorderWorld& w) { w.writers.makeWriterError = noRoom; }, ""},
+        {[](RecorderWorld& w) { w.writers.setConfig({.canAddAudioInput = false}); }, ""},
+        {[&](RecorderWorld& w) { w.writers.setConfig({.startError = noRoom}); }, ""},
+        {[](RecorderWorld& w) { w.fs.documents.reset(); }, ""},
+    };
     for (const auto& c : cases) {
-        fresh();
-        setWriter(c.writer);
-        factory.setMakeWriterError(c.makeWriterFails ? std::optional(noRoom) : std::nullopt);
-        if (c.noDocuments) files.setDocumentsDirectory(std::nullopt);
-        start();
-        expectOneFailure("Failed to create video writer", EK::writerCreationFailed);
-        EXPECT_EQ(log.lines().back(), "Recording setup failed: " + c.logged);
-        EXPECT_EQ(capture->cleanupCount(), 1);
-        EXPECT_EQ(fileManager->currentOutputURL(), std::nullopt);  // cleared by the clean-up
-        EXPECT_EQ(capture->screenSessionFake().startCount(), 0);
-        EXPECT_FALSE(capture->deliver(Stream::screen, screenAt(1)));
+        SCOPED_TRACE(c.text);
+        LogCapture log;
+        RecorderWorld w;
+        FakeDispatch dispatch;
+        auto recorder = w.makeRecorder(dispatch);
+        c.fault(w);
+        recorder->startRecording({});
+        dispatch.background.runPending();
+        const auto reports = w.delegate->reports();
+        ASSERT_EQ(reports.size(), 1u);
+        EXPECT_EQ(reports[0].description,
+                  c.text.empty() ? "Failed to create video writer" : "Setup failed: " + c.text);
+        EXPECT_EQ(reports[0].errorKind,
+                  c.text.empty() ? EK::writerCreationFailed : EK::setupFailed);
+        EXPECT_FALSE(recorder->isRecording());
+        EXPECT_EQ(w.session(0).starts, 0);
+        EXPECT_TRUE(w.session(0).inputs().empty() && w.session(0).outputs().empty());  // cleaned up
+        EXPECT_EQ(w.files->currentOutputURL(), std::nullopt);
     }
 }
 
-TEST_F(RecorderTest, StartsAndStopsThatMeetAnotherRecordingAreRefusedWithALine) {
+TEST_F(RecorderTest, StartsAndStopsThatMeetAnotherRecordingAreRefused) {
     recorder->stopRecording();
     EXPECT_EQ(log.lines(), Strings{"Stop recording called but not currently recording"});
-    setWriter({.holdFinish = true});
-    startAndClearLog();
+    writers.setConfig({.holdFinish = true});
     start();
+    start();  // already recording
     recorder->stopRecording();
     recorder->stopRecording();
-    start();
-    EXPECT_EQ(log.lines(), (Strings{"startRecording called but already recording",
-                                    "Stopping recording...", "Finishing writing to: " + kPath,
-                                    "Stop recording called but not currently recording", kBusy}));
-    EXPECT_EQ(factory.writers().size(), 1u);
-    EXPECT_EQ(writer()->finishCalls(), 1);
-    EXPECT_EQ(fileManager->currentOutputURL(), kPath);  // the finishing recording is left alone
-    EXPECT_EQ(capture->cleanupCount(), 0);
+    start();  // while the first one finishes
+    EXPECT_EQ(log.count("startRecording called but already recording"), 1u);
+    EXPECT_EQ(log.count("startRecording called but a previous recording is still starting or "
+                        "finishing"),
+              1u);
+    const auto writer = writers.lastWriter();
+    EXPECT_EQ(writer->finishCalls, 1);
     // The completion comes from the writer's own thread and is handed to the main queue.
-    std::thread([w = writer()] { w->releaseFinish(); }).join();
-    EXPECT_EQ(delegate->count(), 1u);
-    runMain();
-    EXPECT_EQ(kinds(), (std::vector<RK>{RK::didStart, RK::didStop}));
-    EXPECT_EQ(last().outputURL, kPath);
-    start();  // after the finish step a start goes through again
-    EXPECT_EQ(last().kind, RK::didStart);
+    std::thread([writer] { writer->releaseFinish(); }).join();
+    EXPECT_EQ(delegate->kinds().size(), 1u);
+    dispatch->runAll();
+    EXPECT_EQ(delegate->kinds().back(), "stop " + folder() + "/" + kFile);
+    start();  // after the finish a start goes through again
+    EXPECT_EQ(delegate->kinds().back(), "start");
 }
 
 TEST_F(RecorderTest, FinalisationFailureIsReportedWithTheWritersError) {
-    setWriter({.finishStatus = AssetWriterStatus::failed,
-               .finishError = PlatformError{"AVFoundationErrorDomain", -11807, "Disk full"}});
-    startAndClearLog();
-    recorder->stopRecording();
-    runMain();
-    EXPECT_EQ(log.lines().back(), "Recording failed: Disk full");
-    EXPECT_EQ(last().description, "Recording failed: Failed to finalize recording: Disk full");
-    EXPECT_EQ(last().errorKind, EK::recordingFailed);
-    EXPECT_EQ(capture->cleanupCount(), 1);
+    writers.setConfig({.finishError = PlatformError{"Files", 28, "The disk is full."}});
+    start();
+    stopAndFinish();
+    const auto last = delegate->reports().back();
+    EXPECT_EQ(last.description, "Recording failed: Failed to finalize recording: The disk is full.");
+    EXPECT_EQ(last.errorKind, EK::recordingFailed);
+    EXPECT_TRUE(session(0).inputs().empty());
+}
+
+// The file manager: named by the start second in the default folder (made when missing) or the
+// chosen one; a file of the same name is replaced; the writer's settings follow the quality.
+TEST_F(RecorderTest, OutputFileAndWriterSettings) {
+    EXPECT_EQ(files->generateOutputURL(), folder() + "/" + kFile);
+    EXPECT_TRUE(std::filesystem::is_directory(folder()));
+    std::ofstream(folder() + "/" + kFile) << "an older recording";
+    (void)files->createAssetWriter(VideoQuality::medium);
+    std::ifstream replaced(folder() + "/" + kFile);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(replaced), {}).find("older"), std::string::npos);
+
+    defaults.setURL(fs.root / "gone", "customSaveLocation");
+    try {
+        (void)files->createAssetWriter(VideoQuality::medium);
+        ADD_FAILURE() << "no error for a missing folder";
+    } catch (const RecordingFileManagerError& e) {
+        EXPECT_EQ(e.errorDescription(), "Failed to create video writer: The folder \u201C" +
+                                            (fs.root / "gone") + "\u201D doesn\u2019t exist.");
+    }
+    EXPECT_FALSE(std::filesystem::exists(fs.root / "gone"));
+
+    defaults.setURL(fs.root.path(), "customSaveLocation");
+    (void)files->createAssetWriter(VideoQuality::high);
+    EXPECT_EQ(std::get<VideoOutputSettingsForWriter>(writers.lastInput(MediaType::video)->outputSettings()),
+              (VideoOutputSettingsForWriter{"avc1", 1920, 1080, {2000000, "H264_Main_AutoLevel", "CAVLC"}}));
+    EXPECT_EQ(std::get<AudioOutputSettingsForWriter>(writers.lastInput(MediaType::audio)->outputSettings()),
+              (AudioOutputSettingsForWriter{0x61616320, 2, 44100.0, 128000}));
 }
 
 }  // namespace
