@@ -269,4 +269,17 @@ std::string binaryPath() { return GLIMMERBOX_BINARY; }
 std::string toolPath(const std::string& name) { return std::string(GLIMMERBOX_BUILD_DIR) + "/" + name; }
 std::string sourceDir() { return GLIMMERBOX_SOURCE_DIR; }
 
+std::optional<AudioLevels> audioLevelsBetween(const std::string& file, double fromSeconds,
+                                              double toSeconds) {
+    Process p({"ffmpeg", "-v", "info", "-ss", std::to_string(fromSeconds), "-to",
+               std::to_string(toSeconds), "-i", file, "-map", "0:a:0", "-af", "volumedetect", "-f",
+               "null", "-"});
+    if (p.wait(120s) != 0) return std::nullopt;
+    const std::string log = p.stderrText();
+    const auto mean = log.find("mean_volume: ");
+    const auto max = log.find("max_volume: ");
+    if (mean == std::string::npos || max == std::string::npos) return std::nullopt;
+    return AudioLevels{std::atof(log.c_str() + mean + 13), std::atof(log.c_str() + max + 12)};
+}
+
 }  // namespace gb::e2e

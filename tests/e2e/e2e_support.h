@@ -125,4 +125,8 @@ std::string binaryPath();    // the glimmerbox program under test
 std::string toolPath(const std::string& name);  // a helper program from tests/tools
 std::string sourceDir();
 
+// Levels of the audio between two times of the file (as audioLevels()).
+std::optional<AudioLevels> audioLevelsBetween(const std::string& file, double fromSeconds,
+                                              double toSeconds);
+
 }  // namespace gb::e2e
