@@ -140,6 +140,7 @@ TEST_F(X11CaptureTest, DropsFramesWhileEveryBufferIsHeldElseReusesItsPoolAtTheFr
     {
         auto o = options(false);
         o.poolSize = 4;
+        o.followsDamage = false;  // every frame time grabs
         auto input = X11ScreenInput::create(rootID(), o);
         ASSERT_NE(input, nullptr);
         X11ScreenSource& source = input->screenSource();
@@ -173,6 +174,33 @@ TEST_F(X11CaptureTest, DropsFramesWhileEveryBufferIsHeldElseReusesItsPoolAtTheFr
     }
     // The input, its thread and its X connection are gone; the memory of a held frame is not.
     EXPECT_EQ(pixelAt(*kept->imageBuffer(), 1500, 900), kBackgroundBgra);
+}
+
+TEST_F(X11CaptureTest, StillScreenIsNotGrabbedAgainAndAPaintedAreaComesAsItsChange) {
+    X11ScreenSource source(rootID(), options(false));
+    source.setMaxFrameDuration(MediaTime::make(1, 2));
+    FrameCollector frames(/*holdAll=*/true);
+    ASSERT_TRUE(source.start(frames.deliver()).ok());
+    ASSERT_TRUE(frames.waitForCount(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    // The first picture, then the same one again after the longest frame duration.
+    ASSERT_EQ(frames.count(), 2u);
+    EXPECT_EQ(frames.last()->imageBuffer(), frames.held().front()->imageBuffer());
+    EXPECT_GE(source.stats().framesUnchanged, 10u);
+    source.setMaxFrameDuration(MediaTime::make(10, 1));
+    GC gc = XCreateGC(client_->get(), client_->root(), 0, nullptr);
+    XSetForeground(client_->get(), gc, 0xffffff);
+    XFillRectangle(client_->get(), client_->root(), gc, 100, 200, 50, 40);
+    XFreeGC(client_->get(), gc);
+    XSync(client_->get(), False);
+    ASSERT_TRUE(frames.waitForCount(3));
+    source.stop();
+    const PixelBuffer& image = *frames.last()->imageBuffer();
+    EXPECT_EQ(pixelAt(image, 149, 239), 0xffffffffu);
+    EXPECT_EQ(pixelAt(image, 150, 240), kBackgroundBgra);
+    EXPECT_EQ(image.changes().since, frames.held().front()->imageBuffer()->changes().picture);
+    EXPECT_THAT(image.changes().areas, Contains(PixelArea{100, 200, 50, 40}));
+    client_->paintRoot(kBackground);
 }
 
 TEST_F(X11CaptureTest, DrawsTheCursorWhereThePointerIsClippedAtTheScreenEdge) {

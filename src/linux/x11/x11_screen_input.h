@@ -23,6 +23,9 @@ struct X11CaptureOptions {
     std::string displayName;      // empty: $DISPLAY
     bool capturesCursor = true;   // draw the mouse cursor into the frames
     bool forceXGetImage = false;  // skip XShm (also set by GLIMMERBOX_X11_NO_SHM=1)
+    // Grab only what the server reports as changed; off (or GLIMMERBOX_X11_NO_DAMAGE=1): every
+    // frame time grabs the whole screen.
+    bool followsDamage = true;
     int poolSize = 5;             // frame buffers; a frame with none free is dropped
 };
 
