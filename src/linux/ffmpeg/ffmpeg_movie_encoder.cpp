@@ -359,9 +359,9 @@ Result<void> MovieEncoder::encodeVideo(SampleBufferRef sample, MediaTime session
     sample.reset();  // the capture buffer goes back to its pool before the slow part
 
     videoFrame_->pts = pts;
-    videoFrame_->pict_type = lastKeyPts_ < 0 || pts - lastKeyPts_ >= kKeyFrameTicks
-                                 ? AV_PICTURE_TYPE_I
-                                 : AV_PICTURE_TYPE_NONE;
+    const bool keyFrameDue = lastKeyPts_ < 0 || pts - lastKeyPts_ >= kKeyFrameTicks;
+    videoFrame_->pict_type = keyFrameDue ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+    if (keyFrameDue) lastKeyPts_ = pts;
     videoDurations_[videoDurationNext_++ % videoDurations_.size()] = {pts, duration};
     ++stats_.videoFramesEncoded;
     return sendAndMux(video_.get(), videoFrame_.get(), videoStream_, 0);
