@@ -117,9 +117,9 @@ SampleBufferRef VideoComposer::composeFrame(const PixelBufferRef& screenBuffer,
         // Handed out as a buffer of its own whose end frees the kept one.
         auto busy = kept->busy;
         PixelBufferRef held = kept->buffer;
-        PixelBufferRef output = PixelBuffer::wrap(
-            width, height, held->bytesPerRow(), held->baseAddress(),
-            [busy, held] { busy->store(false, std::memory_order_release); });
+        PixelBufferRef output =
+            PixelBuffer::wrap(width, height, held->bytesPerRow(), held->baseAddress(),
+                              [busy, held] { busy->store(false, std::memory_order_release); });
         output->setChanges(std::move(changes));
         return createSampleBuffer(output, presentationTime);
     }

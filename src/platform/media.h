@@ -66,8 +66,8 @@ struct PixelArea {
 // the earlier one redoes only the changed areas. Pictures are numbered from one counter for the
 // whole process, so numbers of different producers never meet.
 struct PictureChanges {
-    uint64_t picture = 0;  // this picture's number; 0: not numbered, treat as wholly new
-    uint64_t since = 0;    // the picture the areas are relative to; 0: wholly new
+    uint64_t picture = 0;          // this picture's number; 0: not numbered, treat as wholly new
+    uint64_t since = 0;            // the picture the areas are relative to; 0: wholly new
     std::vector<PixelArea> areas;  // may overlap; empty with `since` set: nothing changed
 
     [[nodiscard]] static uint64_t nextPictureNumber() {

@@ -389,7 +389,8 @@ public:
         // Rows narrower than the width could not hold the picture: leave such a buffer alone.
         if (!isReadable(destination)) return;
         const Clip clip{std::max(0, area.x), std::max(0, area.y),
-                        std::min(width, area.x + area.width), std::min(height, area.y + area.height)};
+                        std::min(width, area.x + area.width),
+                        std::min(height, area.y + area.height)};
         if (clip.right <= clip.left || clip.bottom <= clip.top) return;
         const std::shared_ptr<const CpuImage> root = asCpuImage(image);
         layers_.clear();
@@ -438,8 +439,8 @@ private:
         uint8_t* base = destination.baseAddress();
         const size_t bpr = destination.bytesPerRow();
         size_t first = 0;
-        const bool whole = clip.left == 0 && clip.top == 0 && clip.right == width &&
-                           clip.bottom == height;
+        const bool whole =
+            clip.left == 0 && clip.top == 0 && clip.right == width && clip.bottom == height;
         if (!layers_.empty() && coversOneToOne(layers_.front(), width, height)) {
             if (whole) {
                 copyRows(*layers_.front().buffer, destination, width, height);
@@ -451,8 +452,9 @@ private:
             std::memset(base, 0, bpr * static_cast<size_t>(height));
         } else {
             for (int row = clip.top; row < clip.bottom; ++row) {
-                std::memset(base + static_cast<size_t>(row) * bpr + static_cast<size_t>(clip.left) * 4,
-                            0, static_cast<size_t>(clip.right - clip.left) * 4);
+                std::memset(
+                    base + static_cast<size_t>(row) * bpr + static_cast<size_t>(clip.left) * 4, 0,
+                    static_cast<size_t>(clip.right - clip.left) * 4);
             }
         }
         for (size_t i = first; i < layers_.size(); ++i) {
@@ -464,10 +466,11 @@ private:
         const size_t bytes = static_cast<size_t>(clip.right - clip.left) * 4;
         const size_t offset = static_cast<size_t>(clip.left) * 4;
         for (int row = clip.top; row < clip.bottom; ++row) {
-            std::memcpy(destination.baseAddress() + static_cast<size_t>(row) * destination.bytesPerRow() +
-                            offset,
-                        source.baseAddress() + static_cast<size_t>(row) * source.bytesPerRow() + offset,
-                        bytes);
+            std::memcpy(
+                destination.baseAddress() + static_cast<size_t>(row) * destination.bytesPerRow() +
+                    offset,
+                source.baseAddress() + static_cast<size_t>(row) * source.bytesPerRow() + offset,
+                bytes);
         }
     }
 
@@ -566,8 +569,8 @@ private:
             size_t i = 0;
 #ifdef GB_AVX2_KERNEL
             if (pairs && hasAvx2()) {
-                i = drawRowAvx2(near, far, columnTaps, plan.weightBytes.data() + skipped * 8,
-                                count, rowWeight, out);
+                i = drawRowAvx2(near, far, columnTaps, plan.weightBytes.data() + skipped * 8, count,
+                                rowWeight, out);
                 out += i * 4;
             }
 #endif

@@ -611,9 +611,8 @@ Result<void> MovieEncoder::showLastPictureUntilAudioEnds() {
     // Frames come only when the screen changes, so the last one may be long before the end: the
     // last picture is shown again one frame before the audio ends.
     if (!audio_ || lastVideoPts_ < 0) return {};
-    const int64_t audioEndNs =
-        av_rescale_q(audioFramesPlaced(), AVRational{1, audio_->sample_rate},
-                     AVRational{1, 1'000'000'000});
+    const int64_t audioEndNs = av_rescale_q(audioFramesPlaced(), AVRational{1, audio_->sample_rate},
+                                            AVRational{1, 1'000'000'000});
     const int64_t frameTicks = 3000;
     const int64_t pts =
         ticksFromNanoseconds(audioEndNs, kVideoTimeBase) + videoShiftTicks_ - frameTicks;

@@ -528,8 +528,8 @@ public:
         }
         std::fill(state.stale.begin(), state.stale.end(), false);
         cursor_->draw(data, bytesPerRow_, rect_.width, rect_.height);
-        state.cursor = cursorArea_ ? clipped(*cursorArea_, rect_.width, rect_.height)
-                                   : std::nullopt;
+        state.cursor =
+            cursorArea_ ? clipped(*cursorArea_, rect_.width, rect_.height) : std::nullopt;
         return 0;
     }
 
@@ -616,8 +616,8 @@ private:
             const int height = image->height;
             image->data = whole + static_cast<size_t>(top) * bytesPerRow_;
             image->height = rows;
-            const bool ok = XShmGetImage(display_.get(), root_, image, rect_.x, rect_.y + top,
-                                         AllPlanes) != 0;
+            const bool ok =
+                XShmGetImage(display_.get(), root_, image, rect_.x, rect_.y + top, AllPlanes) != 0;
             image->data = whole;
             image->height = height;
             if (!ok) return trap.errorCode() != 0 ? trap.errorCode() : -1;
@@ -668,10 +668,9 @@ private:
     // into the slot.
     int copyWithXGetImage(uint8_t* data, int top, int rows) {
         XErrorTrap trap;
-        std::unique_ptr<XImage, XImageFree> image(
-            XGetImage(display_.get(), root_, rect_.x, rect_.y + top,
-                      static_cast<unsigned>(rect_.width), static_cast<unsigned>(rows), AllPlanes,
-                      ZPixmap));
+        std::unique_ptr<XImage, XImageFree> image(XGetImage(
+            display_.get(), root_, rect_.x, rect_.y + top, static_cast<unsigned>(rect_.width),
+            static_cast<unsigned>(rows), AllPlanes, ZPixmap));
         if (!image) return trap.errorCode() != 0 ? trap.errorCode() : -1;
         if (image->bits_per_pixel != 32 || image->width != rect_.width || image->height != rows) {
             return -1;
@@ -695,8 +694,8 @@ private:
     Damage damage_ = 0;  // none without the extension
     int damageEventBase_ = 0;
     std::vector<SlotState> slotStates_;
-    std::vector<PixelArea> pendingAreas_;  // damage since the last delivered frame
-    bool wholeFrame_ = true;               // the next frame is new as a whole
+    std::vector<PixelArea> pendingAreas_;       // damage since the last delivered frame
+    bool wholeFrame_ = true;                    // the next frame is new as a whole
     std::optional<PixelArea> cursorArea_;       // the cursor at this frame time
     std::optional<PixelArea> deliveredCursor_;  // the cursor in the last delivered frame
 };
@@ -722,8 +721,8 @@ void X11ScreenSource::setMaxFrameDuration(MediaTime duration) {
 }
 
 X11CaptureStats X11ScreenSource::stats() const {
-    return {framesDelivered_.load(),   framesDroppedNoBuffer_.load(), frameTimesSkipped_.load(),
-            framesUnchanged_.load(),   grabFailures_.load(),          bufferAllocations_.load(),
+    return {framesDelivered_.load(), framesDroppedNoBuffer_.load(), frameTimesSkipped_.load(),
+            framesUnchanged_.load(), grabFailures_.load(),          bufferAllocations_.load(),
             usingXShm_.load()};
 }
 
