@@ -562,6 +562,9 @@ Result<void> MovieEncoder::commitIfDue(std::chrono::steady_clock::time_point now
 }
 
 Result<void> MovieEncoder::commit() {
+    // The next fragment starts at its own first timestamps: frames come only when the screen
+    // changes, so the time from this fragment's last frame to the next one is not known here.
+    av_opt_set(muxer_->priv_data, "movflags", "+frag_discont", 0);
     // A null packet seals the fragment (frag_custom).
     if (const int rc = av_write_frame(muxer_.get(), nullptr); rc < 0) {
         return fileOrCodecError(rc, "The movie couldn't be written");

@@ -455,6 +455,9 @@ public:
     // next frame's list of changes; a cursor change makes the cursor fetch its image again.
     void takeEvents() {
         Display* display = display_.get();
+        // A round trip first: the damage of everything the server drew before now is then queued,
+        // so a change made just before this frame time is not left for the next one.
+        if (damage_ != 0) XSync(display, False);
         while (XPending(display) > 0) {
             XEvent event;
             XNextEvent(display, &event);
