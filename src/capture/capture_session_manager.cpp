@@ -116,6 +116,10 @@ void CaptureSessionManager::setupScreenCapture() {
         screenInput_ = screenInput;
     }
     screenInput->setMinFrameDuration(MediaTime::make(1, kFrameRate));
+    // A still screen still gets a frame a second, so players can seek; the camera overlay moves
+    // all the time, so with it every frame time gets a frame.
+    screenInput->setMaxFrameDuration(overlayEnabled_.load() ? MediaTime::make(1, kFrameRate)
+                                                            : MediaTime::make(1, 1));
     if (!session.canAddInput(screenInput)) throw CaptureSessionError::cannotAddScreenInput();
     session.addInput(screenInput);
 

@@ -78,11 +78,112 @@ SampleBufferRef VideoComposer::composeFrame(const PixelBufferRef& screenBuffer,
     const ImageRef composite =
         backend_.compositingOver(backend_.applyingTransform(cameraImage, placement), screenImage);
 
+    // The overlay's pixels, with a pixel's margin for the bilinear edge.
+    const PixelArea overlayArea{static_cast<int>(std::floor(origin.x)) - 1,
+                                static_cast<int>(std::floor(origin.y)) - 1,
+                                static_cast<int>(std::ceil(overlay.width)) + 2,
+                                static_cast<int>(std::ceil(overlay.height)) + 2};
+    const PictureChanges& screenChanges = screenBuffer->changes();
+    rememberScreenChanges(*screenBuffer);
+    bool noBuffer = false;
+    if (Output* kept = freeOutput(width, height, noBuffer)) {
+        std::optional<std::vector<PixelArea>> stale =
+            kept->screenPicture != 0 ? screenChangesSince(kept->screenPicture, *screenBuffer)
+                                     : std::nullopt;
+        if (stale) {
+            stale->push_back(kept->overlay);
+            stale->push_back(overlayArea);
+            for (const PixelArea& area : *stale) context().render(composite, *kept->buffer, area);
+        } else {
+            context().render(composite, *kept->buffer);
+        }
+        kept->screenPicture = screenChanges.picture;
+        kept->overlay = overlayArea;
+
+        // What differs from the previous output: the screen's changes and both overlay places.
+        PictureChanges changes;
+        changes.picture = PictureChanges::nextPictureNumber();
+        if (lastOutputPicture_ != 0 && screenChanges.picture != 0) {
+            if (auto areas = screenChangesSince(lastScreenPicture_, *screenBuffer)) {
+                changes.since = lastOutputPicture_;
+                changes.areas = std::move(*areas);
+                changes.areas.push_back(lastOverlay_);
+                changes.areas.push_back(overlayArea);
+            }
+        }
+        lastOutputPicture_ = changes.picture;
+        lastScreenPicture_ = screenChanges.picture;
+        lastOverlay_ = overlayArea;
+        // Handed out as a buffer of its own whose end frees the kept one.
+        auto busy = kept->busy;
+        PixelBufferRef held = kept->buffer;
+        PixelBufferRef output =
+            PixelBuffer::wrap(width, height, held->bytesPerRow(), held->baseAddress(),
+                              [busy, held] { busy->store(false, std::memory_order_release); });
+        output->setChanges(std::move(changes));
+        return createSampleBuffer(output, presentationTime);
+    }
+    lastOutputPicture_ = 0;
+    if (noBuffer) {
+        return composeWithPixels(screenBuffer, *cameraBuffer, presentationTime, preset, position);
+    }
     if (PixelBufferRef output = bufferFactory_.create(width, height)) {
         context().render(composite, *output);
         return createSampleBuffer(output, presentationTime);
     }
     return composeWithPixels(screenBuffer, *cameraBuffer, presentationTime, preset, position);
+}
+
+VideoComposer::Output* VideoComposer::freeOutput(int width, int height, bool& noBuffer) {
+    for (Output& output : outputs_) {
+        if (!output.buffer || output.buffer->width() != width ||
+            output.buffer->height() != height) {
+            continue;
+        }
+        bool expected = false;
+        if (output.busy->compare_exchange_strong(expected, true, std::memory_order_acquire)) {
+            return &output;
+        }
+    }
+    for (Output& output : outputs_) {
+        if (output.buffer && output.busy->load(std::memory_order_acquire)) continue;
+        output.buffer = bufferFactory_.create(width, height);
+        noBuffer = !output.buffer;
+        if (noBuffer) return nullptr;
+        output.busy = std::make_shared<std::atomic<bool>>(true);
+        output.screenPicture = 0;
+        return &output;
+    }
+    return nullptr;
+}
+
+void VideoComposer::rememberScreenChanges(const PixelBuffer& screen) {
+    const PictureChanges& changes = screen.changes();
+    if (changes.picture == 0) return;
+    for (const PictureChanges& known : screenHistory_) {
+        if (known.picture == changes.picture) return;
+    }
+    screenHistory_[screenHistoryNext_++ % screenHistory_.size()] = changes;
+}
+
+std::optional<std::vector<PixelArea>> VideoComposer::screenChangesSince(
+    uint64_t from, const PixelBuffer& screen) const {
+    std::vector<PixelArea> areas;
+    uint64_t at = screen.changes().picture;
+    if (from == 0 || at == 0) return std::nullopt;
+    // Walks back from the screen's picture along the pictures each one is relative to.
+    for (size_t steps = 0; at != from; ++steps) {
+        const PictureChanges* link = nullptr;
+        for (const PictureChanges& known : screenHistory_) {
+            if (known.picture == at) link = &known;
+        }
+        if (link == nullptr || link->since == 0 || steps == screenHistory_.size()) {
+            return std::nullopt;
+        }
+        areas.insert(areas.end(), link->areas.begin(), link->areas.end());
+        at = link->since;
+    }
+    return areas;
 }
 
 SampleBufferRef VideoComposer::composeWithPixels(const PixelBufferRef& screenBuffer,

@@ -3,13 +3,21 @@
 // path (only when the back end's output buffer cannot be had) copies the screen and writes the
 // camera pixels itself, nearest neighbour, with rounded corners.
 //
+// Composed frames go into a few output buffers that the composer keeps. Each remembers which
+// screen picture it was composed from, so when that buffer is free again only the screen's
+// changes since (PixelBuffer::changes) and the overlay's rectangle are rendered again. The output
+// in turn lists the areas that differ from the previous output, for the encoder.
+//
 // Threads: composeFrame, createSampleBuffer and overlayCameraPixels run on the recording queue
 // only (the rendering context is created and used there). The option fields are atomics written
 // by the application on the main thread and read once per frame.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <memory>
+#include <optional>
+#include <vector>
 
 #include "platform/image_composition.h"
 #include "platform/media.h"
@@ -65,6 +73,21 @@ private:
 
     // The one rendering context, created on first use (recording queue only).
     ImageContext& context();
+    // A composed frame kept for reuse; `busy` while a handed-out buffer over it lives.
+    struct Output {
+        PixelBufferRef buffer;
+        std::shared_ptr<std::atomic<bool>> busy;
+        uint64_t screenPicture = 0;  // the screen picture it shows; 0: nothing usable
+        PixelArea overlay;           // where the camera was drawn into it
+    };
+    // A free kept output of the size, made when there is room; null when none is free (with
+    // `noBuffer` set when the factory had none to give).
+    Output* freeOutput(int width, int height, bool& noBuffer);
+    // The areas that changed from screen picture `from` to `screen`, or nothing when the
+    // remembered changes do not link them.
+    [[nodiscard]] std::optional<std::vector<PixelArea>> screenChangesSince(
+        uint64_t from, const PixelBuffer& screen) const;
+    void rememberScreenChanges(const PixelBuffer& screen);
     SampleBufferRef composeWithPixels(const PixelBufferRef& screenBuffer,
                                       const PixelBuffer& cameraBuffer, MediaTime presentationTime,
                                       CameraOverlayPreset preset, CameraPosition position);
@@ -80,6 +103,14 @@ private:
     std::atomic<CameraOverlayPreset> overlayPreset_{CameraOverlayPreset::medium};
     std::atomic<CameraPosition> position_{CameraPosition::bottomRight};
     std::shared_ptr<ImageContext> ciContext_;  // recording queue only
+
+    // Recording queue only.
+    std::array<Output, 3> outputs_;
+    std::array<PictureChanges, 8> screenHistory_;  // the latest screen pictures' changes
+    size_t screenHistoryNext_ = 0;
+    uint64_t lastOutputPicture_ = 0;
+    uint64_t lastScreenPicture_ = 0;
+    PixelArea lastOverlay_;
 };
 
 }  // namespace gb

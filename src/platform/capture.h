@@ -71,6 +71,10 @@ public:
     [[nodiscard]] MediaType mediaType() const override { return MediaType::video; }
     // The shortest time between two delivered frames (value 1, timescale 30 = at most 30 fps).
     virtual void setMinFrameDuration(MediaTime duration) = 0;
+    // The longest time between two delivered frames while the screen does not change; an input
+    // that delivers only changed frames then delivers the previous picture again. Inputs that
+    // deliver every frame ignore it.
+    virtual void setMaxFrameDuration(MediaTime duration) { (void)duration; }
 };
 
 // A capture session: connects its inputs to its outputs of the same media type while running.

@@ -61,6 +61,9 @@ public:
     // buffer, the top of the image into row 0. Areas that the image does not cover become
     // transparent black.
     virtual void render(const ImageRef& image, PixelBuffer& destination) = 0;
+    // The same pixels as render(), but only inside `area` (buffer coordinates, top-left origin);
+    // the rest of the buffer keeps what it held.
+    virtual void render(const ImageRef& image, PixelBuffer& destination, const PixelArea& area) = 0;
 };
 
 class ImageCompositionBackend {

@@ -8,11 +8,13 @@
 // Threads: every type here is a plain value or an immutable shared object; any thread may read.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace gb {
@@ -51,6 +53,33 @@ struct MediaTime {
 // The four-character code of 32-bit BGRA ("BGRA").
 inline constexpr uint32_t kPixelFormatBGRA = 0x42475241;  // 1111970369
 
+// A rectangle of pixels, from the top-left corner, y downward.
+struct PixelArea {
+    int x = 0;
+    int y = 0;
+    int width = 0;
+    int height = 0;
+    friend bool operator==(const PixelArea&, const PixelArea&) = default;
+};
+
+// What changed in a picture since an earlier picture, so that a consumer that kept its work on
+// the earlier one redoes only the changed areas. Pictures are numbered from one counter for the
+// whole process, so numbers of different producers never meet.
+struct PictureChanges {
+    uint64_t picture = 0;          // this picture's number; 0: not numbered, treat as wholly new
+    uint64_t since = 0;            // the picture the areas are relative to; 0: wholly new
+    std::vector<PixelArea> areas;  // may overlap; empty with `since` set: nothing changed
+
+    [[nodiscard]] static uint64_t nextPictureNumber() {
+        static std::atomic<uint64_t> counter{0};
+        return counter.fetch_add(1, std::memory_order_relaxed) + 1;
+    }
+    // True when a consumer whose last picture was `previous` may update only `areas`.
+    [[nodiscard]] bool relativeTo(uint64_t previous) const {
+        return since != 0 && since == previous;
+    }
+};
+
 // A 32-bit BGRA image: four bytes a pixel in the order blue, green, red, alpha. Row 0 is the
 // top row. bytesPerRow may exceed 4 * width.
 class PixelBuffer {
@@ -86,6 +115,9 @@ public:
     [[nodiscard]] uint8_t* baseAddress() const { return data_; }
     // Size of the whole buffer in bytes (bytesPerRow * height).
     [[nodiscard]] size_t dataSize() const { return bytesPerRow_ * static_cast<size_t>(height_); }
+    // Set by the producer before it hands the buffer on; read-only afterwards.
+    void setChanges(PictureChanges changes) { changes_ = std::move(changes); }
+    [[nodiscard]] const PictureChanges& changes() const { return changes_; }
 
 private:
     PixelBuffer(int width, int height, size_t bytesPerRow, uint8_t* data, Release release)
@@ -97,6 +129,7 @@ private:
     size_t bytesPerRow_;
     uint8_t* data_;
     Release release_;
+    PictureChanges changes_;
 };
 using PixelBufferRef = std::shared_ptr<PixelBuffer>;
 

@@ -380,15 +380,24 @@ public:
     explicit CpuImageContext(bool layeredRendering) : layeredRendering_(layeredRendering) {}
 
     void render(const ImageRef& image, PixelBuffer& destination) override {
+        render(image, destination, PixelArea{0, 0, destination.width(), destination.height()});
+    }
+
+    void render(const ImageRef& image, PixelBuffer& destination, const PixelArea& area) override {
         const int width = destination.width();
         const int height = destination.height();
         // Rows narrower than the width could not hold the picture: leave such a buffer alone.
         if (!isReadable(destination)) return;
+        const Clip clip{std::max(0, area.x), std::max(0, area.y),
+                        std::min(width, area.x + area.width),
+                        std::min(height, area.y + area.height)};
+        if (clip.right <= clip.left || clip.bottom <= clip.top) return;
         const std::shared_ptr<const CpuImage> root = asCpuImage(image);
         layers_.clear();
         if (layeredRendering_ && flatten(*root, AffineTransform{})) {
-            renderLayers(destination, width, height);
+            renderLayers(destination, width, height, clip);
         } else {
+            // Rare trees: the whole picture, which holds the area's pixels too.
             renderGeneral(*root, destination, width, height);
         }
         layers_.clear();
@@ -398,6 +407,10 @@ private:
     struct Layer {
         const PixelBuffer* buffer;
         AffineTransform transform;
+    };
+    // Destination pixels to paint: columns [left, right), rows [top, bottom) counted downward.
+    struct Clip {
+        int left, top, right, bottom;
     };
 
     // Paint order, bottom first. False when a transform is not a positive axis-aligned scale.
@@ -422,18 +435,42 @@ private:
         return false;
     }
 
-    void renderLayers(PixelBuffer& destination, int width, int height) {
+    void renderLayers(PixelBuffer& destination, int width, int height, const Clip& clip) {
         uint8_t* base = destination.baseAddress();
         const size_t bpr = destination.bytesPerRow();
         size_t first = 0;
+        const bool whole =
+            clip.left == 0 && clip.top == 0 && clip.right == width && clip.bottom == height;
         if (!layers_.empty() && coversOneToOne(layers_.front(), width, height)) {
-            copyRows(*layers_.front().buffer, destination, width, height);
+            if (whole) {
+                copyRows(*layers_.front().buffer, destination, width, height);
+            } else {
+                copyArea(*layers_.front().buffer, destination, clip);
+            }
             first = 1;
-        } else {
+        } else if (whole) {
             std::memset(base, 0, bpr * static_cast<size_t>(height));
+        } else {
+            for (int row = clip.top; row < clip.bottom; ++row) {
+                std::memset(
+                    base + static_cast<size_t>(row) * bpr + static_cast<size_t>(clip.left) * 4, 0,
+                    static_cast<size_t>(clip.right - clip.left) * 4);
+            }
         }
         for (size_t i = first; i < layers_.size(); ++i) {
-            drawLayer(layers_[i], destination, width, height);
+            drawLayer(layers_[i], destination, width, height, clip);
+        }
+    }
+
+    static void copyArea(const PixelBuffer& source, PixelBuffer& destination, const Clip& clip) {
+        const size_t bytes = static_cast<size_t>(clip.right - clip.left) * 4;
+        const size_t offset = static_cast<size_t>(clip.left) * 4;
+        for (int row = clip.top; row < clip.bottom; ++row) {
+            std::memcpy(
+                destination.baseAddress() + static_cast<size_t>(row) * destination.bytesPerRow() +
+                    offset,
+                source.baseAddress() + static_cast<size_t>(row) * source.bytesPerRow() + offset,
+                bytes);
         }
     }
 
@@ -502,31 +539,38 @@ private:
         return plan;
     }
 
-    void drawLayer(const Layer& layer, PixelBuffer& destination, int width, int height) {
+    void drawLayer(const Layer& layer, PixelBuffer& destination, int width, int height,
+                   const Clip& clip) {
         const LayerPlan& plan = planFor(layer, width, height);
-        if (plan.columns.begin == plan.columns.end) return;
+        const int firstColumn = std::max(plan.columns.begin, clip.left);
+        const int endColumn = std::min(plan.columns.end, clip.right);
+        if (firstColumn >= endColumn) return;
         const uint8_t* source = layer.buffer->baseAddress();
         const size_t sourceBpr = layer.buffer->bytesPerRow();
         uint8_t* target = destination.baseAddress();
         const size_t targetBpr = destination.bytesPerRow();
-        const Tap* columnTaps = plan.columnTaps.data();
-        const size_t count = plan.columnTaps.size();
+        const auto skipped = static_cast<size_t>(firstColumn - plan.columns.begin);
+        const Tap* columnTaps = plan.columnTaps.data() + skipped;
+        const auto count = static_cast<size_t>(endColumn - firstColumn);
 
         // One-pixel-wide sources have no adjacent pair to load at once.
         [[maybe_unused]] const bool pairs = layer.buffer->width() >= 2;
 
-        for (int y = plan.rows.begin; y < plan.rows.end; ++y) {
+        // Image rows count upward: destination row r is image row height - 1 - r.
+        const int firstRow = std::max(plan.rows.begin, height - clip.bottom);
+        const int endRow = std::min(plan.rows.end, height - clip.top);
+        for (int y = firstRow; y < endRow; ++y) {
             const Tap& down = plan.rowTaps[static_cast<size_t>(y - plan.rows.begin)];
             const uint8_t* near = source + static_cast<size_t>(down.first) * sourceBpr;
             const uint8_t* far = source + static_cast<size_t>(down.second) * sourceBpr;
             const int16_t rowWeight = down.weight;
             uint8_t* out = target + static_cast<size_t>(height - 1 - y) * targetBpr +
-                           static_cast<size_t>(plan.columns.begin) * 4;
+                           static_cast<size_t>(firstColumn) * 4;
             size_t i = 0;
 #ifdef GB_AVX2_KERNEL
             if (pairs && hasAvx2()) {
-                i = drawRowAvx2(near, far, columnTaps, plan.weightBytes.data(), count, rowWeight,
-                                out);
+                i = drawRowAvx2(near, far, columnTaps, plan.weightBytes.data() + skipped * 8, count,
+                                rowWeight, out);
                 out += i * 4;
             }
 #endif

@@ -321,4 +321,17 @@ bool SessionBus::installService(const std::string& name, const std::vector<std::
     return service.good();
 }
 
+std::optional<AudioLevels> audioLevelsBetween(const std::string& file, double fromSeconds,
+                                              double toSeconds) {
+    Process p({"ffmpeg", "-v", "info", "-ss", std::to_string(fromSeconds), "-to",
+               std::to_string(toSeconds), "-i", file, "-map", "0:a:0", "-af", "volumedetect", "-f",
+               "null", "-"});
+    if (p.wait(120s) != 0) return std::nullopt;
+    const std::string log = p.stderrText();
+    const auto mean = log.find("mean_volume: ");
+    const auto max = log.find("max_volume: ");
+    if (mean == std::string::npos || max == std::string::npos) return std::nullopt;
+    return AudioLevels{std::atof(log.c_str() + mean + 13), std::atof(log.c_str() + max + 12)};
+}
+
 }  // namespace gb::e2e

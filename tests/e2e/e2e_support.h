@@ -148,5 +148,8 @@ private:
     std::string address_;
     bool ok_ = false;
 };
+// Levels of the audio between two times of the file (as audioLevels()).
+std::optional<AudioLevels> audioLevelsBetween(const std::string& file, double fromSeconds,
+                                              double toSeconds);
 
 }  // namespace gb::e2e

@@ -228,6 +228,41 @@ TEST_F(RecordE2ETest, BadOptionIsRefusedBeforeAnythingStarts) {
     EXPECT_EQ(run.out.find("ScreenRecorder.startRecording() called"), std::string::npos);
 }
 
+// A still screen gives few frames, yet the movie plays its whole length with sound, and a seek
+// into the middle finds the screen's picture.
+TEST_F(RecordE2ETest, StillScreenPlaysThroughWithSoundAndSeeksToThePicture) {
+    VirtualDisplay display(640, 360);
+    VirtualMicrophone mic;
+    ASSERT_TRUE(display.ok() && mic.ok());
+    Process scene({toolPath("demo_scene"), "--flat", "3070c0"}, {{"DISPLAY", display.name()}});
+    std::this_thread::sleep_for(300ms);
+    auto tone = mic.playTone(30);
+
+    auto run = record({"--duration", "10", "--quality", "screen", "--no-camera"}, env(display, mic));
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    EXPECT_NE(run.out.find("unchanged frames"), std::string::npos) << run.out;
+    const std::string path = lastLine(run.out);
+    auto info = probe(path);
+    ASSERT_TRUE(info && info->stream("video") && info->stream("audio"));
+    EXPECT_NEAR(std::atof(info->stream("video")->get("duration").c_str()), 10.0, 0.3);
+    EXPECT_NEAR(std::atof(info->stream("audio")->get("duration").c_str()), 10.0, 0.3);
+    // At least one frame a second for seeking, far fewer than one per frame time.
+    const int frames = countVideoFrames(path);
+    EXPECT_GE(frames, 10);
+    EXPECT_LE(frames, 60);
+    for (double from = 0; from < 10; from += 2) {
+        auto levels = audioLevelsBetween(path, from, from + 2);
+        ASSERT_TRUE(levels);
+        EXPECT_GT(levels->meanDb, -40.0) << "silent from " << from << " s";
+    }
+    auto rgb = decodeFrameRGB(path, 5.0, 640, 360);
+    ASSERT_TRUE(rgb);
+    const size_t at = (100 * 640 + 100) * 3;  // away from the pointer in the middle
+    EXPECT_NEAR((*rgb)[at], 0x30, 12);
+    EXPECT_NEAR((*rgb)[at + 1], 0x70, 12);
+    EXPECT_NEAR((*rgb)[at + 2], 0xc0, 12);
+}
+
 // ---- audio/video sync ----------------------------------------------------------------------
 
 struct Onsets {

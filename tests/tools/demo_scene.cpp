@@ -1,6 +1,9 @@
 // A busy, moving scene for demos, end-to-end tests and benchmarks: a full-screen window with
 // scrolling colour bars, a bouncing box and a frame counter, redrawn 30 times a second.
-// Usage: demo_scene [--flat RRGGBB]   (--flat paints one flat colour once and then idles)
+// Usage: demo_scene [--flat RRGGBB | --typing | --scroll [--frame N]]
+//   --flat paints one flat colour once and then idles; --typing types ten characters a second
+//   into a white page; --scroll scrolls code 4 pixels a frame, with the frame number as 16 black
+//   or white squares at the top left (--frame N draws only frame N and idles).
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
 
@@ -20,16 +23,44 @@ unsigned long rgb(int r, int g, int b) {
     return (static_cast<unsigned long>(r & 255) << 16) | (static_cast<unsigned long>(g & 255) << 8) |
            static_cast<unsigned long>(b & 255);
 }
+
+std::string codeLine(long i) {
+    return std::string(static_cast<size_t>((i * 7 % 5) * 4), ' ') + "auto value_" +
+           std::to_string(i) + " = compute(frame, " + std::to_string(i * 31 % 97) + ");  // " +
+           std::string(static_cast<size_t>(i * 13 % 40), '=');
+}
+
+void drawScrollFrame(Display* dpy, Drawable d, GC gc, int w, int h, long frame) {
+    XSetForeground(dpy, gc, rgb(30, 30, 36));
+    XFillRectangle(dpy, d, gc, 0, 0, w, h);
+    const long offset = frame * 4;
+    for (long y = -(offset % 18), line = offset / 18; y < h; y += 18, ++line) {
+        const std::string text = codeLine(line);
+        XSetForeground(dpy, gc, rgb(120 + line * 37 % 135, 200, 255 - line * 53 % 120));
+        XDrawString(dpy, d, gc, 20, static_cast<int>(y) + 14, text.c_str(), static_cast<int>(text.size()));
+    }
+    for (int bit = 0; bit < 16; ++bit) {
+        XSetForeground(dpy, gc, (frame >> bit) & 1 ? rgb(255, 255, 255) : 0);
+        XFillRectangle(dpy, d, gc, bit * 16, 0, 16, 16);
+    }
+}
 }  // namespace
 
 int main(int argc, char** argv) {
     std::signal(SIGTERM, onSignal);
     std::signal(SIGINT, onSignal);
     long flat = -1;
+    long only = -1;
+    bool typing = false;
+    bool scroll = false;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--flat") == 0 && i + 1 < argc) {
             flat = std::strtol(argv[++i], nullptr, 16);
+        } else if (std::strcmp(argv[i], "--frame") == 0 && i + 1 < argc) {
+            only = std::strtol(argv[++i], nullptr, 10);
         }
+        typing = typing || std::strcmp(argv[i], "--typing") == 0;
+        scroll = scroll || std::strcmp(argv[i], "--scroll") == 0;
     }
     Display* dpy = XOpenDisplay(nullptr);
     if (!dpy) {
@@ -41,7 +72,7 @@ int main(int argc, char** argv) {
     const int h = DisplayHeight(dpy, screen);
     XSetWindowAttributes attrs{};
     attrs.override_redirect = True;
-    attrs.background_pixel = flat >= 0 ? static_cast<unsigned long>(flat) : 0;
+    attrs.background_pixel = flat >= 0 ? static_cast<unsigned long>(flat) : typing ? 0xffffff : 0;
     Window win = XCreateWindow(dpy, RootWindow(dpy, screen), 0, 0, w, h, 0, CopyFromParent,
                                InputOutput, CopyFromParent, CWOverrideRedirect | CWBackPixel,
                                &attrs);
@@ -57,11 +88,36 @@ int main(int argc, char** argv) {
         return 0;
     }
 
-    Pixmap back = XCreatePixmap(dpy, win, w, h, DefaultDepth(dpy, screen));
     auto next = std::chrono::steady_clock::now();
+    if (typing) {
+        XClearWindow(dpy, win);
+        for (long n = 0; !gStop; ++n) {
+            const std::string text = codeLine(n / 60);
+            const char c = static_cast<size_t>(n % 60) < text.size() ? text[n % 60] : '.';
+            XDrawString(dpy, win, gc, 20 + static_cast<int>(n % 60) * 6,
+                        30 + static_cast<int>(n / 60 % 50) * 18, &c, 1);
+            XSync(dpy, False);
+            next += std::chrono::milliseconds(100);
+            std::this_thread::sleep_until(next);
+        }
+        XCloseDisplay(dpy);
+        return 0;
+    }
+    Pixmap back = XCreatePixmap(dpy, win, w, h, DefaultDepth(dpy, screen));
     long frame = 0;
     int bx = 100, by = 100, dx = 9, dy = 7;
     const int bars = 16;
+    while (!gStop && scroll) {
+        drawScrollFrame(dpy, back, gc, w, h, only >= 0 ? only : frame);
+        XCopyArea(dpy, back, win, gc, 0, 0, w, h, 0, 0);
+        XSync(dpy, False);
+        ++frame;
+        if (only >= 0) {
+            while (!gStop) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        next += std::chrono::milliseconds(33);
+        std::this_thread::sleep_until(next);
+    }
     while (!gStop) {
         const int barW = w / bars + 1;
         for (int i = 0; i < bars; ++i) {

@@ -18,6 +18,10 @@ namespace {
 constexpr AVRational kVideoTimeBase{1, 90'000};
 constexpr uint32_t kAacFormatID = 0x61616320;  // "aac "
 constexpr std::chrono::seconds kCorrectionLogSpacing{60};
+// A key frame at least this often on the timeline, however sparse the frames: players seek to them.
+constexpr int64_t kKeyFrameTicks = 10 * 90'000;
+// Changed pictures are converted in bands of rows; a whole number of chroma rows.
+constexpr int kBandRows = 16;
 
 int64_t ticksFromNanoseconds(int64_t ns, AVRational timeBase) {
     return av_rescale_q_rnd(ns, AVRational{1, 1'000'000'000}, timeBase,
@@ -243,6 +247,9 @@ Result<void> MovieEncoder::convertPicture(const PixelBuffer& picture) {
         const int* rgb = sws_getCoefficients(SWS_CS_DEFAULT);
         const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
         sws_setColorspaceDetails(scaler_.get(), rgb, 1, bt709, 0, 0, 1 << 16, 1 << 16);
+        convertedPicture_ = 0;
+        bandScalers_[0].reset();
+        bandScalers_[1].reset();
         if (picture_.width != frame->width || picture_.height != frame->height) {
             logLine("Writer: letterboxing " + std::to_string(sourceWidth_) + "x" +
                     std::to_string(sourceHeight_) + " frames into " + std::to_string(frame->width) +
@@ -252,6 +259,18 @@ Result<void> MovieEncoder::convertPicture(const PixelBuffer& picture) {
     if (const int rc = av_frame_make_writable(frame); rc < 0) {
         return fileOrCodecError(rc, "The video frame couldn't be made");
     }
+    // The frame still holds the last picture converted: redo only what changed since.
+    const PictureChanges& changes = picture.changes();
+    const bool unscaled = picture_.width == sourceWidth_ && picture_.height == sourceHeight_ &&
+                          picture_.width == frame->width && picture_.height == frame->height;
+    if (unscaled && convertedPicture_ != 0 &&
+        (changes.picture == convertedPicture_ || changes.relativeTo(convertedPicture_))) {
+        const Result<void> converted =
+            changes.picture == convertedPicture_ ? Result<void>{} : convertChanges(picture);
+        convertedPicture_ = converted ? changes.picture : 0;
+        return converted;
+    }
+    convertedPicture_ = changes.picture;
     if (picture_.width != frame->width || picture_.height != frame->height) {
         for (int plane = 0; plane < 3; ++plane) {
             const int rows = plane == 0 ? frame->height : (frame->height + 1) / 2;
@@ -269,6 +288,47 @@ Result<void> MovieEncoder::convertPicture(const PixelBuffer& picture) {
     const uint8_t* source[4] = {picture.baseAddress(), nullptr, nullptr, nullptr};
     const int sourceStride[4] = {static_cast<int>(picture.bytesPerRow()), 0, 0, 0};
     sws_scale(scaler_.get(), source, sourceStride, 0, sourceHeight_, destination, frame->linesize);
+    return {};
+}
+
+Result<void> MovieEncoder::convertChanges(const PixelBuffer& picture) {
+    const int bands = (sourceHeight_ + kBandRows - 1) / kBandRows;
+    changedBands_.assign(static_cast<size_t>(bands), false);
+    for (const PixelArea& area : picture.changes().areas) {
+        const int first = std::clamp(area.y / kBandRows, 0, bands);
+        const int last = std::clamp((area.y + area.height + kBandRows - 1) / kBandRows, 0, bands);
+        for (int band = first; band < last; ++band) changedBands_[static_cast<size_t>(band)] = true;
+    }
+    AVFrame* frame = videoFrame_.get();
+    const int* rgb = sws_getCoefficients(SWS_CS_DEFAULT);
+    const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
+    for (int band = 0; band < bands; ++band) {
+        if (!changedBands_[static_cast<size_t>(band)]) continue;
+        const int top = band * kBandRows;
+        const int rows = std::min(kBandRows, sourceHeight_ - top);
+        // One context for whole bands, one for a shorter last band: each call is a picture of
+        // its own, as the scaler takes slices only in order from the top.
+        SwsPtr& scaler = bandScalers_[rows == kBandRows ? 0 : 1];
+        if (!scaler) {
+            scaler.reset(sws_getContext(sourceWidth_, rows, AV_PIX_FMT_BGRA, sourceWidth_, rows,
+                                        AV_PIX_FMT_YUV420P, SWS_POINT, nullptr, nullptr, nullptr));
+            if (!scaler) {
+                return writerError(WriterErrorCode::encodeFailed,
+                                   "Bands of " + std::to_string(sourceWidth_) + "x" +
+                                       std::to_string(rows) + " can't be converted.");
+            }
+            sws_setColorspaceDetails(scaler.get(), rgb, 1, bt709, 0, 0, 1 << 16, 1 << 16);
+        }
+        uint8_t* destination[4] = {
+            frame->data[0] + static_cast<ptrdiff_t>(top) * frame->linesize[0],
+            frame->data[1] + static_cast<ptrdiff_t>(top / 2) * frame->linesize[1],
+            frame->data[2] + static_cast<ptrdiff_t>(top / 2) * frame->linesize[2], nullptr};
+        const uint8_t* source[4] = {
+            picture.baseAddress() + static_cast<size_t>(top) * picture.bytesPerRow(), nullptr,
+            nullptr, nullptr};
+        const int sourceStride[4] = {static_cast<int>(picture.bytesPerRow()), 0, 0, 0};
+        sws_scale(scaler.get(), source, sourceStride, 0, rows, destination, frame->linesize);
+    }
     return {};
 }
 
@@ -303,6 +363,9 @@ Result<void> MovieEncoder::encodeVideo(SampleBufferRef sample, MediaTime session
     sample.reset();  // the capture buffer goes back to its pool before the slow part
 
     videoFrame_->pts = pts;
+    const bool keyFrameDue = lastKeyPts_ < 0 || pts - lastKeyPts_ >= kKeyFrameTicks;
+    videoFrame_->pict_type = keyFrameDue ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+    if (keyFrameDue) lastKeyPts_ = pts;
     videoDurations_[videoDurationNext_++ % videoDurations_.size()] = {pts, duration};
     ++stats_.videoFramesEncoded;
     return sendAndMux(video_.get(), videoFrame_.get(), videoStream_, 0);
@@ -478,6 +541,7 @@ Result<void> MovieEncoder::sendAndMux(AVCodecContext* codec, const AVFrame* fram
         packet->pts += shiftTicks;
         packet->dts += shiftTicks;
         if (codec == video_.get()) {
+            if ((packet->flags & AV_PKT_FLAG_KEY) != 0) lastKeyPts_ = packet->pts;
             for (const auto& [pts, duration] : videoDurations_) {
                 if (duration > 0 && pts == packet->pts) packet->duration = duration;
             }
@@ -502,6 +566,9 @@ Result<void> MovieEncoder::commitIfDue(std::chrono::steady_clock::time_point now
 }
 
 Result<void> MovieEncoder::commit() {
+    // The next fragment starts at its own first timestamps: frames come only when the screen
+    // changes, so the time from this fragment's last frame to the next one is not known here.
+    av_opt_set(muxer_->priv_data, "movflags", "+frag_discont", 0);
     // A null packet seals the fragment (frag_custom).
     if (const int rc = av_write_frame(muxer_.get(), nullptr); rc < 0) {
         return fileOrCodecError(rc, "The movie couldn't be written");
@@ -533,6 +600,7 @@ Result<void> MovieEncoder::finish() {
         }
     }
     if (video_) {
+        if (auto extended = showLastPictureUntilAudioEnds(); !extended) return extended;
         if (auto drained = sendAndMux(video_.get(), nullptr, videoStream_, 0); !drained) {
             return drained;
         }
@@ -544,6 +612,28 @@ Result<void> MovieEncoder::finish() {
     committedBytes_ = file_->position();
     uncommitted_ = false;
     return file_->close();
+}
+
+Result<void> MovieEncoder::showLastPictureUntilAudioEnds() {
+    // Frames come only when the screen changes, so the last one may be long before the end: the
+    // last picture is shown again one frame before the audio ends.
+    if (!audio_ || lastVideoPts_ < 0) return {};
+    const int64_t audioEndNs = av_rescale_q(audioFramesPlaced(), AVRational{1, audio_->sample_rate},
+                                            AVRational{1, 1'000'000'000});
+    const int64_t frameTicks = 3000;
+    const int64_t pts =
+        ticksFromNanoseconds(audioEndNs, kVideoTimeBase) + videoShiftTicks_ - frameTicks;
+    if (pts <= lastVideoPts_ + frameTicks) return {};
+    if (const int rc = av_frame_make_writable(videoFrame_.get()); rc < 0) {
+        return fileOrCodecError(rc, "The video frame couldn't be made");
+    }
+    lastVideoPts_ = pts;
+    videoEndNs_ = audioEndNs;
+    videoFrame_->pts = pts;
+    videoFrame_->pict_type = AV_PICTURE_TYPE_NONE;
+    videoDurations_[videoDurationNext_++ % videoDurations_.size()] = {pts, frameTicks};
+    ++stats_.videoFramesEncoded;
+    return sendAndMux(video_.get(), videoFrame_.get(), videoStream_, 0);
 }
 
 void MovieEncoder::closeAtLastCommit() {

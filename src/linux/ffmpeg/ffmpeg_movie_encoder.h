@@ -96,6 +96,9 @@ private:
     Result<void> commit();
 
     Result<void> convertPicture(const PixelBuffer& picture);
+    // Converts the bands of rows that the picture's changes touch into the frame.
+    Result<void> convertChanges(const PixelBuffer& picture);
+    Result<void> showLastPictureUntilAudioEnds();
     Result<void> ensureResampler(const AudioBuffer& audio);
     Result<void> writeSilence(int64_t frames);
     Result<void> pushAudio(const uint8_t* data, int frames);
@@ -130,6 +133,11 @@ private:
     LetterboxRect picture_;
     int64_t videoShiftTicks_ = 0;
     int64_t lastVideoPts_ = -1;
+    int64_t lastKeyPts_ = -1;
+    // The number of the picture the frame holds (0: none known), for converting only changes.
+    uint64_t convertedPicture_ = 0;
+    std::array<SwsPtr, 2> bandScalers_;  // whole bands, and a shorter last band
+    std::vector<bool> changedBands_;
     // (pts, duration) of the frames in flight: the encoder hands packets back without durations.
     std::array<std::pair<int64_t, int64_t>, 8> videoDurations_{};
     size_t videoDurationNext_ = 0;

@@ -1,6 +1,10 @@
 // Screen capture on X11: an input for one display identifier (a RandR output or the root window)
 // whose source grabs that rectangle of the root window on its own thread, at most once per
 // minimum frame duration, into a fixed pool of BGRA buffers, with the mouse cursor drawn in.
+// The X server's damage reports say what changed: a frame time with no damage and no cursor
+// change grabs nothing (the previous picture goes out again only after the maximum frame
+// duration), and a grab fetches only the rows that changed since that buffer was last filled.
+// Each picture lists the areas that changed since the previous one (PixelBuffer::changes).
 #pragma once
 
 #include <atomic>
@@ -19,6 +23,9 @@ struct X11CaptureOptions {
     std::string displayName;      // empty: $DISPLAY
     bool capturesCursor = true;   // draw the mouse cursor into the frames
     bool forceXGetImage = false;  // skip XShm (also set by GLIMMERBOX_X11_NO_SHM=1)
+    // Grab only what the server reports as changed; off (or GLIMMERBOX_X11_NO_DAMAGE=1): every
+    // frame time grabs the whole screen.
+    bool followsDamage = true;
     int poolSize = 5;             // frame buffers; a frame with none free is dropped
 };
 
@@ -28,6 +35,7 @@ struct X11CaptureStats {
     uint64_t framesDelivered = 0;
     uint64_t framesDroppedNoBuffer = 0;  // every pool buffer still held downstream
     uint64_t frameTimesSkipped = 0;      // deadlines missed because a grab ran late
+    uint64_t framesUnchanged = 0;        // frame times with nothing changed: nothing grabbed
     uint64_t grabFailures = 0;
     uint64_t bufferAllocations = 0;  // frame buffers made since construction
     bool usingXShm = false;
@@ -60,6 +68,8 @@ public:
 
     // Read at each frame, so a change applies from the next frame on. Invalid: 1/30 s.
     void setMinFrameDuration(MediaTime duration);
+    // The longest time without a delivered frame while the screen is still. Invalid: 1 s.
+    void setMaxFrameDuration(MediaTime duration);
     [[nodiscard]] X11CaptureStats stats() const;
 
 private:
@@ -72,10 +82,12 @@ private:
     const uint32_t displayID_;
     const X11CaptureOptions options_;
     std::atomic<int64_t> minFrameNanoseconds_;
+    std::atomic<int64_t> maxFrameNanoseconds_;
     // Written by the grabbing thread, read by stats() and after the thread ended.
     std::atomic<uint64_t> framesDelivered_{0};
     std::atomic<uint64_t> framesDroppedNoBuffer_{0};
     std::atomic<uint64_t> frameTimesSkipped_{0};
+    std::atomic<uint64_t> framesUnchanged_{0};
     std::atomic<uint64_t> grabFailures_{0};
     std::atomic<uint64_t> bufferAllocations_{0};
     std::atomic<bool> usingXShm_{false};
@@ -96,6 +108,7 @@ public:
     X11ScreenInput(uint32_t displayID, X11CaptureOptions options);
 
     void setMinFrameDuration(MediaTime duration) override { source_.setMinFrameDuration(duration); }
+    void setMaxFrameDuration(MediaTime duration) override { source_.setMaxFrameDuration(duration); }
     [[nodiscard]] CaptureSource& captureSource() override { return source_; }
     [[nodiscard]] X11ScreenSource& screenSource() { return source_; }
     [[nodiscard]] uint32_t displayID() const { return displayID_; }
