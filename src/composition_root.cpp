@@ -132,7 +132,7 @@ public:
     FolderPickerResult runModal(const FolderPickerOptions&) override { return {}; }
 };
 
-// Turns SIGINT/SIGTERM into a stop request on the main queue. The signals are blocked in every
+// Turns SIGINT/SIGTERM/SIGHUP (a closed terminal) into a stop request on the main queue. The signals are blocked in every
 // thread (call block() before any thread starts) and taken here with sigwait.
 class SignalStopper {
 public:
@@ -162,6 +162,7 @@ private:
         sigemptyset(&set);
         sigaddset(&set, SIGINT);
         sigaddset(&set, SIGTERM);
+        sigaddset(&set, SIGHUP);
         sigaddset(&set, SIGUSR1);  // wakes the thread to end it
         return set;
     }
@@ -257,6 +258,10 @@ int runRecord(const std::vector<std::string>& args) {
 }
 
 int runTray(int argc, char** argv) {
+    if (const auto problem = QtShell::displayProblem()) {
+        std::fprintf(stderr, "glimmerbox: no display to show the tray on: %s\n", problem->c_str());
+        return 1;
+    }
     SignalStopper::block();
     auto shell = QtShell::launch(argc, argv);
     if (!shell) return 0;  // another copy runs; it said so
@@ -270,7 +275,7 @@ int runTray(int argc, char** argv) {
         [&services] { return makeScreenRecorder(services.recorderPlatform()); });
     shell->mainQueue().async([delegate] { delegate->applicationDidFinishLaunching(); });
     services.prepareScreenCapture();
-    // SIGINT/SIGTERM quit like "Quit Glimmerbox": a running recording is stopped and finished.
+    // SIGINT/SIGTERM/SIGHUP quit like "Quit Glimmerbox": a running recording is stopped and finished.
     SignalStopper stopper([&shell, weak = std::weak_ptr<AppDelegate>(delegate)](int) {
         shell->mainQueue().async([weak] {
             if (auto d = weak.lock()) d->quitApp();

@@ -1,8 +1,12 @@
 // Entry point: parses the command line and hands over to the composition root.
 //   glimmerbox                the tray application
 //   glimmerbox record ...     a headless recording (see `glimmerbox record --help`)
+#include <fcntl.h>
 #include <malloc.h>
+#include <signal.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -11,31 +15,54 @@
 
 namespace {
 
-void printUsage() {
-    std::puts(
+constexpr const char* kVersion = "Glimmerbox 1.0";
+
+void printUsage(std::FILE* to) {
+    std::fputs(
         "Usage: glimmerbox              start the tray application\n"
-        "       glimmerbox record ...   record from the terminal (glimmerbox record --help)");
+        "       glimmerbox record ...   record from the terminal (glimmerbox record --help)\n"
+        "       glimmerbox --version    print the version\n",
+        to);
+}
+
+// A launcher may start us with descriptor 0, 1 or 2 closed. The next file or connection opened
+// would take that number, and log lines would go into it (the X connection, the movie file).
+void occupyStandardDescriptors() {
+    for (int fd = 0; fd <= 2; ++fd) {
+        if (fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;
+        const int opened = open("/dev/null", O_RDWR);
+        if (opened >= 0 && opened != fd) {
+            dup2(opened, fd);
+            close(opened);
+        }
+    }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    occupyStandardDescriptors();
+    // A reader that went away (`| head -1`) ends the log, not the recording.
+    signal(SIGPIPE, SIG_IGN);
     // Frames are megabytes each. A fixed mmap threshold hands freed frames straight back to the
     // system instead of letting glibc's adaptive threshold keep them in the heap.
     mallopt(M_MMAP_THRESHOLD, 1 << 20);
     gb::installPlatformErrorHandlers();
     const std::vector<std::string> args(argv + 1, argv + argc);
-    if (!args.empty() && args[0] == "record") {
+    if (args.empty()) return gb::runTray(argc, argv);
+    if (args[0] == "record") {
         return gb::runRecord(std::vector<std::string>(args.begin() + 1, args.end()));
     }
-    if (!args.empty() && (args[0] == "-h" || args[0] == "--help")) {
-        printUsage();
+    if (args[0] == "-h" || args[0] == "--help") {
+        printUsage(stdout);
         return 0;
     }
-    if (!args.empty() && args[0].rfind("-", 0) != 0) {
-        std::fprintf(stderr, "glimmerbox: unknown command '%s'\n", args[0].c_str());
-        printUsage();
-        return 2;
+    if (args[0] == "--version") {
+        std::puts(kVersion);
+        return 0;
     }
-    return gb::runTray(argc, argv);
+    std::fprintf(stderr, "glimmerbox: unknown %s '%s'\n",
+                 args[0].rfind('-', 0) == 0 ? "option" : "command", args[0].c_str());
+    printUsage(stderr);
+    return 2;
 }
