@@ -330,5 +330,38 @@ TEST_F(RecordE2ETest, AudioAndVideoStayInSyncAtTheStartAndAfterTenMinutes) {
     EXPECT_GE(checkedLate, 1);
 }
 
+TEST_F(RecordE2ETest, AudioAndVideoStayInSyncAfterTheProcessWasStopped) {
+    VirtualDisplay display(640, 360);
+    VirtualMicrophone mic;
+    ASSERT_TRUE(display.ok() && mic.ok());
+    auto m = mic.env();
+    m["DISPLAY"] = display.name();
+    Process beacon({toolPath("sync_beacon"), "--seconds", "40"}, m);
+    ASSERT_TRUE(beacon.waitForOutput("flash 1", 10s));
+    TempDir out;
+
+    Process p({binaryPath(), "record", "--duration", "16", "--quality", "screen", "--no-camera",
+               "--output", out.path()},
+              env(display, mic));
+    ASSERT_TRUE(p.waitForOutput("Recording started successfully", 20s));
+    std::this_thread::sleep_for(3s);
+    p.signal(SIGSTOP);  // a suspend or a starved CPU does the same
+    std::this_thread::sleep_for(5s);
+    p.signal(SIGCONT);
+    ASSERT_EQ(p.wait(60s), 0) << p.stdoutText() << p.stderrText();
+
+    const Onsets o = findOnsets(lastLine(p.stdoutText()));
+    int checked = 0;
+    for (double t : o.audio) {
+        // The picture stands still while the process is stopped (from 3 s to about 8.5 s).
+        if (t > 2.5 && t < 9.0) continue;
+        double d = 1e9;
+        for (double v : o.video) d = std::abs(v - t) < std::abs(d) ? v - t : d;
+        EXPECT_LE(std::abs(d), 1.0 / 30 + 0.005) << "beep at " << t << " s, flash " << d << " s off";
+        checked += t > 9.0 ? 1 : 0;
+    }
+    EXPECT_GE(checked, 2) << "too few beeps after the stop";
+}
+
 }  // namespace
 }  // namespace gb::e2e
