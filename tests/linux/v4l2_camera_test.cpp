@@ -1,4 +1,4 @@
-// V4L2 cameras through a fake device world (tests/fakes/fake_v4l2.h).
+// V4L2 cameras through a fake device world (tests/fakes/fake_v4l2.h): listing, kinds, capture.
 #include "linux/v4l2/v4l2_camera.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +8,9 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
 #include <memory>
 #include <vector>
 
@@ -15,6 +18,7 @@
 #include "fakes/frame_collector.h"
 #include "fakes/log_capture.h"
 #include "fakes/pixel_buffers.h"
+#include "fakes/test_environment.h"
 #include "linux/v4l2/camera_common.h"
 #include "linux/capture/monotonic_clock.h"
 
@@ -273,4 +277,35 @@ TEST_F(V4l2CaptureTest, MjpegIsDecodedCorruptFramesCountedAndAVanishedCameraEnds
 }
 
 }  // namespace
+TEST(V4l2CameraDiscovery, AttachmentComesFromTheDeviceTreeAndLoopbackDevicesAreListed) {
+    namespace fs = std::filesystem;
+    LogCapture log;
+    fakes::TempDirectory sys;
+    FakeV4l2 fake;
+    fake.sysfs = sys.path();
+    const std::string usb = sys / "devices/pci0000:00/0000:00:14.0/usb1/";
+    const std::map<std::string, std::string> parents = {
+        {"video0", usb + "1-5/1-5:1.0"}, {"video2", usb + "1-2/1-2:1.0"},
+        {"video6", sys / "devices/platform/soc/camera0"}, {"video8", ""}};
+    for (const auto& [node, parent] : parents) {
+        fs::create_directories(sys / ("class/video4linux/" + node));
+        if (parent.empty()) continue;
+        fs::create_directories(parent);
+        fs::create_directory_symlink(parent, sys / ("class/video4linux/" + node + "/device"));
+        fake.addNode(webcam("/dev/" + node));
+    }
+    std::ofstream(usb + "1-5/removable") << "fixed\n";
+    std::ofstream(usb + "1-2/removable") << "removable\n";
+    FakeV4l2Node loopback =
+        webcam("/dev/video4", 0, V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING);
+    loopback.busInfo = "platform:v4l2loopback-000";
+    fake.addNode(loopback);
+    fake.addNode(webcam("/dev/video8"));  // in the tree, with no hardware behind it
+    const auto cameras = discoverV4l2Cameras(fake);
+    std::vector<CameraAttachment> kinds;
+    for (const auto& camera : cameras) kinds.push_back(camera->info().attachment);
+    using enum CameraAttachment;
+    EXPECT_EQ(kinds, (std::vector{fixed, removable, fixed, software, software}));
+}
+
 }  // namespace gb::linuxp
