@@ -363,5 +363,52 @@ TEST_F(RecordE2ETest, AudioAndVideoStayInSyncAfterTheProcessWasStopped) {
     EXPECT_GE(checked, 2) << "too few beeps after the stop";
 }
 
+// ---- standard streams, signals and the command line ---------------------------------------
+
+TEST_F(RecordE2ETest, ClosedOrBrokenStandardStreamsAndHangupStillFinishTheFile) {
+    VirtualDisplay display(640, 360);
+    VirtualMicrophone mic;
+    ASSERT_TRUE(display.ok() && mic.ok());
+    struct Case {
+        std::string shell;  // how the command runs; $0 is the program
+        int signal;         // sent 5 s in, or 0 to let --duration end it
+    };
+    const Case cases[] = {{"exec \"$0\" record --duration 3 \"$@\" >&- 2>&-", 0},
+                          {"exec \"$0\" record \"$@\" >&- 2>&-", SIGTERM},
+                          {"\"$0\" record --duration 3 \"$@\" | head -1", 0},
+                          {"exec \"$0\" record \"$@\"", SIGHUP}};
+    for (const Case& c : cases) {
+        TempDir out;
+        Process p({"sh", "-c", c.shell, binaryPath(), "--no-camera", "--output", out.path()},
+                  env(display, mic));
+        if (c.signal != 0) {
+            std::this_thread::sleep_for(5s);
+            p.signal(c.signal);
+        }
+        ASSERT_EQ(p.wait(30s), 0) << c.shell << p.stderrText();
+        std::vector<fs::path> files;
+        for (auto& e : fs::directory_iterator(out.path())) files.push_back(e.path());
+        ASSERT_EQ(files.size(), 1u) << c.shell;
+        const auto info = probe(files[0].string());
+        ASSERT_TRUE(info) << c.shell;
+        EXPECT_GT(info->durationSeconds, 2.0) << c.shell;
+    }
+}
+
+TEST_F(RecordE2ETest, UnknownArgumentsAndAMissingDisplayAreRefused) {
+    Process bogus({binaryPath(), "--bogus"}, baseEnv());
+    EXPECT_EQ(bogus.wait(10s), 2);
+    EXPECT_NE(bogus.stderrText().find("Usage: glimmerbox"), std::string::npos);
+    Process version({binaryPath(), "--version"}, baseEnv());
+    EXPECT_EQ(version.wait(10s), 0);
+    EXPECT_EQ(version.stdoutText().rfind("Glimmerbox ", 0), 0u) << version.stdoutText();
+    auto e = baseEnv();
+    e["DISPLAY"] = "";
+    e["QT_QPA_PLATFORM"] = "";
+    Process tray({binaryPath()}, e);
+    EXPECT_EQ(tray.wait(20s), 1);  // not a crash (128 + SIGABRT)
+    EXPECT_NE(tray.stderrText().find("no display"), std::string::npos) << tray.stderrText();
+}
+
 }  // namespace
 }  // namespace gb::e2e
