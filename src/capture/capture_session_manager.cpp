@@ -47,8 +47,23 @@ CaptureSessionManager::CaptureSessionManager(CaptureFactory& factory, DisplayPro
       cameraManager_(factory) {}
 
 void CaptureSessionManager::setDelegate(std::weak_ptr<CaptureSessionManagerDelegate> delegate) {
-    std::lock_guard lock(fieldsMutex_);
-    delegate_ = std::move(delegate);
+    {
+        std::lock_guard lock(fieldsMutex_);
+        delegate_ = std::move(delegate);
+    }
+    // Either session losing an input ends the recording; the recorder decides how.
+    auto forward = [weakSelf = weak_from_this()](const std::string& reason) {
+        const auto self = weakSelf.lock();
+        if (!self) return;
+        std::shared_ptr<CaptureSessionManagerDelegate> target;
+        {
+            std::lock_guard lock(self->fieldsMutex_);
+            target = self->delegate_.lock();
+        }
+        if (target) target->captureSessionManagerWasInterrupted(*self, reason);
+    };
+    screenSession_->setInterruptionHandler(forward);
+    cameraSession_->setInterruptionHandler(forward);
 }
 
 std::shared_ptr<CaptureOutput> CaptureSessionManager::videoOutput() const {

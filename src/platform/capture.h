@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -92,6 +93,12 @@ public:
     virtual void startRunning() = 0;
     virtual void stopRunning() = 0;
     [[nodiscard]] virtual bool isRunning() const = 0;
+
+    // Called, on any thread, when an input of the running session stopped for good (its device
+    // or server went away, the system ended its stream), with a reason for the log and the user.
+    // Called at most once per run; the handler must not call back into the session.
+    using InterruptionHandler = std::function<void(const std::string& reason)>;
+    virtual void setInterruptionHandler(InterruptionHandler handler) { (void)handler; }
 };
 
 // Pixel dimensions of one capture format.

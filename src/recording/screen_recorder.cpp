@@ -301,6 +301,23 @@ void ScreenRecorder::stopRecording() {
     cleanup();
 }
 
+void ScreenRecorder::captureSessionManagerWasInterrupted(CaptureService&,
+                                                        const std::string& reason) {
+    uint64_t generation = 0;
+    {
+        std::lock_guard lock(mutex_);
+        if (!isRecording_) return;
+        generation = generation_;
+    }
+    // Stopping stops the sessions, which waits for their threads: never on the caller's thread.
+    dispatch_.mainQueue().async([weakSelf = weak_from_this(), reason, generation] {
+        const auto self = weakSelf.lock();
+        if (!self || !self->isRecordingGeneration(generation)) return;
+        logLine("⚠️ Recording stopped: " + reason);
+        self->stopRecording();
+    });
+}
+
 void ScreenRecorder::finishStep(const std::weak_ptr<ScreenRecorder>& weakSelf,
                                 const AssetWriterRef& writer, const std::string& outputURL,
                                 uint64_t generation) {

@@ -74,6 +74,9 @@ public:
     [[nodiscard]] CompositionService& videoComposer();
     [[nodiscard]] WriterService& fileManager();
 
+    // Any thread. Ends the running recording as if Stop had been chosen, after one log line.
+    void captureSessionManagerWasInterrupted(CaptureService& manager,
+                                             const std::string& reason) override;
     void captureSessionManager(CaptureService& manager, const SampleBufferRef& sample,
                                CaptureOutput& output) override;
 

@@ -28,6 +28,12 @@ public:
     virtual ~CaptureSessionManagerDelegate() = default;
     virtual void captureSessionManager(CaptureService& manager, const SampleBufferRef& sample,
                                        CaptureOutput& output) = 0;
+    // A running session lost an input for good; any thread. The recording cannot go on as it was.
+    virtual void captureSessionManagerWasInterrupted(CaptureService& manager,
+                                                     const std::string& reason) {
+        (void)manager;
+        (void)reason;
+    }
 };
 
 class PermissionService {

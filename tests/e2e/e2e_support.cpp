@@ -269,4 +269,12 @@ std::string binaryPath() { return GLIMMERBOX_BINARY; }
 std::string toolPath(const std::string& name) { return std::string(GLIMMERBOX_BUILD_DIR) + "/" + name; }
 std::string sourceDir() { return GLIMMERBOX_SOURCE_DIR; }
 
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    for (const auto end = std::chrono::steady_clock::now() + timeout; !condition();) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(100ms);
+    }
+    return true;
+}
+
 }  // namespace gb::e2e

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <map>
 #include <optional>
@@ -124,5 +125,9 @@ std::optional<AudioLevels> audioLevels(const std::string& file);
 std::string binaryPath();    // the glimmerbox program under test
 std::string toolPath(const std::string& name);  // a helper program from tests/tools
 std::string sourceDir();
+
+// Checks `condition` every 100 ms until it holds (true) or `timeout` has passed (false).
+bool eventually(const std::function<bool()>& condition,
+                std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
 }  // namespace gb::e2e

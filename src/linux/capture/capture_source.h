@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 
 #include "platform/capture.h"
 #include "platform/result.h"
@@ -22,6 +23,11 @@ public:
     [[nodiscard]] virtual Result<void> start(Deliver deliver) = 0;
     // Returns once `deliver` will not be called again. Safe to call when not started.
     virtual void stop() = 0;
+
+    // Set before start. A source whose device, server or stream goes away for good while
+    // started calls it once, on its own thread, with the reason; it must not block there.
+    using Interrupted = std::function<void(const std::string& reason)>;
+    virtual void setInterruptedHandler(Interrupted handler) { (void)handler; }
 };
 
 // Implemented by every Linux CaptureInput: the source behind it.

@@ -185,10 +185,19 @@ void LinuxCaptureSession::removeOutput(const std::shared_ptr<CaptureOutput>& out
     reconcileLocked();
 }
 
+void LinuxCaptureSession::setInterruptionHandler(InterruptionHandler handler) {
+    std::lock_guard lock(interruption_->mutex);
+    interruption_->handler = std::move(handler);
+}
+
 void LinuxCaptureSession::startRunning() {
     std::lock_guard lock(mutex_);
     if (running_) return;
     running_ = true;
+    {
+        std::lock_guard interruptionLock(interruption_->mutex);
+        ++interruption_->run;
+    }
     reconcileLocked();
 }
 
@@ -237,6 +246,19 @@ void LinuxCaptureSession::reconcileLocked() {
         auto output = firstOutputLocked(input->mediaType());
         if (!output) continue;  // nothing to deliver to; starts once an output is added
         std::shared_ptr<SampleReceivingOutput> receiver(output, receiverOf(output));
+        sourceOf(input)->setInterruptedHandler(
+            [weak = std::weak_ptr<Interruption>(interruption_)](const std::string& reason) {
+                const auto shared = weak.lock();
+                if (!shared) return;
+                InterruptionHandler handler;
+                {
+                    std::lock_guard lock(shared->mutex);
+                    if (shared->reportedRun == shared->run) return;  // once per run
+                    shared->reportedRun = shared->run;
+                    handler = shared->handler;
+                }
+                if (handler) handler(reason);
+            });
         Result<void> started = sourceOf(input)->start(
             [receiver](const SampleBufferRef& sample) { receiver->deliver(sample); });
         if (started.ok()) {

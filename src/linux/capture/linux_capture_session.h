@@ -129,6 +129,7 @@ public:
     // Stops the running sources (last started first) and logs each output's drops, if any.
     void stopRunning() override;
     [[nodiscard]] bool isRunning() const override;
+    void setInterruptionHandler(InterruptionHandler handler) override;
 
 private:
     // An input whose source is delivering into an output.
@@ -148,6 +149,14 @@ private:
     std::vector<Connection> connections_;                  // guarded by mutex_; start order
     int configurationDepth_ = 0;                           // guarded by mutex_
     bool running_ = false;                                 // guarded by mutex_
+    // Shared with the sources' handlers, which may run after the session changed or went away.
+    struct Interruption {
+        std::mutex mutex;
+        InterruptionHandler handler;  // guarded by mutex
+        uint64_t run = 0;             // guarded by mutex; the run whose handler already fired
+        uint64_t reportedRun = 0;     // guarded by mutex
+    };
+    const std::shared_ptr<Interruption> interruption_ = std::make_shared<Interruption>();
 };
 
 }  // namespace gb::linuxp

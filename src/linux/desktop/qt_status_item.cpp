@@ -1,7 +1,6 @@
 #include "linux/desktop/qt_status_item.h"
 
 #include <QAction>
-#include <QActionGroup>
 #include <QApplication>
 #include <QCursor>
 #include <QEvent>
@@ -49,7 +48,9 @@ QKeySequence shortcutFor(const std::string& keyEquivalent) {
 }
 
 // Entries that stand for an option value or switch one on and off show their check state, so
-// that an unchecked one still reads as something to check.
+// that an unchecked one still reads as something to check. Options are plain check marks, not
+// an exclusive group: Qt would draw (and export over dbusmenu) radio buttons for one, and the
+// menu is rebuilt after every choice anyway.
 bool showsCheckState(const MenuEntry& entry) {
     return entry.checked || entry.value.has_value() ||
            entry.action == MenuAction::toggleCameraOverlay ||
@@ -58,7 +59,6 @@ bool showsCheckState(const MenuEntry& entry) {
 
 void fill(QMenu& menu, const std::vector<MenuEntry>& entries,
           const std::function<void(const MenuEntry&)>& chosen, const QString& path) {
-    QActionGroup* options = nullptr;  // the entries carrying values: one choice of several
     for (const MenuEntry& entry : entries) {
         if (entry.kind == MenuEntry::Kind::separator) {
             menu.addSeparator();
@@ -80,10 +80,6 @@ void fill(QMenu& menu, const std::vector<MenuEntry>& entries,
         if (showsCheckState(entry)) {
             action->setCheckable(true);
             action->setChecked(entry.checked);
-        }
-        if (entry.value.has_value()) {
-            if (options == nullptr) options = new QActionGroup(&menu);
-            options->addAction(action);
         }
         MenuEntry copy = entry;
         copy.submenu.reset();
@@ -340,6 +336,10 @@ void QtStatusItem::install(std::unique_ptr<QMenu> menu) {
         },
         Qt::QueuedConnection);
     tray_->setContextMenu(menu.get());
+    // Over dbusmenu Qt announces a replaced menu only with the item's NewMenu signal, which
+    // some hosts ignore; an entry put in and taken out again makes it send LayoutUpdated too,
+    // which every host follows.
+    delete menu->addSeparator();
     // The old menu may be the one whose entry is being handled: let it go after that.
     if (menu_) menu_.release()->deleteLater();
     menu_ = std::move(menu);

@@ -5,6 +5,11 @@
 // Where there is no image, the item shows its title: a tray icon cannot show text, so the text
 // is drawn into the icon and also set as its tooltip. Both mouse buttons open the menu.
 //
+// As a StatusNotifierItem (Qt's choice when a watcher with a host is on the session bus at
+// start-up), the menu goes out over dbusmenu and the host shows it on a right click; Qt reports
+// the item as no menu (ItemIsMenu false), so hosts send a left click as Activate, which pops the
+// same menu up at the pointer.
+//
 // Without a tray host the item says so on standard output and shows itself once one appears.
 //
 // With GLIMMERBOX_DEBUG_UI set (see uiDebugLogging()), every installed menu is written to the log

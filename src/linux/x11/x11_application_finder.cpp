@@ -195,9 +195,12 @@ std::vector<RunningApplicationRef> X11ApplicationFinder::runningApplications(
     if (!shared_->connection) {
         auto opened = X11ClientConnection::open(shared_->displayName);
         if (!opened) {
-            logLine("🔧 Cannot look for the editor: " + opened.error().localizedDescription);
+            const std::string why = opened.error().localizedDescription;
+            if (why != shared_->openFailure) logLine("🔧 Cannot look for the editor: " + why);
+            shared_->openFailure = why;
             return {};
         }
+        shared_->openFailure.clear();
         shared_->connection = std::move(opened.value());
     }
     const X11ClientConnection& connection = *shared_->connection;

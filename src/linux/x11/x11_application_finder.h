@@ -23,6 +23,9 @@ struct SharedX11Connection {
     const std::string displayName;
     std::mutex mutex;
     std::unique_ptr<X11ClientConnection> connection;  // guarded by mutex; opened on first use
+    // Why the last attempt to open it failed (guarded by mutex): one search asks for three
+    // editors, and a session without X (Wayland without XWayland) says so once, not each time.
+    std::string openFailure;
 };
 
 class X11ApplicationFinder final : public ApplicationFinder {
