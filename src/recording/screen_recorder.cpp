@@ -314,6 +314,7 @@ void ScreenRecorder::captureSessionManagerWasInterrupted(CaptureService&,
         const auto self = weakSelf.lock();
         if (!self || !self->isRecordingGeneration(generation)) return;
         logLine("⚠️ Recording stopped: " + reason);
+        if (auto delegate = self->currentDelegate()) delegate->recorderWasInterrupted(reason);
         self->stopRecording();
     });
 }

@@ -25,6 +25,9 @@ public:
     virtual void recorderDidStart() = 0;
     virtual void recorderDidStop(const std::string& outputURL) = 0;
     virtual void recorderDidFail(const ScreenRecorderError& error) = 0;
+    // A capture input went away for good; the recording is being stopped and finished (its
+    // outcome follows as recorderDidStop or recorderDidFail). Main thread.
+    virtual void recorderWasInterrupted(const std::string& reason) { (void)reason; }
 };
 
 class ScreenRecorder : public CaptureSessionManagerDelegate,

@@ -131,3 +131,9 @@ bool eventually(const std::function<bool()>& condition,
                 std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
 }  // namespace gb::e2e
+
+namespace gb::e2e {
+// A child of this test process whose command line contains `text` (for instance a server's
+// private socket path), or -1.
+pid_t childWithArgument(const std::string& text);
+}  // namespace gb::e2e

@@ -410,5 +410,28 @@ TEST_F(RecordE2ETest, UnknownArgumentsAndAMissingDisplayAreRefused) {
     EXPECT_NE(tray.stderrText().find("no display"), std::string::npos) << tray.stderrText();
 }
 
+TEST_F(RecordE2ETest, SoundServerDyingEndsTheRecordingWithWhatWasCaptured) {
+    VirtualDisplay display(640, 360);
+    VirtualMicrophone mic;
+    ASSERT_TRUE(display.ok() && mic.ok());
+    TempDir out;
+    Process p({binaryPath(), "record", "--no-camera", "--output", out.path()}, env(display, mic));
+    ASSERT_TRUE(p.waitForOutput("Recording started successfully", 20s)) << p.stdoutText();
+    std::this_thread::sleep_for(3s);
+    const pid_t server = childWithArgument(mic.server().substr(5));
+    ASSERT_GT(server, 0);
+    kill(server, SIGKILL);
+    const auto code = p.wait(20s);
+    ASSERT_TRUE(code) << "still recording after the sound server died";
+    EXPECT_NE(*code, 0);
+    EXPECT_NE(p.stderrText().find("Recording stopped early: The microphone stopped"),
+              std::string::npos)
+        << p.stderrText();
+    const std::string path = lastLine(p.stdoutText());
+    Process decode({"ffmpeg", "-v", "error", "-xerror", "-i", path, "-f", "null", "-"});
+    ASSERT_EQ(decode.wait(60s), 0) << decode.stderrText();
+    EXPECT_GE(countVideoFrames(path), 2 * 30);
+}
+
 }  // namespace
 }  // namespace gb::e2e

@@ -82,8 +82,10 @@ class PulseRecording {
 public:
     using Deliver = CaptureSource::Deliver;
 
+    using Interrupted = CaptureSource::Interrupted;
+
     [[nodiscard]] static Result<std::unique_ptr<PulseRecording>> open(
-        const PulseSourceDescription& source, Deliver deliver);
+        const PulseSourceDescription& source, Deliver deliver, Interrupted interrupted);
 
     ~PulseRecording() { stop(); }
     PulseRecording(const PulseRecording&) = delete;
@@ -118,11 +120,13 @@ private:
     const int64_t maxChunkFrames_;
     const int64_t fragmentFrames_;
 
+    Interrupted interrupted_;
     std::unique_ptr<PulseConnection> connection_;
     PulseStreamPtr stream_;
     AudioTimeline timeline_;
     std::shared_ptr<AudioBufferPool> pool_;
     bool streamReady_ = false;
+    bool capturing_ = false;  // on the capture thread, from its start
     bool ended_ = false;
     uint64_t delivered_ = 0;
     uint64_t dropped_ = 0;
@@ -149,11 +153,13 @@ PulseRecording::PulseRecording(const PulseSourceDescription& source, Deliver del
                                   static_cast<size_t>(maxChunkFrames_) * frameBytes_)) {}
 
 Result<std::unique_ptr<PulseRecording>> PulseRecording::open(const PulseSourceDescription& source,
-                                                             Deliver deliver) {
+                                                             Deliver deliver,
+                                                             Interrupted interrupted) {
     if (source.sampleRate <= 0 || source.channels < 1 || source.channels > 2) {
         return pulseError(PA_ERR_INVALID);
     }
     std::unique_ptr<PulseRecording> recording(new PulseRecording(source, std::move(deliver)));
+    recording->interrupted_ = std::move(interrupted);
     const auto deadline = Clock::now() + kStartTimeout;
     auto connection = PulseConnection::open(kClientName, deadline);
     if (!connection) return connection.error();
@@ -204,6 +210,7 @@ Result<void> PulseRecording::connectStream() {
 void PulseRecording::run(std::stop_token stop) {
     // A stop request interrupts the wait for the next chunk.
     std::stop_callback wake(stop, [this] { connection_->wakeup(); });
+    capturing_ = true;
     try {
         // Reading starts here so that every delivery comes from this thread.
         pa_stream_set_read_callback(stream_.get(), &onReadable, this);
@@ -229,6 +236,8 @@ void PulseRecording::end(const std::string& reason) {
     if (ended_) return;
     ended_ = true;
     logLine("⚠️ Microphone stream ended: " + reason);
+    // Only the running stream reports: a failure while opening is open()'s to return.
+    if (capturing_ && interrupted_) interrupted_("The microphone stopped: " + reason);
 }
 
 void PulseRecording::onStreamState(pa_stream* stream, void* userdata) {
@@ -415,10 +424,15 @@ public:
     Result<void> start(Deliver deliver) override {
         std::lock_guard lock(mutex_);
         if (recording_) return pulseError(PA_ERR_BADSTATE);
-        auto recording = PulseRecording::open(source_, std::move(deliver));
+        auto recording = PulseRecording::open(source_, std::move(deliver), interrupted_);
         if (!recording) return recording.error();
         recording_ = std::move(recording.value());
         return {};
+    }
+
+    void setInterruptedHandler(Interrupted handler) override {
+        std::lock_guard lock(mutex_);
+        interrupted_ = std::move(handler);
     }
 
     void stop() override {
@@ -434,6 +448,7 @@ private:
     const PulseSourceDescription source_;
     std::mutex mutex_;
     std::unique_ptr<PulseRecording> recording_;  // guarded by mutex_
+    Interrupted interrupted_;                     // guarded by mutex_
 };
 
 PulseMicrophoneInput::PulseMicrophoneInput(PulseSourceDescription source)
