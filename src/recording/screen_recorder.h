@@ -139,6 +139,8 @@ private:
     // The writer was asked to finish and the finish step has not run yet; a new start is refused
     // meanwhile, so the finish step's clean-up never meets a newer recording.
     bool finishing_ = false;  // guarded by mutex_
+    // A start that came during the finish; runs when the finish step is done. Guarded by mutex_.
+    std::function<void()> startAfterFinish_;
     // The stop took the current recording over while its start was still running; the start's
     // failure path then leaves its clean-up to the stop and finish steps.
     bool stopTookOver_ = false;           // guarded by mutex_

@@ -28,8 +28,9 @@ const Strings kStartLines = {
     "2000000, \"ProfileLevel\": H264_Main_AutoLevel, \"H264EntropyMode\": CAVLC]]",
     "AVAssetWriter started successfully",
     "Recording started successfully"};
-const std::string kBusy =
-    "startRecording called but a previous recording is still starting or finishing";
+const std::string kWaits =
+    "startRecording called while the previous recording is finishing; it starts once the file is "
+    "finished";
 const auto screenAt = [](int64_t t) { return makeVideoSample(mediaTime(t), ImageSize{32, 18}); };
 const auto imagelessAt = [](int64_t t) { return makeVideoSample(mediaTime(t), std::nullopt); };
 const auto cameraAt = [](int64_t t) { return makeVideoSample(mediaTime(t), ImageSize{16, 9}); };
@@ -210,7 +211,7 @@ TEST_F(RecorderTest, EveryFileManagerErrorBecomesFailedToCreateVideoWriter) {
     }
 }
 
-TEST_F(RecorderTest, StartsAndStopsThatMeetAnotherRecordingAreRefusedWithALine) {
+TEST_F(RecorderTest, StartsAndStopsThatMeetAnotherRecordingAreRefusedOrWaitWithALine) {
     recorder->stopRecording();
     EXPECT_EQ(log.lines(), Strings{"Stop recording called but not currently recording"});
     setWriter({.holdFinish = true});
@@ -221,7 +222,7 @@ TEST_F(RecorderTest, StartsAndStopsThatMeetAnotherRecordingAreRefusedWithALine) 
     start();
     EXPECT_EQ(log.lines(), (Strings{"startRecording called but already recording",
                                     "Stopping recording...", "Finishing writing to: " + kPath,
-                                    "Stop recording called but not currently recording", kBusy}));
+                                    "Stop recording called but not currently recording", kWaits}));
     EXPECT_EQ(factory.writers().size(), 1u);
     EXPECT_EQ(writer()->finishCalls(), 1);
     EXPECT_EQ(fileManager->currentOutputURL(), kPath);  // the finishing recording is left alone
@@ -232,8 +233,26 @@ TEST_F(RecorderTest, StartsAndStopsThatMeetAnotherRecordingAreRefusedWithALine) 
     runMain();
     EXPECT_EQ(kinds(), (std::vector<RK>{RK::didStart, RK::didStop}));
     EXPECT_EQ(last().outputURL, kPath);
-    start();  // after the finish step a start goes through again
+    dispatch.background.runPending();  // the start that waited for the finish
     EXPECT_EQ(last().kind, RK::didStart);
+    EXPECT_EQ(factory.writers().size(), 2u);
+}
+
+TEST_F(RecorderTest, StopDuringTheStartsPauseFinishesTheFileAsTheOnlyOutcome) {
+    for (const bool cancelled : {false, true}) {
+        fresh();
+        CancellationToken token;
+        dispatch.sleeperImpl.setOnSleep([&] {
+            if (cancelled) token.cancel();  // as the menu's stop cancels the start's task
+            recorder->stopRecording();
+        });
+        start(token);
+        dispatch.sleeperImpl.setOnSleep(nullptr);
+        runMain();
+        EXPECT_EQ(kinds(), (std::vector<RK>{RK::didStop})) << cancelled;
+        EXPECT_EQ(writer()->finishCalls(), 1);
+        EXPECT_FALSE(recorder->hasUnfinishedRecording());
+    }
 }
 
 TEST_F(RecorderTest, FinalisationFailureIsReportedWithTheWritersError) {
