@@ -197,6 +197,13 @@ TEST_F(PulseMicrophoneTest, RecordsTheDefaultSourceInTimeAndStopsPromptly) {
                 ElementsAre(HasSubstr("Connection terminated")));
 }
 
+TEST_F(PulseMicrophoneTest, AStreamTheServerRefusesFailsWhenTheInputIsMade) {
+    PrivatePulseServer server;
+    ASSERT_TRUE(server.ready()) << server.log();
+    PulseMicrophoneDevice gone({"gbtest.no-such-source", "Gone", kRate, 2});
+    EXPECT_FALSE(gone.makeInput().ok());
+}
+
 TEST(PulseAccessTest, CameraIsRefusedOnlyWhenNoVideoNodeCanBeOpened) {
     TempDirectory devices;
     ::chmod(devices.path().c_str(), 0755);  // searchable by the unprivileged user

@@ -421,17 +421,27 @@ public:
 
     [[nodiscard]] MediaType mediaType() const override { return MediaType::audio; }
 
+    // Opens the stream now, so that a server or source that refuses it fails the set-up rather
+    // than leaving the recording without sound. What it captures before start() is not kept.
+    Result<void> prepare() {
+        std::lock_guard lock(mutex_);
+        return prepareLocked();
+    }
+
     Result<void> start(Deliver deliver) override {
         std::lock_guard lock(mutex_);
-        if (recording_) return pulseError(PA_ERR_BADSTATE);
-        auto recording = PulseRecording::open(source_, std::move(deliver), interrupted_);
-        if (!recording) return recording.error();
-        recording_ = std::move(recording.value());
+        if (started_) return pulseError(PA_ERR_BADSTATE);
+        if (auto prepared = prepareLocked(); !prepared) return prepared.error();
+        {
+            std::lock_guard targets(targetMutex_);
+            deliver_ = std::move(deliver);
+        }
+        started_ = true;
         return {};
     }
 
     void setInterruptedHandler(Interrupted handler) override {
-        std::lock_guard lock(mutex_);
+        std::lock_guard targets(targetMutex_);
         interrupted_ = std::move(handler);
     }
 
@@ -440,15 +450,46 @@ public:
         {
             std::lock_guard lock(mutex_);
             recording = std::move(recording_);
+            started_ = false;
+        }
+        {
+            // Waits for a delivery in progress; none follows.
+            std::lock_guard targets(targetMutex_);
+            deliver_ = nullptr;
         }
         recording.reset();  // joins the capture thread
     }
 
 private:
+    Result<void> prepareLocked() {
+        if (recording_) return {};
+        auto recording = PulseRecording::open(
+            source_,
+            [this](const SampleBufferRef& sample) {
+                std::lock_guard targets(targetMutex_);
+                if (deliver_) deliver_(sample);
+            },
+            [this](const std::string& reason) {
+                Interrupted handler;
+                {
+                    std::lock_guard targets(targetMutex_);
+                    if (!deliver_) return;  // not recording: nobody to tell
+                    handler = interrupted_;
+                }
+                if (handler) handler(reason);
+            });
+        if (!recording) return recording.error();
+        recording_ = std::move(recording.value());
+        return {};
+    }
+
     const PulseSourceDescription source_;
     std::mutex mutex_;
     std::unique_ptr<PulseRecording> recording_;  // guarded by mutex_
-    Interrupted interrupted_;                     // guarded by mutex_
+    bool started_ = false;                        // guarded by mutex_
+    std::mutex targetMutex_;                      // taken by the capture thread per delivery
+    Deliver deliver_;                             // guarded by targetMutex_
+    Interrupted interrupted_;                     // guarded by targetMutex_
 };
 
 PulseMicrophoneInput::PulseMicrophoneInput(PulseSourceDescription source)
@@ -460,6 +501,10 @@ CaptureSource& PulseMicrophoneInput::captureSource() {
     return *source_;
 }
 
+Result<void> PulseMicrophoneInput::prepare() {
+    return source_->prepare();
+}
+
 CameraDeviceInfo PulseMicrophoneDevice::info() const {
     CameraDeviceInfo info;
     info.localizedName = source_.description;
@@ -469,7 +514,9 @@ CameraDeviceInfo PulseMicrophoneDevice::info() const {
 }
 
 Result<std::shared_ptr<CaptureInput>> PulseMicrophoneDevice::makeInput() {
-    return std::shared_ptr<CaptureInput>(std::make_shared<PulseMicrophoneInput>(source_));
+    auto input = std::make_shared<PulseMicrophoneInput>(source_);
+    if (auto prepared = input->prepare(); !prepared) return prepared.error();
+    return std::shared_ptr<CaptureInput>(std::move(input));
 }
 
 CaptureDeviceRef defaultPulseMicrophone(std::chrono::milliseconds timeout) {

@@ -55,6 +55,8 @@ public:
 
     [[nodiscard]] MediaType mediaType() const override { return MediaType::audio; }
     [[nodiscard]] CaptureSource& captureSource() override;
+    // Opens the stream ahead of the start (see PulseMicrophoneSource); fails as opening does.
+    [[nodiscard]] Result<void> prepare();
 
 private:
     std::unique_ptr<PulseMicrophoneSource> source_;
@@ -72,6 +74,7 @@ public:
     void setActiveFormat(int /*formatIndex*/) override {}
     void unlockForConfiguration() override {}
 
+    // The input with its stream already open: a source that cannot be recorded fails here.
     [[nodiscard]] Result<std::shared_ptr<CaptureInput>> makeInput() override;
     [[nodiscard]] const PulseSourceDescription& source() const { return source_; }
 
