@@ -179,16 +179,15 @@ TEST(V4l2CameraDiscovery, ListsCaptureNodesInDeviceOrderWithTheirConvertibleSize
     EXPECT_EQ(fake.openHandles(), 0U);
 }
 
-TEST_F(V4l2CaptureTest, DeviceHeldByAnotherProgramIsSuspendedAndRefusesTheLockAndTheStart) {
+TEST_F(V4l2CaptureTest, DeviceHeldByAnotherProgramIsSuspendedAndRefusesTheLockAndTheInput) {
     FakeV4l2Node node = webcam();
     node.busy = true;
-    CaptureSource* source = capture(node);
-    ASSERT_NE(source, nullptr);
+    EXPECT_EQ(capture(node), nullptr);  // the stream opens with the input: the set-up fails
+    camera = std::dynamic_pointer_cast<V4l2CameraDevice>(discoverV4l2Cameras(fake).front());
     EXPECT_TRUE(camera->info().connected);
     EXPECT_TRUE(camera->info().suspended);
-    FrameCollector frames;
     for (const Result<void>& refused :
-         {camera->lockForConfiguration(), source->start(frames.deliver())}) {
+         {camera->lockForConfiguration(), Result<void>(camera->makeInput().error())}) {
         ASSERT_FALSE(refused.ok());
         EXPECT_EQ(refused.error().localizedDescription,
                   "Camera HD Webcam is in use by another program");
@@ -197,6 +196,9 @@ TEST_F(V4l2CaptureTest, DeviceHeldByAnotherProgramIsSuspendedAndRefusesTheLockAn
     // Free again; and our own capture does not make it look busy.
     fake.setBusy(kPath, false);
     EXPECT_FALSE(camera->info().suspended);
+    input = camera->makeInput().value();
+    CaptureSource* source = &fakes::sourceOf(input);
+    FrameCollector frames;
     ASSERT_TRUE(source->start(frames.deliver()).ok());
     EXPECT_FALSE(camera->info().suspended);
     EXPECT_TRUE(camera->lockForConfiguration().ok());

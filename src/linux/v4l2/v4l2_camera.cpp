@@ -365,12 +365,17 @@ public:
 
     [[nodiscard]] MediaType mediaType() const override { return MediaType::video; }
 
+    // Opens the device and starts its stream now, so that a camera that cannot stream fails the
+    // set-up; frames are taken from start() on.
+    Result<void> prepare() {
+        std::lock_guard lock(controlMutex_);
+        return prepareLocked();
+    }
+
     Result<void> start(Deliver deliver) override {
         std::lock_guard lock(controlMutex_);
-        if (stream_) return v4l2Error(EALREADY, "Camera capture is already running");
-        auto stream = openStream();
-        if (!stream) return stream.error();
-        stream_ = std::move(stream.value());
+        if (thread_.joinable()) return v4l2Error(EALREADY, "Camera capture is already running");
+        if (auto prepared = prepareLocked(); !prepared) return prepared.error();
         Stream& s = *stream_;
         thread_ = std::jthread(
             [&s, deliver = std::move(deliver)](std::stop_token stop) { run(stop, s, deliver); });
@@ -390,6 +395,14 @@ public:
     }
 
 private:
+    Result<void> prepareLocked() {
+        if (stream_) return {};
+        auto stream = openStream();
+        if (!stream) return stream.error();
+        stream_ = std::move(stream.value());
+        return {};
+    }
+
     Result<std::unique_ptr<Stream>> openStream() {
         V4l2Calls& calls = device_->calls;
         const std::string name = device_->currentName();
@@ -695,8 +708,9 @@ Result<std::shared_ptr<CaptureInput>> V4l2CameraDevice::makeInput() {
     if (!state_->currentPath()) {
         return v4l2Error(ENODEV, "Camera " + state_->currentName() + " is not connected");
     }
-    return std::shared_ptr<CaptureInput>(
-        std::make_shared<CameraInput>(std::make_unique<V4l2CaptureSource>(state_)));
+    auto source = std::make_unique<V4l2CaptureSource>(state_);
+    if (auto prepared = source->prepare(); !prepared) return prepared.error();
+    return std::shared_ptr<CaptureInput>(std::make_shared<CameraInput>(std::move(source)));
 }
 
 V4l2Format V4l2CameraDevice::chosenFormat() const {
