@@ -256,8 +256,10 @@ void HeadlessRecording::recorderWasInterrupted(const std::string& reason) {
 void HeadlessRecording::recorderDidFail(const ScreenRecorderError& error) {
     auto self = shared_from_this();
     std::string text = error.errorDescription();
-    dispatch_.mainQueue().async([self, text] {
+    const std::string reason = error.reason();
+    dispatch_.mainQueue().async([self, text, reason] {
         self->output_.error(text);
+        if (!reason.empty()) self->output_.error(reason);
         self->finish(1);
     });
 }

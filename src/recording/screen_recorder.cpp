@@ -177,7 +177,8 @@ void ScreenRecorder::runStart(const CancellationToken& cancellation) {
                   ScreenRecorderError::setupFailed(error.errorDescription()));
         return;
     } catch (const RecordingFileManagerError& error) {
-        failStart(generation, error.caseDescription(), ScreenRecorderError::writerCreationFailed());
+        failStart(generation, error.caseDescription(),
+                  ScreenRecorderError::writerCreationFailed(error.localizedDescription()));
         return;
     } catch (const CancellationError& error) {
         failStart(generation, "CancellationError()",

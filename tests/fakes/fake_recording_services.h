@@ -166,6 +166,7 @@ public:
         std::string outputURL;    // didStop
         std::string description;  // didFail: the error's description
         std::optional<ScreenRecorderError::Kind> errorKind;
+        std::string reason = {};  // didFail: the reason kept beside a payload-less case
     };
 
     void recorderDidStart() override { add({Report::Kind::didStart, {}, {}, std::nullopt}); }
@@ -173,7 +174,7 @@ public:
         add({Report::Kind::didStop, outputURL, {}, std::nullopt});
     }
     void recorderDidFail(const ScreenRecorderError& error) override {
-        add({Report::Kind::didFail, {}, error.localizedDescription(), error.kind()});
+        add({Report::Kind::didFail, {}, error.localizedDescription(), error.kind(), error.reason()});
     }
 
     [[nodiscard]] std::vector<Report> reports() const { return lockedCopy(mutex_, reports_); }

@@ -203,6 +203,7 @@ TEST_F(RecorderTest, EveryFileManagerErrorBecomesFailedToCreateVideoWriter) {
         if (c.noDocuments) files.setDocumentsDirectory(std::nullopt);
         start();
         expectOneFailure("Failed to create video writer", EK::writerCreationFailed);
+        EXPECT_FALSE(last().reason.empty()) << c.logged;  // for the log and the terminal
         EXPECT_EQ(log.lines().back(), "Recording setup failed: " + c.logged);
         EXPECT_EQ(capture->cleanupCount(), 1);
         EXPECT_EQ(fileManager->currentOutputURL(), std::nullopt);  // cleared by the clean-up
