@@ -197,8 +197,9 @@ public:
     FolderPickerResult runModal(const FolderPickerOptions&) override { return {}; }
 };
 
-// Turns SIGINT/SIGTERM into a stop request on the main queue. The signals are blocked in every
-// thread (call block() before any thread starts) and taken here with sigwait.
+// Turns SIGINT/SIGTERM/SIGHUP (a closed terminal) into a stop request on the main queue. The
+// signals are blocked in every thread (call block() before any thread starts) and taken here
+// with sigwait.
 class SignalStopper {
 public:
     static void block() {
@@ -227,6 +228,7 @@ private:
         sigemptyset(&set);
         sigaddset(&set, SIGINT);
         sigaddset(&set, SIGTERM);
+        sigaddset(&set, SIGHUP);
         sigaddset(&set, SIGUSR1);  // wakes the thread to end it
         return set;
     }
@@ -325,6 +327,10 @@ int runRecord(const std::vector<std::string>& args) {
 }
 
 int runTray(int argc, char** argv) {
+    if (const auto problem = QtShell::displayProblem()) {
+        std::fprintf(stderr, "glimmerbox: no display to show the tray on: %s\n", problem->c_str());
+        return 1;
+    }
     SignalStopper::block();
     auto shell = QtShell::launch(argc, argv);
     if (!shell) {
@@ -375,7 +381,7 @@ int runTray(int argc, char** argv) {
         }
     });
     services.prepareScreenCapture();
-    // SIGINT/SIGTERM quit like "Quit Glimmerbox": a running recording is stopped and finished.
+    // SIGINT/SIGTERM/SIGHUP quit like "Quit Glimmerbox": a running recording is stopped and finished.
     SignalStopper stopper([&shell, &services, weak = std::weak_ptr<AppDelegate>(delegate)](int) {
         services.cancelPendingScreenCapture();
         shell->mainQueue().async([weak] {

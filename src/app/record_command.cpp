@@ -252,15 +252,25 @@ void HeadlessRecording::recorderDidStop(const std::string& outputURL) {
     auto self = shared_from_this();
     dispatch_.mainQueue().async([self, outputURL] {
         self->output_.line(outputURL);
-        self->finish(0);
+        // The file holds what was captured, but the recording did not run as asked.
+        if (self->interruption_) {
+            self->output_.error("Recording stopped early: " + *self->interruption_);
+        }
+        self->finish(self->interruption_ ? 1 : 0);
     });
+}
+
+void HeadlessRecording::recorderWasInterrupted(const std::string& reason) {
+    interruption_ = reason;
 }
 
 void HeadlessRecording::recorderDidFail(const ScreenRecorderError& error) {
     auto self = shared_from_this();
     std::string text = error.errorDescription();
-    dispatch_.mainQueue().async([self, text] {
+    const std::string reason = error.reason();
+    dispatch_.mainQueue().async([self, text, reason] {
         self->output_.error(text);
+        if (!reason.empty()) self->output_.error(reason);
         self->finish(1);
     });
 }

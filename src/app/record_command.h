@@ -95,6 +95,7 @@ public:
     void recorderDidStart() override;
     void recorderDidStop(const std::string& outputURL) override;
     void recorderDidFail(const ScreenRecorderError& error) override;
+    void recorderWasInterrupted(const std::string& reason) override;
 
 private:
     enum class Phase { idle, starting, recording, stopping, done };
@@ -110,6 +111,7 @@ private:
     std::function<void(int)> finished_;
     Phase phase_ = Phase::idle;
     bool stopRequested_ = false;
+    std::optional<std::string> interruption_;  // why capture ended before it was asked to
     CancellationToken timer_;
     bool automationPending_ = false;
     std::optional<int> exitCode_;

@@ -99,6 +99,10 @@ std::optional<size_t> chooseFormat(const std::vector<CameraFormat>& formats,
 }  // namespace
 
 bool CameraManager::isVirtual(const CameraDeviceInfo& info) {
+    // What the device says of itself outweighs what its name suggests.
+    if (info.attachment != CameraAttachment::unknown) {
+        return info.attachment == CameraAttachment::software;
+    }
     const std::string name = lowercased(info.localizedName);
     return contains(name, "virtual") || contains(name, "obs") || contains(name, "mmhmm") ||
            contains(name, "screen") || contains(info.uniqueID, "CMIO");
@@ -106,6 +110,8 @@ bool CameraManager::isVirtual(const CameraDeviceInfo& info) {
 
 CameraCategory CameraManager::category(const CameraDeviceInfo& info) {
     if (isVirtual(info)) return CameraCategory::virtualCamera;
+    if (info.attachment == CameraAttachment::fixed) return CameraCategory::builtIn;
+    if (info.attachment == CameraAttachment::removable) return CameraCategory::external;
     const std::string name = lowercased(info.localizedName);
     if (contains(name, "facetime") || contains(name, "built-in")) return CameraCategory::builtIn;
     return CameraCategory::external;

@@ -113,6 +113,10 @@ struct CameraFormat {
 };
 
 // What the logic reads of a capture device.
+// How a camera is attached, when the platform can tell: part of the machine (a fixed bus or a
+// USB port marked fixed), plugged in (removable USB), or made by software (a loopback device).
+enum class CameraAttachment { unknown, fixed, removable, software };
+
 struct CameraDeviceInfo {
     std::string localizedName;
     std::string uniqueID;
@@ -121,6 +125,7 @@ struct CameraDeviceInfo {
     bool suspended = false;
     std::vector<CameraFormat> formats;  // in the device's own order
     int activeFormatIndex = -1;         // index into formats, -1 when there is none
+    CameraAttachment attachment = CameraAttachment::unknown;
 };
 
 // A capture device (a camera or a microphone).

@@ -85,8 +85,10 @@ ScreenRecorderError ScreenRecorderError::recordingFailed(std::string text) {
 ScreenRecorderError ScreenRecorderError::noDisplay() {
     return {Kind::noDisplay, {}};
 }
-ScreenRecorderError ScreenRecorderError::writerCreationFailed() {
-    return {Kind::writerCreationFailed, {}};
+ScreenRecorderError ScreenRecorderError::writerCreationFailed(std::string reason) {
+    ScreenRecorderError error{Kind::writerCreationFailed, {}};
+    error.reason_ = std::move(reason);
+    return error;
 }
 
 std::string ScreenRecorderError::caseDescription() const {

@@ -30,16 +30,20 @@ public:
     static ScreenRecorderError setupFailed(std::string text);
     static ScreenRecorderError recordingFailed(std::string text);
     static ScreenRecorderError noDisplay();
-    static ScreenRecorderError writerCreationFailed();
+    // The case has no payload; `reason` (the writer's own text) is kept beside it for the log
+    // and the terminal, never shown in its description.
+    static ScreenRecorderError writerCreationFailed(std::string reason = {});
 
     [[nodiscard]] Kind kind() const { return kind_; }
     [[nodiscard]] const std::string& payload() const { return payload_; }
+    [[nodiscard]] const std::string& reason() const { return reason_; }
     [[nodiscard]] std::string caseDescription() const override;
 
 private:
     ScreenRecorderError(Kind kind, std::string payload);
     Kind kind_;
     std::string payload_;
+    std::string reason_;
 };
 
 class RecordingFileManagerError final : public EngineError {

@@ -1,5 +1,6 @@
 #include "recording/log.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -17,6 +18,13 @@ LogSink& currentSink() {
     return sink;
 }
 
+// Set once standard output's reader has gone (a closed pipe): the log ends there, the work goes
+// on. Guarded by logMutex().
+bool& outputGone() {
+    static bool gone = false;
+    return gone;
+}
+
 }  // namespace
 
 void logLine(std::string_view line) {
@@ -30,8 +38,12 @@ void logLine(std::string_view line) {
     whole.reserve(line.size() + 1);
     whole.append(line);
     whole.push_back('\n');
+    if (outputGone()) return;
     std::fwrite(whole.data(), 1, whole.size(), stdout);
-    std::fflush(stdout);
+    if (std::fflush(stdout) != 0) {
+        if (errno == EPIPE) outputGone() = true;
+        std::clearerr(stdout);
+    }
 }
 
 LogSink setLogSink(LogSink sink) {

@@ -123,8 +123,22 @@ void ScreenRecorder::startRecording(CancellationToken cancellation,
                                     std::function<void()> completion) {
     dispatch_.backgroundExecutor().async(
         [self = shared_from_this(), cancellation, completion = std::move(completion)] {
-            self->runStart(cancellation);
-            if (completion) completion();
+            auto run = [self, cancellation, completion] {
+                self->runStart(cancellation);
+                if (completion) completion();
+            };
+            {
+                std::lock_guard lock(self->mutex_);
+                // Started again while the last file is being finished: this start runs once the
+                // finish is done (the finish step hands it to the executor).
+                if (self->finishing_ && !self->starting_ && !self->startAfterFinish_) {
+                    logLine("startRecording called while the previous recording is finishing; "
+                            "it starts once the file is finished");
+                    self->startAfterFinish_ = std::move(run);
+                    return;
+                }
+            }
+            run();
         });
 }
 
@@ -163,7 +177,8 @@ void ScreenRecorder::runStart(const CancellationToken& cancellation) {
                   ScreenRecorderError::setupFailed(error.errorDescription()));
         return;
     } catch (const RecordingFileManagerError& error) {
-        failStart(generation, error.caseDescription(), ScreenRecorderError::writerCreationFailed());
+        failStart(generation, error.caseDescription(),
+                  ScreenRecorderError::writerCreationFailed(error.localizedDescription()));
         return;
     } catch (const CancellationError& error) {
         failStart(generation, "CancellationError()",
@@ -193,11 +208,18 @@ void ScreenRecorder::runStart(const CancellationToken& cancellation) {
         return;
     }
 
-    logLine("Recording started successfully");
+    bool stopped = false;
     {
         std::lock_guard lock(mutex_);
         starting_ = false;
+        stopped = stopTookOver_;
     }
+    if (stopped) {
+        // Stopped during the pause: the finished file is the one outcome.
+        logLine("Recording start ended by a stop; the recording is being finished");
+        return;
+    }
+    logLine("Recording started successfully");
     if (auto delegate = currentDelegate()) delegate->recorderDidStart();
 }
 
@@ -229,7 +251,6 @@ void ScreenRecorder::startSteps(uint64_t generation, const CancellationToken& ca
 
 void ScreenRecorder::failStart(uint64_t generation, const std::string& errorText,
                                ScreenRecorderError error) {
-    logLine("Recording setup failed: " + errorText);
     bool ownsRecording = false;
     {
         std::lock_guard lock(mutex_);
@@ -238,8 +259,16 @@ void ScreenRecorder::failStart(uint64_t generation, const std::string& errorText
         // lose the file.
         ownsRecording = generation_ == generation && !stopTookOver_;
         if (ownsRecording) isRecording_ = false;
+        // A stop during the pause ends the start too: the finished file (or its failure) is
+        // the one outcome, with no failed start reported next to it.
+        if (!ownsRecording) starting_ = false;
     }
-    if (ownsRecording) cleanup();
+    if (!ownsRecording) {
+        logLine("Recording start ended by a stop; the recording is being finished");
+        return;
+    }
+    logLine("Recording setup failed: " + errorText);
+    cleanup();
     {
         std::lock_guard lock(mutex_);
         starting_ = false;
@@ -320,6 +349,7 @@ void ScreenRecorder::captureSessionManagerWasInterrupted(CaptureService&,
         const auto self = weakSelf.lock();
         if (!self || !self->isRecordingGeneration(generation)) return;
         logLine("⚠️ Recording stopped: " + reason);
+        if (auto delegate = self->currentDelegate()) delegate->recorderWasInterrupted(reason);
         self->stopRecording();
     });
 }
@@ -353,8 +383,13 @@ void ScreenRecorder::finishStep(const std::weak_ptr<ScreenRecorder>& weakSelf,
         ownRecording = self->generation_ == generation && !self->isRecording_;
     }
     if (ownRecording) self->cleanup();
-    std::lock_guard lock(self->mutex_);
-    self->finishing_ = false;
+    std::function<void()> nextStart;
+    {
+        std::lock_guard lock(self->mutex_);
+        self->finishing_ = false;
+        nextStart = std::exchange(self->startAfterFinish_, nullptr);
+    }
+    if (nextStart) self->dispatch_.backgroundExecutor().async(std::move(nextStart));
 }
 
 void ScreenRecorder::cleanup() {

@@ -25,6 +25,9 @@ public:
     virtual void recorderDidStart() = 0;
     virtual void recorderDidStop(const std::string& outputURL) = 0;
     virtual void recorderDidFail(const ScreenRecorderError& error) = 0;
+    // A capture input went away for good; the recording is being stopped and finished (its
+    // outcome follows as recorderDidStop or recorderDidFail). Main thread.
+    virtual void recorderWasInterrupted(const std::string& reason) { (void)reason; }
 };
 
 class ScreenRecorder : public CaptureSessionManagerDelegate,
@@ -136,6 +139,8 @@ private:
     // The writer was asked to finish and the finish step has not run yet; a new start is refused
     // meanwhile, so the finish step's clean-up never meets a newer recording.
     bool finishing_ = false;  // guarded by mutex_
+    // A start that came during the finish; runs when the finish step is done. Guarded by mutex_.
+    std::function<void()> startAfterFinish_;
     // The stop took the current recording over while its start was still running; the start's
     // failure path then leaves its clean-up to the stop and finish steps.
     bool stopTookOver_ = false;           // guarded by mutex_

@@ -153,3 +153,9 @@ std::optional<AudioLevels> audioLevelsBetween(const std::string& file, double fr
                                               double toSeconds);
 
 }  // namespace gb::e2e
+
+namespace gb::e2e {
+// A child of this test process whose command line contains `text` (for instance a server's
+// private socket path), or -1.
+pid_t childWithArgument(const std::string& text);
+}  // namespace gb::e2e

@@ -364,5 +364,108 @@ TEST_F(RecordE2ETest, AudioAndVideoStayInSyncAtTheStartAndAfterTenMinutes) {
     EXPECT_GE(checkedLate, 1);
 }
 
+TEST_F(RecordE2ETest, AudioAndVideoStayInSyncAfterTheProcessWasStopped) {
+    VirtualDisplay display(640, 360);
+    VirtualMicrophone mic;
+    ASSERT_TRUE(display.ok() && mic.ok());
+    auto m = mic.env();
+    m["DISPLAY"] = display.name();
+    Process beacon({toolPath("sync_beacon"), "--seconds", "40"}, m);
+    ASSERT_TRUE(beacon.waitForOutput("flash 1", 10s));
+    TempDir out;
+
+    Process p({binaryPath(), "record", "--duration", "16", "--quality", "screen", "--no-camera",
+               "--output", out.path()},
+              env(display, mic));
+    ASSERT_TRUE(p.waitForOutput("Recording started successfully", 20s));
+    std::this_thread::sleep_for(3s);
+    p.signal(SIGSTOP);  // a suspend or a starved CPU does the same
+    std::this_thread::sleep_for(5s);
+    p.signal(SIGCONT);
+    ASSERT_EQ(p.wait(60s), 0) << p.stdoutText() << p.stderrText();
+
+    const Onsets o = findOnsets(lastLine(p.stdoutText()));
+    int checked = 0;
+    for (double t : o.audio) {
+        // The picture stands still while the process is stopped (from 3 s to about 8.5 s).
+        if (t > 2.5 && t < 9.0) continue;
+        double d = 1e9;
+        for (double v : o.video) d = std::abs(v - t) < std::abs(d) ? v - t : d;
+        EXPECT_LE(std::abs(d), 1.0 / 30 + 0.005) << "beep at " << t << " s, flash " << d << " s off";
+        checked += t > 9.0 ? 1 : 0;
+    }
+    EXPECT_GE(checked, 2) << "too few beeps after the stop";
+}
+
+// ---- standard streams, signals and the command line ---------------------------------------
+
+TEST_F(RecordE2ETest, ClosedOrBrokenStandardStreamsAndHangupStillFinishTheFile) {
+    VirtualDisplay display(640, 360);
+    VirtualMicrophone mic;
+    ASSERT_TRUE(display.ok() && mic.ok());
+    struct Case {
+        std::string shell;  // how the command runs; $0 is the program
+        int signal;         // sent 5 s in, or 0 to let --duration end it
+    };
+    const Case cases[] = {{"exec \"$0\" record --duration 3 \"$@\" >&- 2>&-", 0},
+                          {"exec \"$0\" record \"$@\" >&- 2>&-", SIGTERM},
+                          {"\"$0\" record --duration 3 \"$@\" | head -1", 0},
+                          {"exec \"$0\" record \"$@\"", SIGHUP}};
+    for (const Case& c : cases) {
+        TempDir out;
+        Process p({"sh", "-c", c.shell, binaryPath(), "--no-camera", "--output", out.path()},
+                  env(display, mic));
+        if (c.signal != 0) {
+            std::this_thread::sleep_for(5s);
+            p.signal(c.signal);
+        }
+        ASSERT_EQ(p.wait(30s), 0) << c.shell << p.stderrText();
+        std::vector<fs::path> files;
+        for (auto& e : fs::directory_iterator(out.path())) files.push_back(e.path());
+        ASSERT_EQ(files.size(), 1u) << c.shell;
+        const auto info = probe(files[0].string());
+        ASSERT_TRUE(info) << c.shell;
+        EXPECT_GT(info->durationSeconds, 2.0) << c.shell;
+    }
+}
+
+TEST_F(RecordE2ETest, UnknownArgumentsAndAMissingDisplayAreRefused) {
+    Process bogus({binaryPath(), "--bogus"}, baseEnv());
+    EXPECT_EQ(bogus.wait(10s), 2);
+    EXPECT_NE(bogus.stderrText().find("Usage: glimmerbox"), std::string::npos);
+    Process version({binaryPath(), "--version"}, baseEnv());
+    EXPECT_EQ(version.wait(10s), 0);
+    EXPECT_EQ(version.stdoutText().rfind("Glimmerbox ", 0), 0u) << version.stdoutText();
+    auto e = baseEnv();
+    e["DISPLAY"] = "";
+    e["QT_QPA_PLATFORM"] = "";
+    Process tray({binaryPath()}, e);
+    EXPECT_EQ(tray.wait(20s), 1);  // not a crash (128 + SIGABRT)
+    EXPECT_NE(tray.stderrText().find("no display"), std::string::npos) << tray.stderrText();
+}
+
+TEST_F(RecordE2ETest, SoundServerDyingEndsTheRecordingWithWhatWasCaptured) {
+    VirtualDisplay display(640, 360);
+    VirtualMicrophone mic;
+    ASSERT_TRUE(display.ok() && mic.ok());
+    TempDir out;
+    Process p({binaryPath(), "record", "--no-camera", "--output", out.path()}, env(display, mic));
+    ASSERT_TRUE(p.waitForOutput("Recording started successfully", 20s)) << p.stdoutText();
+    std::this_thread::sleep_for(3s);
+    const pid_t server = childWithArgument(mic.server().substr(5));
+    ASSERT_GT(server, 0);
+    kill(server, SIGKILL);
+    const auto code = p.wait(20s);
+    ASSERT_TRUE(code) << "still recording after the sound server died";
+    EXPECT_NE(*code, 0);
+    EXPECT_NE(p.stderrText().find("Recording stopped early: The microphone stopped"),
+              std::string::npos)
+        << p.stderrText();
+    const std::string path = lastLine(p.stdoutText());
+    Process decode({"ffmpeg", "-v", "error", "-xerror", "-i", path, "-f", "null", "-"});
+    ASSERT_EQ(decode.wait(60s), 0) << decode.stderrText();
+    EXPECT_GE(countVideoFrames(path), 2 * 30);
+}
+
 }  // namespace
 }  // namespace gb::e2e

@@ -55,7 +55,10 @@ private:
 
 class FakeSleeper final : public Sleeper {
 public:
+    // Runs during each sleep, as something the user does while the sleeper waits.
+    std::function<void()> onSleep;
     bool sleep(std::chrono::nanoseconds, const CancellationToken& token) override {
+        if (onSleep) onSleep();
         return !token.isCancelled();
     }
 };
@@ -71,6 +74,7 @@ public:
         return queues_.emplace_back(std::make_shared<ManualQueue>(label));
     }
     Sleeper& sleeper() override { return sleeper_; }
+    FakeSleeper& fakeSleeper() { return sleeper_; }
     // Drains every queue until all are empty.
     void runAll() {
         for (int ran = 1; ran != 0;) {

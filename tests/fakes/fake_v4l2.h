@@ -263,6 +263,10 @@ public:
         return mappings_.erase(address) == 0 ? fail(EINVAL) : 0;
     }
 
+    // A device tree of the test's making; none by default.
+    std::string sysfs = "/nonexistent";
+    std::string sysfsRoot() override { return sysfs; }
+
     int poll(pollfd* fds, nfds_t count, int timeoutMs) override {
         const int ready = ::poll(fds, count, timeoutMs);
         if (ready < 0) return ready;

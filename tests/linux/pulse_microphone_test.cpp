@@ -70,6 +70,8 @@ TEST(PulseMicrophoneTest, RecordsInTimeStopsPromptlyAndSurvivesTheServerDying) {
     const CaptureDeviceRef device = defaultPulseMicrophone();
     ASSERT_NE(device, nullptr) << server.log();
     EXPECT_EQ(device->info().uniqueID, "gbtest.monitor");
+    // The stream opens with the input, so a source the server refuses fails the set-up.
+    EXPECT_FALSE(PulseMicrophoneDevice({"gbtest.no-such-source", "Gone", 44100, 2}).makeInput().ok());
     auto made = dynamic_cast<InputMakingDevice&>(*device).makeInput();
     ASSERT_TRUE(made.ok());
     CaptureSource& source = fakes::sourceOf(made.value());

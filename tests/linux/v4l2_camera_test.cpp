@@ -1,4 +1,4 @@
-// Guards against: a busy camera that is not reported as in use, corrupt MJPEG frames that stall or crash the capture, and a camera that vanishes mid-recording hanging the stream or leaking handles.
+// Guards against: cameras of the wrong kind (built-in, external, virtual); a busy camera that is not reported as in use, corrupt MJPEG frames that stall or crash the capture, and a camera that vanishes mid-recording hanging the stream or leaking handles.
 #include "linux/v4l2/v4l2_camera.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +8,9 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
 #include <memory>
 #include <vector>
 
@@ -15,6 +18,7 @@
 #include "fakes/frame_collector.h"
 #include "fakes/log_capture.h"
 #include "fakes/pixel_buffers.h"
+#include "fakes/test_environment.h"
 #include "linux/v4l2/camera_common.h"
 #include "linux/capture/monotonic_clock.h"
 
@@ -98,17 +102,15 @@ protected:
     std::shared_ptr<CaptureInput> input;
 };
 
-TEST_F(V4l2CaptureTest, DeviceHeldByAnotherProgramIsSuspendedAndRefusesTheLockAndTheStart) {
+TEST_F(V4l2CaptureTest, DeviceHeldByAnotherProgramIsSuspendedAndRefusesTheLockAndTheInput) {
     FakeV4l2Node node = smallCamera(V4L2_PIX_FMT_MJPEG, 64, 48);
     node.card = "HD Webcam";
     node.busy = true;
-    CaptureSource* source = capture(node);
-    ASSERT_NE(source, nullptr);
+    EXPECT_EQ(capture(node), nullptr);  // the stream opens with the input: the set-up fails
     EXPECT_TRUE(camera->info().connected);
     EXPECT_TRUE(camera->info().suspended);
-    FrameCollector frames;
     for (const Result<void>& refused :
-         {camera->lockForConfiguration(), source->start(frames.deliver())}) {
+         {camera->lockForConfiguration(), Result<void>(camera->makeInput().error())}) {
         ASSERT_FALSE(refused.ok());
         EXPECT_EQ(refused.error().localizedDescription,
                   "Camera HD Webcam is in use by another program");
@@ -117,6 +119,9 @@ TEST_F(V4l2CaptureTest, DeviceHeldByAnotherProgramIsSuspendedAndRefusesTheLockAn
     // Free again; and our own capture does not make it look busy.
     fake.setBusy(kPath, false);
     EXPECT_FALSE(camera->info().suspended);
+    input = camera->makeInput().value();
+    CaptureSource* source = &fakes::sourceOf(input);
+    FrameCollector frames;
     ASSERT_TRUE(source->start(frames.deliver()).ok());
     EXPECT_FALSE(camera->info().suspended);
     EXPECT_TRUE(camera->lockForConfiguration().ok());
@@ -160,6 +165,37 @@ TEST_F(V4l2CaptureTest, MjpegIsDecodedCorruptFramesCountedAndAVanishedCameraEnds
     EXPECT_EQ(info.localizedName, "Small Cam");  // the last known description stays
     EXPECT_FALSE(camera->lockForConfiguration().ok());
     EXPECT_FALSE(camera->makeInput().ok());
+}
+
+TEST(V4l2CameraDiscovery, AttachmentComesFromTheDeviceTreeAndLoopbackDevicesAreListed) {
+    namespace fs = std::filesystem;
+    LogCapture log;
+    fakes::TempDirectory sys;
+    FakeV4l2 fake;
+    fake.sysfs = sys.path();
+    const std::string usb = sys / "devices/pci0000:00/0000:00:14.0/usb1/";
+    const std::map<std::string, std::string> parents = {
+        {"video0", usb + "1-5/1-5:1.0"}, {"video2", usb + "1-2/1-2:1.0"},
+        {"video6", sys / "devices/platform/soc/camera0"}, {"video8", ""}};
+    for (const auto& [node, parent] : parents) {
+        fs::create_directories(sys / ("class/video4linux/" + node));
+        if (parent.empty()) continue;
+        fs::create_directories(parent);
+        fs::create_directory_symlink(parent, sys / ("class/video4linux/" + node + "/device"));
+        fake.addNode(smallCamera(V4L2_PIX_FMT_YUYV, 64, 48, "/dev/" + node));
+    }
+    std::ofstream(usb + "1-5/removable") << "fixed\n";
+    std::ofstream(usb + "1-2/removable") << "removable\n";
+    FakeV4l2Node loopback = smallCamera(V4L2_PIX_FMT_YUYV, 64, 48, "/dev/video4");
+    loopback.deviceCaps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING;
+    loopback.busInfo = "platform:v4l2loopback-000";
+    fake.addNode(loopback);
+    fake.addNode(smallCamera(V4L2_PIX_FMT_YUYV, 64, 48, "/dev/video8"));  // in the tree, with no hardware behind it
+    const auto cameras = discoverV4l2Cameras(fake);
+    std::vector<CameraAttachment> kinds;
+    for (const auto& camera : cameras) kinds.push_back(camera->info().attachment);
+    using enum CameraAttachment;
+    EXPECT_EQ(kinds, (std::vector{fixed, removable, fixed, software, software}));
 }
 
 }  // namespace

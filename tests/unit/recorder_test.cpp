@@ -29,8 +29,8 @@ protected:
         log.clear();
     }
     // Runs the start's body (the background executor) to its end.
-    void start() {
-        recorder->startRecording({});
+    void start(CancellationToken token = {}) {
+        recorder->startRecording(token);
         dispatch->background.runPending();
     }
     void stopAndFinish() {
@@ -156,7 +156,7 @@ TEST(RecorderSetupTest, FailuresReportTheirTextAndCleanUp) {
     }
 }
 
-TEST_F(RecorderTest, StartsAndStopsThatMeetAnotherRecordingAreRefused) {
+TEST_F(RecorderTest, StartsAndStopsThatMeetAnotherRecordingAreRefusedOrWait) {
     recorder->stopRecording();
     EXPECT_EQ(log.lines(), Strings{"Stop recording called but not currently recording"});
     writers.setConfig({.holdFinish = true});
@@ -166,18 +166,32 @@ TEST_F(RecorderTest, StartsAndStopsThatMeetAnotherRecordingAreRefused) {
     recorder->stopRecording();
     start();  // while the first one finishes
     EXPECT_EQ(log.count("startRecording called but already recording"), 1u);
-    EXPECT_EQ(log.count("startRecording called but a previous recording is still starting or "
-                        "finishing"),
+    EXPECT_EQ(log.count("startRecording called while the previous recording is finishing; it "
+                        "starts once the file is finished"),
               1u);
     const auto writer = writers.lastWriter();
     EXPECT_EQ(writer->finishCalls, 1);
     // The completion comes from the writer's own thread and is handed to the main queue.
     std::thread([writer] { writer->releaseFinish(); }).join();
     EXPECT_EQ(delegate->kinds().size(), 1u);
-    dispatch->runAll();
-    EXPECT_EQ(delegate->kinds().back(), "stop " + folder() + "/" + kFile);
-    start();  // after the finish a start goes through again
-    EXPECT_EQ(delegate->kinds().back(), "start");
+    dispatch->runAll();  // the finish, then the start that waited for it
+    EXPECT_EQ(delegate->kinds(), (Strings{"start", "stop " + folder() + "/" + kFile, "start"}));
+}
+
+TEST_F(RecorderTest, StopDuringTheStartsPauseFinishesTheFileAsTheOnlyOutcome) {
+    for (const bool cancelled : {false, true}) {
+        fresh();
+        CancellationToken token;
+        dispatch->fakeSleeper().onSleep = [&] {
+            if (cancelled) token.cancel();  // as the menu's stop cancels the start's task
+            recorder->stopRecording();
+        };
+        start(token);
+        dispatch->fakeSleeper().onSleep = nullptr;
+        dispatch->runAll();
+        EXPECT_EQ(delegate->kinds(), Strings{"stop " + folder() + "/" + kFile}) << cancelled;
+        EXPECT_FALSE(recorder->hasUnfinishedRecording());
+    }
 }
 
 TEST_F(RecorderTest, FinalisationFailureIsReportedWithTheWritersError) {

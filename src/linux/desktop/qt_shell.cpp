@@ -24,6 +24,7 @@
 #include "linux/desktop/qt_dialogs.h"
 #include "linux/desktop/qt_status_item.h"
 #include "linux/x11/x11_accessibility.h"
+#include "linux/x11/x11_client_connection.h"
 #include "recording/log.h"
 
 // Outside any namespace, as the resource macro wants.
@@ -178,6 +179,16 @@ bool QtWorkspace::openURL(const std::string& path) {
 }
 
 // ---- QtShell --------------------------------------------------------------------------------
+
+std::optional<std::string> QtShell::displayProblem() {
+    const QByteArray platform = qgetenv("QT_QPA_PLATFORM");
+    // Another platform named outright, or a Wayland session: Qt's own choice, with its fallbacks.
+    if (!platform.isEmpty() && !platform.startsWith("xcb")) return std::nullopt;
+    if (platform.isEmpty() && !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")) return std::nullopt;
+    auto connection = X11ClientConnection::open({});
+    if (!connection) return connection.error().localizedDescription;
+    return std::nullopt;
+}
 
 std::unique_ptr<QtShell> QtShell::launch(int& argc, char** argv) {
     return launch(argc, argv, InstanceLock(InstanceLock::defaultPath()));

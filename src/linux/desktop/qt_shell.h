@@ -120,6 +120,8 @@ public:
     [[nodiscard]] static std::unique_ptr<QtShell> launch(int& argc, char** argv);
     // The same with a given lock (tests).
     [[nodiscard]] static std::unique_ptr<QtShell> launch(int& argc, char** argv, InstanceLock lock);
+    // Why Qt could not open its window system here (it would abort the process), or nothing.
+    [[nodiscard]] static std::optional<std::string> displayProblem();
     ~QtShell();
     QtShell(const QtShell&) = delete;
     QtShell& operator=(const QtShell&) = delete;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <exception>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -27,6 +28,8 @@ constexpr const char* kClientName = "Glimmerbox";
 constexpr std::chrono::milliseconds kStartTimeout{2000};
 // What the server is asked to hand over at a time; also bounds how late a chunk is.
 constexpr pa_usec_t kFragmentMicroseconds = 20'000;
+// Audio captured longer ago than this is a backlog (the process was stopped or starved).
+constexpr int64_t kBacklogNanoseconds = 200'000'000;
 // A delivered buffer holds at most this much; larger reads are split.
 constexpr int kMaxChunkMilliseconds = 100;
 // About a second and a half of 20 ms chunks may be in the hands of the consumers at once.
@@ -36,6 +39,10 @@ constexpr size_t kPoolBuffers = 72;
 constexpr int64_t kMaxSourceLatencyMicroseconds = 500'000;
 
 constexpr size_t kBytesPerSample = sizeof(float);
+
+// The server's timing reports come at least every few seconds while the stream runs; an older
+// one (or one from the future) means the wall clock it is stamped with was set meanwhile.
+constexpr int64_t kMaxReportAgeNanoseconds = 600'000'000'000;
 
 struct SourceLookup {
     bool serverAnswered = false;
@@ -75,8 +82,10 @@ class PulseRecording {
 public:
     using Deliver = CaptureSource::Deliver;
 
+    using Interrupted = CaptureSource::Interrupted;
+
     [[nodiscard]] static Result<std::unique_ptr<PulseRecording>> open(
-        const PulseSourceDescription& source, Deliver deliver);
+        const PulseSourceDescription& source, Deliver deliver, Interrupted interrupted);
 
     ~PulseRecording() { stop(); }
     PulseRecording(const PulseRecording&) = delete;
@@ -94,7 +103,10 @@ private:
     void run(std::stop_token stop);
     void drain();
     [[nodiscard]] int64_t firstFrameNanoseconds(int64_t frames) const;
-    void deliverChunk(const uint8_t* bytes, int64_t frames, int64_t measuredNanoseconds);
+    [[nodiscard]] std::optional<int64_t> serverFirstFrameNanoseconds() const;
+    [[nodiscard]] std::shared_ptr<AudioBuffer> freshBuffer();
+    void append(const uint8_t* bytes, int64_t frames, int64_t measuredNanoseconds);
+    void deliverPending();
     void end(const std::string& reason);
 
     static void onStreamState(pa_stream* stream, void* userdata);
@@ -106,15 +118,23 @@ private:
     const pa_sample_spec spec_;
     const size_t frameBytes_;
     const int64_t maxChunkFrames_;
+    const int64_t fragmentFrames_;
 
+    Interrupted interrupted_;
     std::unique_ptr<PulseConnection> connection_;
     PulseStreamPtr stream_;
     AudioTimeline timeline_;
     std::shared_ptr<AudioBufferPool> pool_;
     bool streamReady_ = false;
+    bool capturing_ = false;  // on the capture thread, from its start
     bool ended_ = false;
     uint64_t delivered_ = 0;
     uint64_t dropped_ = 0;
+    // The stream position, in bytes, of the next byte to be read.
+    int64_t readIndex_ = 0;
+    // Frames read but not yet delivered, and when the first of them was captured.
+    std::shared_ptr<AudioBuffer> pending_;
+    int64_t pendingNanoseconds_ = 0;
 
     std::jthread thread_;  // last: destroyed (joined) before the stream and the connection
 };
@@ -126,16 +146,20 @@ PulseRecording::PulseRecording(const PulseSourceDescription& source, Deliver del
             static_cast<uint8_t>(source.channels)},
       frameBytes_(kBytesPerSample * static_cast<size_t>(source.channels)),
       maxChunkFrames_(std::max(1, source.sampleRate * kMaxChunkMilliseconds / 1000)),
+      fragmentFrames_(static_cast<int64_t>(pa_usec_to_bytes(kFragmentMicroseconds, &spec_) /
+                                           frameBytes_)),
       timeline_(source.sampleRate),
       pool_(AudioBufferPool::make(kPoolBuffers,
                                   static_cast<size_t>(maxChunkFrames_) * frameBytes_)) {}
 
 Result<std::unique_ptr<PulseRecording>> PulseRecording::open(const PulseSourceDescription& source,
-                                                             Deliver deliver) {
+                                                             Deliver deliver,
+                                                             Interrupted interrupted) {
     if (source.sampleRate <= 0 || source.channels < 1 || source.channels > 2) {
         return pulseError(PA_ERR_INVALID);
     }
     std::unique_ptr<PulseRecording> recording(new PulseRecording(source, std::move(deliver)));
+    recording->interrupted_ = std::move(interrupted);
     const auto deadline = Clock::now() + kStartTimeout;
     auto connection = PulseConnection::open(kClientName, deadline);
     if (!connection) return connection.error();
@@ -186,6 +210,7 @@ Result<void> PulseRecording::connectStream() {
 void PulseRecording::run(std::stop_token stop) {
     // A stop request interrupts the wait for the next chunk.
     std::stop_callback wake(stop, [this] { connection_->wakeup(); });
+    capturing_ = true;
     try {
         // Reading starts here so that every delivery comes from this thread.
         pa_stream_set_read_callback(stream_.get(), &onReadable, this);
@@ -193,6 +218,7 @@ void PulseRecording::run(std::stop_token stop) {
         while (!stop.stop_requested() && !ended_) {
             if (!connection_->iterate()) end("the main loop failed");
         }
+        deliverPending();
     } catch (const std::exception& error) {
         end(std::string("capture failed: ") + error.what());
     }
@@ -210,6 +236,8 @@ void PulseRecording::end(const std::string& reason) {
     if (ended_) return;
     ended_ = true;
     logLine("⚠️ Microphone stream ended: " + reason);
+    // Only the running stream reports: a failure while opening is open()'s to return.
+    if (capturing_ && interrupted_) interrupted_("The microphone stopped: " + reason);
 }
 
 void PulseRecording::onStreamState(pa_stream* stream, void* userdata) {
@@ -247,21 +275,68 @@ void PulseRecording::onReadable(pa_stream*, size_t, void* userdata) {
 
 void PulseRecording::drain() {
     while (!ended_) {
+        if (!pending_ && !(pending_ = freshBuffer())) {
+            // Every buffer is still with the consumers. The rest waits in the stream (the server
+            // holds seconds of it) and is read when the next chunk arrives.
+            break;
+        }
         const void* data = nullptr;
         size_t length = 0;
         if (pa_stream_peek(stream_.get(), &data, &length) < 0) {
             end(connection_->lastError().localizedDescription);
             return;
         }
-        if (length == 0) return;
+        if (length == 0) break;
         const auto frames = static_cast<int64_t>(length / frameBytes_);
         if (data == nullptr) {
+            deliverPending();
             timeline_.skip(frames);  // the server lost these frames
         } else if (frames > 0) {
-            deliverChunk(static_cast<const uint8_t*>(data), frames, firstFrameNanoseconds(frames));
+            // Both measurements can only err late (a stale report may miss a skip of the
+            // server's clock; a reader held up cannot see what still waits in the server).
+            const int64_t local = firstFrameNanoseconds(frames);
+            const int64_t measured = std::min(local, serverFirstFrameNanoseconds().value_or(local));
+            append(static_cast<const uint8_t*>(data), frames, measured);
         }
+        readIndex_ += static_cast<int64_t>(length);
         pa_stream_drop(stream_.get());
     }
+    // Some sources hand over a few milliseconds at a time; they are gathered into buffers of a
+    // fragment at least. A backlog (after a stall) fills whole buffers.
+    if (pending_ && pending_->frameCount >= fragmentFrames_ &&
+        monotonicNanoseconds() - pendingNanoseconds_ < kBacklogNanoseconds) {
+        deliverPending();
+    }
+}
+
+std::optional<int64_t> PulseRecording::serverFirstFrameNanoseconds() const {
+    // The server's last timing report says how far its capture had got (its write index) and
+    // when. The source records at its own steady rate, so the byte at our read index was
+    // captured the difference between the two earlier (or later) than that. This stays true
+    // however long we were kept from reading (stopped, starved, suspended): what the server
+    // queued meanwhile is placed when it was captured, not when it was read. The report need not
+    // be fresh; a report from before a stall still names one consistent moment.
+    const pa_timing_info* timing = pa_stream_get_timing_info(stream_.get());
+    // A report from before the source delivered anything does not pin the clock: the source may
+    // have taken a while to start.
+    if (timing == nullptr || timing->write_index_corrupt != 0 || timing->write_index <= 0) {
+        return std::nullopt;
+    }
+    timespec realNow{};
+    clock_gettime(CLOCK_REALTIME, &realNow);
+    const int64_t monotonicNow = monotonicNanoseconds();
+    const int64_t reportAge =
+        (static_cast<int64_t>(realNow.tv_sec) - timing->timestamp.tv_sec) * 1'000'000'000 +
+        (static_cast<int64_t>(realNow.tv_nsec) - timing->timestamp.tv_usec * 1000);
+    // A report from the future or from long ago means the wall clock was set meanwhile.
+    if (reportAge < 0 || reportAge > kMaxReportAgeNanoseconds) return std::nullopt;
+    const int64_t ahead = (timing->write_index - readIndex_) / static_cast<int64_t>(frameBytes_);
+    const int64_t ageOfNewest = std::clamp<int64_t>(static_cast<int64_t>(timing->source_usec), 0,
+                                                    kMaxSourceLatencyMicroseconds) *
+                                1000;
+    const int64_t aheadNanoseconds = ahead >= 0 ? timeline_.durationNanoseconds(ahead)
+                                                : -timeline_.durationNanoseconds(-ahead);
+    return monotonicNow - reportAge - ageOfNewest - aheadNanoseconds;
 }
 
 int64_t PulseRecording::firstFrameNanoseconds(int64_t frames) const {
@@ -288,28 +363,48 @@ int64_t PulseRecording::firstFrameNanoseconds(int64_t frames) const {
     return now - sourceLatency - timeline_.durationNanoseconds(buffered);
 }
 
-void PulseRecording::deliverChunk(const uint8_t* bytes, int64_t frames,
-                                  int64_t measuredNanoseconds) {
-    for (int64_t offset = 0; offset < frames; offset += maxChunkFrames_) {
-        const int64_t count = std::min(maxChunkFrames_, frames - offset);
-        const int64_t start =
-            timeline_.place(measuredNanoseconds + timeline_.durationNanoseconds(offset), count);
-        auto buffer = pool_->acquire();
-        if (!buffer) {
+std::shared_ptr<AudioBuffer> PulseRecording::freshBuffer() {
+    auto buffer = pool_->acquire();
+    if (!buffer) return nullptr;
+    buffer->sampleRate = source_.sampleRate;
+    buffer->channels = source_.channels;
+    buffer->format = AudioSampleFormat::f32;
+    buffer->frameCount = 0;
+    buffer->data.clear();
+    return buffer;
+}
+
+void PulseRecording::append(const uint8_t* bytes, int64_t frames, int64_t measuredNanoseconds) {
+    // Chunks read in one go (the backlog after a stall) fill whole buffers, so that catching up
+    // does not flood the recording queue with small ones.
+    for (int64_t offset = 0; offset < frames;) {
+        if (!pending_ && !(pending_ = freshBuffer())) {
             ++dropped_;
-            continue;
+            timeline_.skip(frames - offset);
+            return;
         }
+        if (pending_->frameCount == 0) {
+            pendingNanoseconds_ = measuredNanoseconds + timeline_.durationNanoseconds(offset);
+        }
+        const int64_t count = std::min(maxChunkFrames_ - pending_->frameCount, frames - offset);
         const uint8_t* first = bytes + static_cast<size_t>(offset) * frameBytes_;
-        buffer->sampleRate = source_.sampleRate;
-        buffer->channels = source_.channels;
-        buffer->format = AudioSampleFormat::f32;
-        buffer->frameCount = static_cast<int>(count);
-        buffer->data.assign(first, first + static_cast<size_t>(count) * frameBytes_);
-        SampleTiming timing{MediaTime::make(count, source_.sampleRate),
-                            MediaTime::fromNanoseconds(start), MediaTime::invalid()};
-        deliver_(SampleBuffer::audio(std::move(buffer), timing));
-        ++delivered_;
+        pending_->data.insert(pending_->data.end(), first,
+                              first + static_cast<size_t>(count) * frameBytes_);
+        pending_->frameCount += static_cast<int>(count);
+        offset += count;
+        if (pending_->frameCount >= maxChunkFrames_) deliverPending();
     }
+}
+
+void PulseRecording::deliverPending() {
+    if (!pending_ || pending_->frameCount == 0) return;
+    std::shared_ptr<AudioBuffer> buffer = std::move(pending_);
+    const int64_t count = buffer->frameCount;
+    const int64_t start = timeline_.place(pendingNanoseconds_, count);
+    SampleTiming timing{MediaTime::make(count, source_.sampleRate),
+                        MediaTime::fromNanoseconds(start), MediaTime::invalid()};
+    deliver_(SampleBuffer::audio(std::move(buffer), timing));
+    ++delivered_;
 }
 
 }  // namespace
@@ -326,13 +421,28 @@ public:
 
     [[nodiscard]] MediaType mediaType() const override { return MediaType::audio; }
 
+    // Opens the stream now, so that a server or source that refuses it fails the set-up rather
+    // than leaving the recording without sound. What it captures before start() is not kept.
+    Result<void> prepare() {
+        std::lock_guard lock(mutex_);
+        return prepareLocked();
+    }
+
     Result<void> start(Deliver deliver) override {
         std::lock_guard lock(mutex_);
-        if (recording_) return pulseError(PA_ERR_BADSTATE);
-        auto recording = PulseRecording::open(source_, std::move(deliver));
-        if (!recording) return recording.error();
-        recording_ = std::move(recording.value());
+        if (started_) return pulseError(PA_ERR_BADSTATE);
+        if (auto prepared = prepareLocked(); !prepared) return prepared.error();
+        {
+            std::lock_guard targets(targetMutex_);
+            deliver_ = std::move(deliver);
+        }
+        started_ = true;
         return {};
+    }
+
+    void setInterruptedHandler(Interrupted handler) override {
+        std::lock_guard targets(targetMutex_);
+        interrupted_ = std::move(handler);
     }
 
     void stop() override {
@@ -340,14 +450,46 @@ public:
         {
             std::lock_guard lock(mutex_);
             recording = std::move(recording_);
+            started_ = false;
+        }
+        {
+            // Waits for a delivery in progress; none follows.
+            std::lock_guard targets(targetMutex_);
+            deliver_ = nullptr;
         }
         recording.reset();  // joins the capture thread
     }
 
 private:
+    Result<void> prepareLocked() {
+        if (recording_) return {};
+        auto recording = PulseRecording::open(
+            source_,
+            [this](const SampleBufferRef& sample) {
+                std::lock_guard targets(targetMutex_);
+                if (deliver_) deliver_(sample);
+            },
+            [this](const std::string& reason) {
+                Interrupted handler;
+                {
+                    std::lock_guard targets(targetMutex_);
+                    if (!deliver_) return;  // not recording: nobody to tell
+                    handler = interrupted_;
+                }
+                if (handler) handler(reason);
+            });
+        if (!recording) return recording.error();
+        recording_ = std::move(recording.value());
+        return {};
+    }
+
     const PulseSourceDescription source_;
     std::mutex mutex_;
     std::unique_ptr<PulseRecording> recording_;  // guarded by mutex_
+    bool started_ = false;                        // guarded by mutex_
+    std::mutex targetMutex_;                      // taken by the capture thread per delivery
+    Deliver deliver_;                             // guarded by targetMutex_
+    Interrupted interrupted_;                     // guarded by targetMutex_
 };
 
 PulseMicrophoneInput::PulseMicrophoneInput(PulseSourceDescription source)
@@ -359,6 +501,10 @@ CaptureSource& PulseMicrophoneInput::captureSource() {
     return *source_;
 }
 
+Result<void> PulseMicrophoneInput::prepare() {
+    return source_->prepare();
+}
+
 CameraDeviceInfo PulseMicrophoneDevice::info() const {
     CameraDeviceInfo info;
     info.localizedName = source_.description;
@@ -368,7 +514,9 @@ CameraDeviceInfo PulseMicrophoneDevice::info() const {
 }
 
 Result<std::shared_ptr<CaptureInput>> PulseMicrophoneDevice::makeInput() {
-    return std::shared_ptr<CaptureInput>(std::make_shared<PulseMicrophoneInput>(source_));
+    auto input = std::make_shared<PulseMicrophoneInput>(source_);
+    if (auto prepared = input->prepare(); !prepared) return prepared.error();
+    return std::shared_ptr<CaptureInput>(std::move(input));
 }
 
 CaptureDeviceRef defaultPulseMicrophone(std::chrono::milliseconds timeout) {

@@ -3,10 +3,14 @@
 //
 // Delivered audio: interleaved 32-bit float (AudioSampleFormat::f32) at the source's own sample
 // rate, mono for a mono source and stereo otherwise (the server downmixes), in chunks of about
-// 20 ms. Each sample's presentation time is the monotonic time (linux/monotonic_clock.h) at which
-// its first frame was recorded, taken from the server's latency; consecutive chunks follow each
-// other without gaps, and the timeline follows the monotonic clock within a few milliseconds
-// (slow clock drift is absorbed gradually; lost data makes the timeline jump forward).
+// 20 ms (up to 100 ms while catching up). Each sample's presentation time is the monotonic time
+// (linux/monotonic_clock.h) at which its first frame was recorded, taken from the server's timing
+// reports (how far its capture had got, and when), so audio that waited in the server while this
+// process was stopped or starved keeps the time it was captured at; consecutive chunks follow
+// each other without gaps, and the timeline follows the monotonic clock within a few
+// milliseconds (slow clock drift is absorbed gradually; lost data makes the timeline jump
+// forward). When every buffer is still with the consumers, reading pauses and the server keeps
+// the audio until the next chunk arrives.
 //
 // Threads: defaultPulseMicrophone() blocks the caller for at most its timeout. Devices and inputs
 // may be used from any thread. The source records on its own thread and delivers there.
@@ -51,6 +55,8 @@ public:
 
     [[nodiscard]] MediaType mediaType() const override { return MediaType::audio; }
     [[nodiscard]] CaptureSource& captureSource() override;
+    // Opens the stream ahead of the start (see PulseMicrophoneSource); fails as opening does.
+    [[nodiscard]] Result<void> prepare();
 
 private:
     std::unique_ptr<PulseMicrophoneSource> source_;
@@ -68,6 +74,7 @@ public:
     void setActiveFormat(int /*formatIndex*/) override {}
     void unlockForConfiguration() override {}
 
+    // The input with its stream already open: a source that cannot be recorded fails here.
     [[nodiscard]] Result<std::shared_ptr<CaptureInput>> makeInput() override;
     [[nodiscard]] const PulseSourceDescription& source() const { return source_; }
 

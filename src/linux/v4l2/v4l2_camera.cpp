@@ -12,6 +12,8 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 #include <utility>
 
@@ -204,17 +206,25 @@ std::optional<V4l2Description> describeV4l2Node(V4l2Calls& calls, int fd, bool p
     const uint32_t caps = (capability.capabilities & V4L2_CAP_DEVICE_CAPS) != 0
                               ? capability.device_caps
                               : capability.capabilities;
-    // Metadata nodes lack VIDEO_CAPTURE; codecs and loopback outputs also write frames.
-    constexpr uint32_t kNotACamera = V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_VIDEO_OUTPUT_MPLANE |
-                                     V4L2_CAP_VIDEO_M2M | V4L2_CAP_VIDEO_M2M_MPLANE;
-    if ((caps & V4L2_CAP_VIDEO_CAPTURE) == 0 || (caps & V4L2_CAP_STREAMING) == 0 ||
-        (caps & kNotACamera) != 0) {
-        return std::nullopt;
-    }
-
     V4l2Description description;
     description.card = fixedText(capability.card, sizeof capability.card);
     description.busInfo = fixedText(capability.bus_info, sizeof capability.bus_info);
+    const std::string driver = fixedText(capability.driver, sizeof capability.driver);
+    for (const char* software : {"v4l2 loopback", "v4l2loopback", "vivid", "akvcam"}) {
+        if (driver == software ||
+            description.busInfo.rfind(std::string("platform:") + software, 0) == 0) {
+            description.software = true;
+        }
+    }
+    // Metadata nodes lack VIDEO_CAPTURE; codecs also write frames. A loopback device offers
+    // both ends on one node: it is listed, as a software camera.
+    const uint32_t notACamera =
+        V4L2_CAP_VIDEO_M2M | V4L2_CAP_VIDEO_M2M_MPLANE |
+        (description.software ? 0 : V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_VIDEO_OUTPUT_MPLANE);
+    if ((caps & V4L2_CAP_VIDEO_CAPTURE) == 0 || (caps & V4L2_CAP_STREAMING) == 0 ||
+        (caps & notACamera) != 0) {
+        return std::nullopt;
+    }
     description.formats = enumerateFormats(calls, fd);
 
     v4l2_format current{};
@@ -258,6 +268,7 @@ struct V4l2CameraDevice::State {
     // Captures of ours that hold the device's queue; the device is not "in use by another
     // program" while one runs.
     std::atomic<int> ownCaptures{0};
+    CameraAttachment attachment = CameraAttachment::unknown;  // set at construction
 
     mutable std::mutex mutex;
     std::string name;                  // guarded by mutex
@@ -354,12 +365,17 @@ public:
 
     [[nodiscard]] MediaType mediaType() const override { return MediaType::video; }
 
+    // Opens the device and starts its stream now, so that a camera that cannot stream fails the
+    // set-up; frames are taken from start() on.
+    Result<void> prepare() {
+        std::lock_guard lock(controlMutex_);
+        return prepareLocked();
+    }
+
     Result<void> start(Deliver deliver) override {
         std::lock_guard lock(controlMutex_);
-        if (stream_) return v4l2Error(EALREADY, "Camera capture is already running");
-        auto stream = openStream();
-        if (!stream) return stream.error();
-        stream_ = std::move(stream.value());
+        if (thread_.joinable()) return v4l2Error(EALREADY, "Camera capture is already running");
+        if (auto prepared = prepareLocked(); !prepared) return prepared.error();
         Stream& s = *stream_;
         thread_ = std::jthread(
             [&s, deliver = std::move(deliver)](std::stop_token stop) { run(stop, s, deliver); });
@@ -379,6 +395,14 @@ public:
     }
 
 private:
+    Result<void> prepareLocked() {
+        if (stream_) return {};
+        auto stream = openStream();
+        if (!stream) return stream.error();
+        stream_ = std::move(stream.value());
+        return {};
+    }
+
     Result<std::unique_ptr<Stream>> openStream() {
         V4l2Calls& calls = device_->calls;
         const std::string name = device_->currentName();
@@ -589,6 +613,7 @@ V4l2CameraDevice::V4l2CameraDevice(V4l2Calls& calls, std::string path,
     state_ =
         std::make_shared<State>(calls, std::move(path), std::move(linkName), std::move(uniqueID));
     state_->name = description.card;
+    state_->attachment = v4l2Attachment(calls, state_->discoveredPath, description);
     state_->remember(description);
 }
 
@@ -598,6 +623,7 @@ CameraDeviceInfo V4l2CameraDevice::info() const {
     CameraDeviceInfo info;
     info.uniqueID = state_->uniqueID;
     info.position = 0;
+    info.attachment = state_->attachment;
 
     const auto path = state_->currentPath();
     int openError = ENODEV;
@@ -682,8 +708,9 @@ Result<std::shared_ptr<CaptureInput>> V4l2CameraDevice::makeInput() {
     if (!state_->currentPath()) {
         return v4l2Error(ENODEV, "Camera " + state_->currentName() + " is not connected");
     }
-    return std::shared_ptr<CaptureInput>(
-        std::make_shared<CameraInput>(std::make_unique<V4l2CaptureSource>(state_)));
+    auto source = std::make_unique<V4l2CaptureSource>(state_);
+    if (auto prepared = source->prepare(); !prepared) return prepared.error();
+    return std::shared_ptr<CaptureInput>(std::make_shared<CameraInput>(std::move(source)));
 }
 
 V4l2Format V4l2CameraDevice::chosenFormat() const {
@@ -724,6 +751,32 @@ std::vector<CaptureDeviceRef> discoverV4l2Cameras(V4l2Calls& calls) {
             std::make_shared<V4l2CameraDevice>(calls, path, linkName, std::move(*description)));
     }
     return cameras;
+}
+
+CameraAttachment v4l2Attachment(V4l2Calls& calls, const std::string& path,
+                                const V4l2Description& description) {
+    namespace fs = std::filesystem;
+    if (description.software) return CameraAttachment::software;
+    std::error_code ec;
+    const fs::path devices = fs::path(calls.sysfsRoot()) / "devices";
+    const fs::path node = fs::path(calls.sysfsRoot()) / "class" / "video4linux" /
+                          fs::path(path).filename();
+    if (!fs::exists(node, ec)) return CameraAttachment::unknown;
+    const fs::path device = fs::canonical(node / "device", ec);
+    if (ec) return CameraAttachment::software;  // a node without hardware behind it
+    const std::string where = device.string();
+    if (where.find("/virtual/") != std::string::npos) return CameraAttachment::software;
+    if (where.find("/usb") == std::string::npos) return CameraAttachment::fixed;
+    // The USB device (above the interface the node belongs to) says whether its port is fixed.
+    for (fs::path dir = device; dir.has_relative_path() && dir != devices;
+         dir = dir.parent_path()) {
+        std::ifstream attribute(dir / "removable");
+        std::string value;
+        if (attribute >> value && value != "unknown") {
+            return value == "fixed" ? CameraAttachment::fixed : CameraAttachment::removable;
+        }
+    }
+    return CameraAttachment::removable;
 }
 
 std::vector<CaptureDeviceRef> discoverCameras(bool includeTestCamera) {

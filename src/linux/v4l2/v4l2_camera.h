@@ -38,7 +38,15 @@ struct V4l2Description {
     std::vector<V4l2Format> formats;  // distinct sizes, in the device's enumeration order
     int activeFormatIndex = -1;       // the size VIDIOC_G_FMT reports, -1 when not in the list
     bool busy = false;                // another program holds the capture queue
+    bool software = false;            // a loopback or test driver, not a camera of its own
 };
+
+// How the camera behind the node at `path` is attached, from the device tree under
+// calls.sysfsRoot(): no parent device (or a virtual one) is software; a USB device is fixed or
+// removable as its `removable` attribute says (removable when it does not know); a device on
+// another bus (platform, PCI) is part of the machine.
+[[nodiscard]] CameraAttachment v4l2Attachment(V4l2Calls& calls, const std::string& path,
+                                              const V4l2Description& description);
 
 // Reads the node at `path` on an open descriptor: whether it is a streaming video capture node
 // (not a metadata, output or memory-to-memory node) and, if so, its description. `probeBusy`

@@ -40,6 +40,8 @@ public:
     [[nodiscard]] virtual void* mmap(size_t length, int prot, int flags, int fd, off_t offset) = 0;
     virtual int munmap(void* address, size_t length) = 0;
     [[nodiscard]] virtual int poll(pollfd* fds, nfds_t count, int timeoutMs) = 0;
+    // Where the kernel's device tree is mounted ("/sys"); how a camera is attached is read there.
+    [[nodiscard]] virtual std::string sysfsRoot() { return "/sys"; }
 };
 
 // The real system calls.

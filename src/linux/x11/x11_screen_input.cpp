@@ -666,16 +666,20 @@ Result<void> X11ScreenSource::start(Deliver deliver) {
     framesUnchanged_ = 0;
     grabFailures_ = 0;
     usingXShm_ = grabber_->usingXShm();
-    thread_ = std::jthread(
-        [this, grabber = grabber_.get(), deliver = std::move(deliver)](std::stop_token stop) {
-            try {
-                run(stop, *grabber, deliver);
-            } catch (const std::exception& e) {
-                logLine(std::string("❌ Screen capture stopped: ") + e.what());
-            } catch (...) {
-                logLine("❌ Screen capture stopped after an unknown error");
-            }
-        });
+    thread_ = std::jthread([this, grabber = grabber_.get(), deliver = std::move(deliver),
+                            interrupted = interrupted_](std::stop_token stop) {
+        std::string reason;
+        try {
+            reason = run(stop, *grabber, deliver);
+        } catch (const std::exception& e) {
+            reason = std::string("Screen capture failed: ") + e.what();
+        } catch (...) {
+            reason = "Screen capture failed after an unknown error";
+        }
+        if (reason.empty()) return;
+        logLine("❌ Screen capture stopped: " + reason);
+        if (interrupted) interrupted(reason);
+    });
     return {};
 }
 
@@ -688,7 +692,12 @@ void X11ScreenSource::stop() {
     logRunTotals();
 }
 
-void X11ScreenSource::run(std::stop_token stop, Grabber& grabber, const Deliver& deliver) {
+void X11ScreenSource::setInterruptedHandler(Interrupted handler) {
+    std::lock_guard lock(mutex_);
+    interrupted_ = std::move(handler);
+}
+
+std::string X11ScreenSource::run(std::stop_token stop, Grabber& grabber, const Deliver& deliver) {
     using Clock = std::chrono::steady_clock;
     // Only the stop request wakes the wait early; nothing else is waited for.
     std::mutex waitMutex;
@@ -746,10 +755,7 @@ void X11ScreenSource::run(std::stop_token stop, Grabber& grabber, const Deliver&
             } else {
                 grabber.release(*slot);
                 grabFailures_.fetch_add(1);
-                if (grabber.connectionLost()) {
-                    logLine("❌ Screen capture stopped: the X display went away");
-                    return;
-                }
+                if (grabber.connectionLost()) return "The X display went away";
                 if (!failureLogged) {
                     logLine("⚠️ Screen grab failed (X error " + std::to_string(error) + ")");
                     failureLogged = true;
@@ -770,6 +776,7 @@ void X11ScreenSource::run(std::stop_token stop, Grabber& grabber, const Deliver&
             frameTimesSkipped_.fetch_add(static_cast<uint64_t>(missed));
         }
     }
+    return {};
 }
 
 void X11ScreenSource::logRunTotals() {

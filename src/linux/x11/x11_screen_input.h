@@ -65,6 +65,7 @@ public:
     [[nodiscard]] Result<void> start(Deliver deliver) override;
     // Returns once the thread has ended; logs the drops of the run, if any.
     void stop() override;
+    void setInterruptedHandler(Interrupted handler) override;
 
     // Read at each frame, so a change applies from the next frame on. Invalid: 1/30 s.
     void setMinFrameDuration(MediaTime duration);
@@ -76,7 +77,8 @@ private:
     class Grabber;
 
     [[nodiscard]] Result<void> prepareLocked();
-    void run(std::stop_token stop, Grabber& grabber, const Deliver& deliver);
+    // Captures until stopped; the reason when the capture ended for good on its own.
+    [[nodiscard]] std::string run(std::stop_token stop, Grabber& grabber, const Deliver& deliver);
     void logRunTotals();
 
     const uint32_t displayID_;
@@ -94,6 +96,7 @@ private:
     std::mutex mutex_;  // serializes prepare, start and stop
     // Used by the grabbing thread while it runs, else by the holder of mutex_.
     std::unique_ptr<Grabber> grabber_;  // guarded by mutex_
+    Interrupted interrupted_;           // guarded by mutex_; copied into each run
     std::jthread thread_;               // guarded by mutex_
 };
 
