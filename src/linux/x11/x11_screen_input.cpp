@@ -722,8 +722,7 @@ std::string X11ScreenSource::run(std::stop_token stop, Grabber& grabber, const D
         const bool changed = grabber.changedSinceDelivery();
         if (grabber.connectionLost()) {
             grabFailures_.fetch_add(1);
-            logLine("❌ Screen capture stopped: the X display went away");
-            return;
+            return "the X display went away";
         }
 
         if (last && !changed) {
@@ -755,7 +754,7 @@ std::string X11ScreenSource::run(std::stop_token stop, Grabber& grabber, const D
             } else {
                 grabber.release(*slot);
                 grabFailures_.fetch_add(1);
-                if (grabber.connectionLost()) return "The X display went away";
+                if (grabber.connectionLost()) return "the X display went away";
                 if (!failureLogged) {
                     logLine("⚠️ Screen grab failed (X error " + std::to_string(error) + ")");
                     failureLogged = true;
