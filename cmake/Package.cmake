@@ -6,10 +6,12 @@ set(CPACK_PACKAGE_NAME glimmerbox)
 set(CPACK_PACKAGE_VENDOR Glimmerbox)
 set(CPACK_PACKAGE_CONTACT "Glimmerbox developers <dev@glimmerbox.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "screen recorder for software developers in the system tray")
+# Lines as Debian's control file wants them, under 80 columns.
 string(CONCAT CPACK_PACKAGE_DESCRIPTION
-  "One click in the tray starts a recording of the main display with the microphone, optionally "
-  "with the webcam picture in a corner; one click stops it and leaves a QuickTime movie (H.264 + "
-  "AAC) in Documents/Glimmerbox Recordings. `glimmerbox record` does the same from a terminal.")
+  "One click in the tray starts a recording of the main display with the\n"
+  "microphone, optionally with the webcam picture in a corner; one click stops\n"
+  "it and leaves a QuickTime movie (H.264 + AAC) in Documents/Glimmerbox\n"
+  "Recordings. `glimmerbox record` does the same from a terminal.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
