@@ -50,7 +50,7 @@ package: deps
 	@cmake -S . -B $(BUILD_DIR)/package -G Ninja -DCMAKE_BUILD_TYPE=Release -DGB_WERROR=ON \
 	  -DGB_TESTS=OFF >/dev/null
 	@cmake --build $(BUILD_DIR)/package -j $(JOBS)
-	@cd $(BUILD_DIR)/package && cpack >cpack.log || { cat cpack.log; exit 1; }
+	@cd $(BUILD_DIR)/package && cpack >cpack.log 2>&1 || { cat cpack.log; exit 1; }
 	@sed -n 's/^CPack: - package: \(.*\) generated\.$$/Package: \1/p' $(BUILD_DIR)/package/cpack.log
 
 format:
