@@ -2,7 +2,8 @@
 #             is no desktop session; the tray application when there is one)
 # make test - install, build, and run every test, also under AddressSanitizer/UBSan and
 #             ThreadSanitizer
-.PHONY: all deps configure build build-run build-asan build-tsan run test install format clean
+# make package - a .deb of a Release build, in $(BUILD_DIR)/package
+.PHONY: all deps configure build build-run build-asan build-tsan run test install package format clean
 
 BUILD_DIR ?= build
 PREFIX ?= /usr/local
@@ -43,6 +44,14 @@ test: build
 
 install: build
 	@cmake --install $(BUILD_DIR)/release --prefix $(PREFIX)
+
+# A Release build of the program alone (no tests or benchmarks), packaged by CPack.
+package: deps
+	@cmake -S . -B $(BUILD_DIR)/package -G Ninja -DCMAKE_BUILD_TYPE=Release -DGB_WERROR=ON \
+	  -DGB_TESTS=OFF -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
+	@cmake --build $(BUILD_DIR)/package -j $(JOBS)
+	@cd $(BUILD_DIR)/package && cpack >cpack.log 2>&1 || { cat cpack.log; exit 1; }
+	@sed -n 's/^CPack: - package: \(.*\) generated\.$$/Package: \1/p' $(BUILD_DIR)/package/cpack.log
 
 format:
 	@find src tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format -i

@@ -120,10 +120,16 @@ public:
                     "image us", "image x", "pixel us", "pixel x", "cpu: copy", "image x",
                     "pixel x");
         for (int i = 0; i < 3; ++i) {
-            const std::string arg = "/" + std::to_string(i);
-            const auto copy = last_.find("BM_Memcpy" + arg);
-            const auto image = last_.find("BM_ComposeImagePath" + arg);
-            const auto pixel = last_.find("BM_ComposePixelPath" + arg);
+            // Appended, not `"/" + std::to_string(i)`: GCC 12 at -O3 warns falsely (-Wrestrict)
+            // about the insert at the front that operator+ does there.
+            const auto result = [&](std::string name) {
+                name += '/';
+                name += std::to_string(i);
+                return last_.find(name);
+            };
+            const auto copy = result("BM_Memcpy");
+            const auto image = result("BM_ComposeImagePath");
+            const auto pixel = result("BM_ComposePixelPath");
             if (copy == last_.end() || image == last_.end() || pixel == last_.end()) continue;
             const std::string size =
                 std::to_string(kScreens[i].first) + "x" + std::to_string(kScreens[i].second);

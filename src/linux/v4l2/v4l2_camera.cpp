@@ -157,7 +157,7 @@ std::vector<V4l2Format> enumerateFormats(V4l2Calls& calls, int fd) {
             const V4l2Format candidate{description.pixelformat, width, height, numerator,
                                        denominator};
             auto same = std::find_if(formats.begin(), formats.end(), [&](const V4l2Format& f) {
-                return f.width == width && f.height == height;
+                return f.width == candidate.width && f.height == candidate.height;
             });
             if (same == formats.end()) {
                 formats.push_back(candidate);
