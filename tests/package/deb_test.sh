@@ -17,7 +17,7 @@ entry=usr/share/applications/io.github.glimmerbox.Glimmerbox.desktop
 [ -f "$work/root/$entry" ] || fail "no $entry"
 service=usr/share/dbus-1/services/io.github.glimmerbox.Glimmerbox.service
 grep -q '^Exec=/.*/bin/glimmerbox$' "$work/root/$service" || fail "no D-Bus service that starts it"
-exec=$(sed -n 's/^Exec=\([^ ]*\).*/\1/p' "$work/root/$entry")
+exec=$(sed -n 's/^Exec=\([^ ]*\).*/\1/p' "$work/root/$entry" | head -1)
 icon=$(sed -n 's/^Icon=//p' "$work/root/$entry")
 [ -x "$work/root/usr/bin/$exec" ] || fail "no usr/bin/$exec, which the desktop entry starts"
 [ -f "$work/root/usr/share/icons/hicolor/scalable/apps/$icon.svg" ] || fail "no icon $icon.svg"
