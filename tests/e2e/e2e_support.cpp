@@ -114,18 +114,6 @@ std::map<std::string, std::string> sessionEnv(const std::string& home) {
             {"QT_QPA_PLATFORM", ""}};
 }
 
-TempDir::TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "glimmerbox-e2e.XXXXXX").string();
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data())) path_ = buf.data();
-}
-
-TempDir::~TempDir() {
-    std::error_code ec;
-    if (!path_.empty()) fs::remove_all(path_, ec);
-}
-
 Process::Process(std::vector<std::string> argv, std::map<std::string, std::string> env) {
     out_ = dir_.path() + "/stdout";
     err_ = dir_.path() + "/stderr";
@@ -196,6 +184,13 @@ bool Process::waitForOutput(const std::string& text, std::chrono::milliseconds t
     return false;
 }
 
+Run runToEnd(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
+             std::chrono::milliseconds timeout) {
+    Process p(argv, env);
+    const auto code = p.wait(timeout);
+    return {code, p.stdoutText(), p.stderrText()};
+}
+
 std::optional<std::string> runCommand(const std::vector<std::string>& argv,
                                       const std::map<std::string, std::string>& env,
                                       std::chrono::milliseconds timeout) {
@@ -204,39 +199,6 @@ std::optional<std::string> runCommand(const std::vector<std::string>& argv,
     if (!code || *code != 0) return std::nullopt;
     return p.stdoutText();
 }
-
-VirtualDisplay::VirtualDisplay(int width, int height, int depth) {
-    // -displayfd makes Xvfb choose a free display and tell us its number.
-    int fds[2];
-    if (pipe(fds) != 0) return;
-    const std::string geometry =
-        std::to_string(width) + "x" + std::to_string(height) + "x" + std::to_string(depth);
-    xvfb_.emplace(std::vector<std::string>{"Xvfb", "-displayfd", std::to_string(fds[1]), "-screen",
-                                           "0", geometry, "-nolisten", "tcp", "+extension",
-                                           "RANDR"});
-    close(fds[1]);
-    std::string number;
-    char c;
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    fcntl(fds[0], F_SETFL, O_NONBLOCK);
-    while (std::chrono::steady_clock::now() < deadline) {
-        ssize_t n = read(fds[0], &c, 1);
-        if (n == 1) {
-            if (c == '\n') break;
-            number.push_back(c);
-        } else if (n == 0) {
-            break;
-        } else {
-            std::this_thread::sleep_for(10ms);
-        }
-    }
-    close(fds[0]);
-    if (number.empty()) return;
-    name_ = ":" + number;
-    ok_ = true;
-}
-
-VirtualDisplay::~VirtualDisplay() = default;
 
 VirtualMicrophone::VirtualMicrophone() {
     const std::string d = dir_.path();

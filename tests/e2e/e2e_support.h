@@ -14,20 +14,13 @@
 #include <string>
 #include <vector>
 
+#include "fakes/test_environment.h"
+#include "fakes/xvfb_server.h"
+
 namespace gb::e2e {
 
 // A temporary folder removed at destruction.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    [[nodiscard]] const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
+using TempDir = fakes::TempDirectory;
 
 // A child process; killed (SIGKILL) at destruction if still running.
 class Process {
@@ -58,6 +51,15 @@ private:
     std::string err_;
 };
 
+// A program run to completion (or to the timeout: no exit code) and what it printed.
+struct Run {
+    std::optional<int> exitCode;
+    std::string out;
+    std::string err;
+};
+Run runToEnd(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
+             std::chrono::milliseconds timeout);
+
 // Runs a command to completion; its standard output, or nothing when it failed.
 std::optional<std::string> runCommand(const std::vector<std::string>& argv,
                                       const std::map<std::string, std::string>& env = {},
@@ -66,15 +68,13 @@ std::optional<std::string> runCommand(const std::vector<std::string>& argv,
 // Xvfb on a free display number.
 class VirtualDisplay {
 public:
-    explicit VirtualDisplay(int width = 1920, int height = 1080, int depth = 24);
-    ~VirtualDisplay();
-    [[nodiscard]] const std::string& name() const { return name_; }  // ":N"
-    [[nodiscard]] bool ok() const { return ok_; }
+    explicit VirtualDisplay(int width = 1920, int height = 1080, int depth = 24)
+        : server_(fakes::XvfbServer::start({width, height, depth})) {}
+    [[nodiscard]] std::string name() const { return server_ ? server_->displayName() : ""; }
+    [[nodiscard]] bool ok() const { return server_ != nullptr; }
 
 private:
-    std::optional<Process> xvfb_;
-    std::string name_;
-    bool ok_ = false;
+    std::unique_ptr<fakes::XvfbServer> server_;
 };
 
 // A private PulseAudio server whose default source is the monitor of a null sink.

@@ -50,7 +50,7 @@ public:
                      env_);
         if (!bus_->waitForOutput("unix:", 10s)) return;
         pipewire_.emplace(std::vector<std::string>{"pipewire"}, env_);
-        if (!waitFor([&] { return fs::exists(d + "/run/pipewire-0"); })) return;
+        if (!eventually([&] { return fs::exists(d + "/run/pipewire-0"); }, 10s)) return;
         wireplumber_.emplace(std::vector<std::string>{"wireplumber"}, env_);
         backendArgs.insert(backendArgs.begin(), {toolPath("test_screencast_portal"), "--log", log()});
         backend_.emplace(backendArgs, env_);
@@ -59,14 +59,14 @@ public:
         portalEnv["XDG_DESKTOP_PORTAL_DIR"] = d + "/portals";
         portalEnv["XDG_CURRENT_DESKTOP"] = "glimmerboxtest";
         portal_.emplace(std::vector<std::string>{"/usr/libexec/xdg-desktop-portal"}, portalEnv);
-        ok_ = mic_.ok() && waitFor([&] {
+        ok_ = mic_.ok() && eventually([&] {
                   auto out = runCommand({"dbus-send", "--session", "--print-reply",
                                          "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
                                          "org.freedesktop.DBus.NameHasOwner",
                                          "string:org.freedesktop.portal.Desktop"},
                                         env_, 2s);
                   return out && out->find("true") != std::string::npos;
-              });
+              }, 10s);
     }
 
     [[nodiscard]] bool ok() const { return ok_; }
@@ -78,33 +78,18 @@ public:
         return std::regex_search(conf, m, std::regex("screenCastRestoreToken=(.*)")) ? m[1].str()
                                                                                      : "";
     }
-    struct Run {
-        std::optional<int> exitCode;
-        std::string out, err;
-    };
     [[nodiscard]] std::unique_ptr<Process> start(std::vector<std::string> args) const {
         args.insert(args.begin(), {binaryPath(), "record", "--no-camera", "--output",
                                    dir_.path() + "/out"});
         return std::make_unique<Process>(args, env_);
     }
     Run record(std::vector<std::string> args, std::chrono::seconds timeout = 60s) {
-        auto started = start(std::move(args));
-        Process& p = *started;
-        Run r{p.wait(timeout), "", ""};
-        r.out = p.stdoutText();
-        r.err = p.stderrText();
-        return r;
+        args.insert(args.begin(), {binaryPath(), "record", "--no-camera", "--output",
+                                   dir_.path() + "/out"});
+        return runToEnd(args, env_, timeout);
     }
 
 private:
-    template <class F>
-    static bool waitFor(F ready) {
-        for (auto end = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < end;
-             std::this_thread::sleep_for(50ms)) {
-            if (ready()) return true;
-        }
-        return false;
-    }
     TempDir dir_;
     VirtualMicrophone mic_;
     std::map<std::string, std::string> env_;

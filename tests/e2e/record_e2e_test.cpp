@@ -35,20 +35,10 @@ protected:
         for (auto& [k, v] : mic.env()) e[k] = v;
         return e;
     }
-    struct Run {
-        std::optional<int> exitCode;
-        std::string out;
-        std::string err;
-    };
-    Run record(std::vector<std::string> args, const std::map<std::string, std::string>& env,
-               std::chrono::seconds timeout = 60s) {
+    e2e::Run record(std::vector<std::string> args, const std::map<std::string, std::string>& env,
+                    std::chrono::seconds timeout = 60s) {
         args.insert(args.begin(), {binaryPath(), "record"});
-        Process p(args, env);
-        Run r;
-        r.exitCode = p.wait(timeout);
-        r.out = p.stdoutText();
-        r.err = p.stderrText();
-        return r;
+        return runToEnd(args, env, timeout);
     }
     // Runs a moving scene on the display until the test ends.
     void startScene(const VirtualDisplay& display) {
@@ -82,7 +72,8 @@ TEST_F(RecordE2ETest, HighQualityRecordingOfTheScreenAndTheMicrophone) {
     EXPECT_EQ(st.st_mode & 0777, 0700u);
     EXPECT_NE(run.out.find("Recording completed successfully"), std::string::npos);
 
-    expectValidMovie(path, {5.0, 0.3, 1920, 1080, true, true});
+    expectValidMovie(path, {.seconds = 5.0, .tolerance = 0.3, .width = 1920, .height = 1080,
+                            .allFrames = true, .audible = true});
 }
 
 TEST_F(RecordE2ETest, MediumQualityLetterboxesAnotherAspectRatio) {
@@ -99,7 +90,8 @@ TEST_F(RecordE2ETest, MediumQualityLetterboxesAnotherAspectRatio) {
     ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
     const std::string path = lastLine(run.out);
     EXPECT_EQ(fs::path(path).parent_path(), fs::path(out.path()));
-    expectValidMovie(path, {5.0, 0.3, 1280, 720, true, true});
+    expectValidMovie(path, {.seconds = 5.0, .tolerance = 0.3, .width = 1280, .height = 720,
+                            .allFrames = true, .audible = true});
 
     // 1920x1200 scaled by 0.6 is 1152x720, centred: 64 black columns on each side.
     auto rgb = decodeFrameRGB(path, 2.0, 1280, 720);
