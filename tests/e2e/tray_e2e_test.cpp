@@ -113,7 +113,6 @@ public:
                          10s);
     }
 
-    [[nodiscard]] std::map<std::string, std::string> xEnv() const { return env(); }
     [[nodiscard]] std::vector<Notification> notifications() const {
         return parseNotifications(notifyLog());
     }
@@ -154,7 +153,7 @@ private:
 class TrayApp {
 public:
     explicit TrayApp(const TrayDesktop& desktop) : desktop_(desktop) {
-        auto env = desktop.xEnv();
+        auto env = desktop.env();
         env["GLIMMERBOX_DEBUG_UI"] = "1";
         env["GLIMMERBOX_TEST_CAMERA"] = "1";  // the overlay is on by default
         process_.emplace(std::vector<std::string>{binaryPath()}, env);
@@ -431,7 +430,7 @@ TEST(TrayE2ETest, EditorAutomationTogglesScreencastModeAroundARecording) {
     const std::string keyLog = scratch.path() + "/editor.log";
     auto editor = std::make_unique<Process>(
         std::vector<std::string>{toolPath("fake_editor"), "--class", "Code", "--log", keyLog},
-        desktop.xEnv());
+        desktop.env());
     ASSERT_TRUE(waitUntil(
         [&] {
             return desktop.x({"xdotool", "search", "--onlyvisible", "--class", "^Code$"})
@@ -548,7 +547,7 @@ TEST(TrayE2ETest, SecondLaunchSaysSoAndExits) {
     TrayApp first(desktop);
     ASSERT_TRUE(first.waitUntilReady()) << first.log() << first.errors();
 
-    Process second({binaryPath()}, desktop.xEnv());
+    Process second({binaryPath()}, desktop.env());
     EXPECT_EQ(second.wait(15s), 0);
     EXPECT_NE(second.stdoutText().find("Glimmerbox is already running"), std::string::npos)
         << second.stdoutText();
