@@ -30,10 +30,14 @@ struct CommandRun {
 // The shared desktop session, whose bus can start the program. No tray host.
 class ControlSession : public Desktop {
 public:
-    ControlSession() { ok_ = Desktop::ok() && bus().installService(kAppId, {binaryPath()}, env(), activatedLog()); }
+    ControlSession() {
+        ok_ = Desktop::ok() && bus().installService(kAppId, {binaryPath()}, env(), activatedLog());
+    }
 
     [[nodiscard]] bool ok() const { return ok_; }
-    std::optional<std::string> tool(const std::vector<std::string>& argv) const { return run(argv); }
+    std::optional<std::string> tool(const std::vector<std::string>& argv) const {
+        return run(argv);
+    }
     // `glimmerbox <args>` to completion.
     CommandRun glimmerbox(const std::vector<std::string>& args) const {
         std::vector<std::string> argv{binaryPath()};
