@@ -21,62 +21,22 @@ using namespace std::chrono_literals;
 
 constexpr const char* kAppId = "io.github.glimmerbox.Glimmerbox";
 
-bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        if (condition()) return true;
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(50ms);
-    }
-}
-
-std::string readText(const std::string& path) {
-    return runCommand({"cat", path}).value_or("");
-}
-
 struct CommandRun {
     std::optional<int> code;
     std::string out;
     std::string err;
 };
 
-// Xvfb, a PulseAudio null sink, a private session bus that can start the program, and the dunst
-// notification server watched by dbus-monitor. No tray host.
-class ControlSession {
+// The shared desktop session, whose bus can start the program. No tray host.
+class ControlSession : public Desktop {
 public:
     ControlSession() {
-        if (!display_.ok() || !bus_.ok() || !microphone_.ok()) return;
-        fs::create_directories(dir_.path() + "/run");
-        chmod((dir_.path() + "/run").c_str(), 0700);
-        notifications_.emplace(std::vector<std::string>{"dunst"}, env());
-        monitor_.emplace(std::vector<std::string>{"dbus-monitor", "--address", bus_.address(),
-                                                  "interface='org.freedesktop.Notifications',"
-                                                  "member='Notify'"});
-        ok_ = monitor_->waitForOutput("member=NameLost", 10s) &&
-              waitUntil([&] { return busOwns("org.freedesktop.Notifications"); }, 10s) &&
-              bus_.installService(kAppId, {binaryPath()}, env(), activatedLog());
+        ok_ = Desktop::ok() && bus().installService(kAppId, {binaryPath()}, env(), activatedLog());
     }
 
     [[nodiscard]] bool ok() const { return ok_; }
-    [[nodiscard]] std::map<std::string, std::string> env() const {
-        return {{"DISPLAY", display_.name()},
-                {"DBUS_SESSION_BUS_ADDRESS", bus_.address()},
-                {"HOME", dir_.path()},
-                {"XDG_CONFIG_HOME", dir_.path() + "/.config"},
-                {"XDG_RUNTIME_DIR", dir_.path() + "/run"},
-                {"XDG_DOCUMENTS_DIR", ""},
-                {"XDG_SESSION_TYPE", "x11"},
-                {"WAYLAND_DISPLAY", ""},
-                {"QT_QPA_PLATFORM", ""},
-                {"PULSE_SERVER", microphone_.server()}};
-    }
     std::optional<std::string> tool(const std::vector<std::string>& argv) const {
-        return runCommand(argv, env(), 20s);
-    }
-    bool busOwns(const std::string& name) const {
-        return tool({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
-                     "org.freedesktop.DBus.GetNameOwner", "string:" + name})
-            .has_value();
+        return run(argv);
     }
     // `glimmerbox <args>` to completion.
     CommandRun glimmerbox(const std::vector<std::string>& args) const {
@@ -94,37 +54,21 @@ public:
     }
     // Whether a notification with this summary and a body that begins so went over the bus.
     [[nodiscard]] bool notified(const std::string& summary, const std::string& body) const {
-        const std::string text = monitor_->stdoutText();
-        return text.find("string \"" + summary + "\"\n   string \"" + body) != std::string::npos;
+        return notifyLog().find("string \"" + summary + "\"\n   string \"" + body) !=
+               std::string::npos;
     }
-    [[nodiscard]] std::string activatedLog() const { return dir_.path() + "/activated.log"; }
-    [[nodiscard]] std::string configDir() const { return dir_.path() + "/.config/Glimmerbox"; }
+    [[nodiscard]] std::string activatedLog() const { return home() + "/activated.log"; }
+    [[nodiscard]] std::string configDir() const { return home() + "/.config/Glimmerbox"; }
     // The file that a stop's or status's output names, checked to be in the recordings folder.
     [[nodiscard]] std::string savedFile(const std::string& output) const {
-        const std::string folder = dir_.path() + "/Documents/Glimmerbox Recordings/";
+        const std::string folder = recordingsFolder() + "/";
         const bool named = output.starts_with("idle\n" + folder) && output.ends_with(".mov\n");
         return named ? output.substr(5, output.size() - 6) : std::string();
     }
 
 private:
-    VirtualDisplay display_{1280, 720};
-    SessionBus bus_;
-    VirtualMicrophone microphone_;
-    TempDir dir_;
-    std::optional<Process> notifications_;
-    std::optional<Process> monitor_;
     bool ok_ = false;
 };
-
-// A QuickTime movie with H.264 video and AAC audio about `seconds` long.
-void expectMovie(const std::string& file, double seconds) {
-    const auto info = probe(file);
-    ASSERT_TRUE(info && info->stream("video") && info->stream("audio")) << file;
-    EXPECT_EQ(
-        info->stream("video")->get("codec_name") + "+" + info->stream("audio")->get("codec_name"),
-        "h264+aac");
-    EXPECT_NEAR(info->durationSeconds, seconds, 1.5);
-}
 
 TEST(ControlE2ETest, WithoutATrayTheCommandsRecordAndTellTheState) {
     ControlSession session;
@@ -151,7 +95,7 @@ TEST(ControlE2ETest, WithoutATrayTheCommandsRecordAndTellTheState) {
 
     const std::string movie = session.savedFile(stopped.out);
     ASSERT_FALSE(movie.empty()) << stopped.out;
-    expectMovie(movie, recorded.count());
+    expectValidMovie(movie, {.seconds = recorded.count()});
     EXPECT_EQ(session.glimmerbox({"status"}).out, stopped.out);
 
     EXPECT_TRUE(waitUntil(
@@ -213,7 +157,7 @@ TEST(ControlE2ETest, LauncherActionsRunTheMenuFlowsWithEditorAutomation) {
         30s))
         << status;
     EXPECT_EQ(keyCount(), 48);
-    expectMovie(session.savedFile(status), 1.0);
+    expectValidMovie(session.savedFile(status), {.seconds = 1.0});
     EXPECT_FALSE(session.activateAction("no-such-action"));
 }
 
@@ -234,7 +178,7 @@ TEST(ControlE2ETest, StartLaunchesTheProgramThroughTheBus) {
     std::this_thread::sleep_for(2s);
     const CommandRun stopped = session.glimmerbox({"stop"});
     ASSERT_EQ(stopped.code, 0) << stopped.err;
-    expectMovie(session.savedFile(stopped.out), 2.0);
+    expectValidMovie(session.savedFile(stopped.out), {.seconds = 2.0});
 }
 
 }  // namespace

@@ -6,11 +6,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -18,27 +23,95 @@ namespace gb::e2e {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-namespace {
-
-std::string readFile(const std::string& path) {
+std::string readText(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::stringstream ss;
     ss << in.rdbuf();
     return ss.str();
 }
 
-}  // namespace
-
-TempDir::TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "glimmerbox-e2e.XXXXXX").string();
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data())) path_ = buf.data();
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
 }
 
-TempDir::~TempDir() {
+std::string lastLine(std::string text) {
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    const auto nl = text.rfind('\n');
+    return nl == std::string::npos ? text : text.substr(nl + 1);
+}
+
+size_t countOf(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+std::vector<std::string> moviesIn(const std::string& folder) {
+    std::vector<std::string> movies;
     std::error_code ec;
-    if (!path_.empty()) fs::remove_all(path_, ec);
+    for (const auto& e : fs::directory_iterator(folder, ec)) {
+        if (e.path().extension() == ".mov") movies.push_back(e.path().string());
+    }
+    std::sort(movies.begin(), movies.end());
+    return movies;
+}
+
+std::string artifactsDir() { return std::string(GLIMMERBOX_BUILD_DIR) + "/artifacts"; }
+
+void expectValidMovie(const std::string& file, const MovieCheck& check) {
+    const auto info = probe(file);
+    ASSERT_TRUE(info) << file;
+    EXPECT_TRUE(std::regex_match(fs::path(file).filename().string(),
+                                 std::regex(R"(glimmerbox-\d{4}-\d\d-\d\d_\d\d-\d\d-\d\d\.mov)")))
+        << file;
+    EXPECT_NE(info->formatName.find("mov"), std::string::npos) << info->formatName;
+    ASSERT_EQ(info->streams.size(), 2u) << file;
+    const StreamInfo* v = info->stream("video");
+    const StreamInfo* a = info->stream("audio");
+    ASSERT_TRUE(v && a) << file;
+    EXPECT_EQ(v->get("codec_name"), "h264");
+    EXPECT_EQ(a->get("codec_name"), "aac");
+    EXPECT_NEAR(info->durationSeconds, check.seconds, check.tolerance);
+    if (check.allFrames) {
+        EXPECT_GE(countVideoFrames(file), static_cast<int>(std::ceil(check.seconds * 30 * 0.95)));
+    }
+    if (check.audible) {
+        const auto levels = audioLevels(file);
+        ASSERT_TRUE(levels);
+        EXPECT_GT(levels->meanDb, -40.0) << "the audio is silent";
+    }
+    if (check.width == 0) return;
+    const std::map<std::string, std::string> expected{
+        {"v:profile", "Main"}, {"v:width", std::to_string(check.width)},
+        {"v:height", std::to_string(check.height)}, {"a:profile", "LC"},
+        {"a:channels", "2"}, {"a:sample_rate", "44100"}};
+    for (const auto& [key, value] : expected) {
+        EXPECT_EQ((key[0] == 'v' ? v : a)->get(key.substr(2)), value) << key;
+    }
+    // CAVLC: every picture parameter set says entropy_coding_mode_flag 0.
+    Process trace({"ffmpeg", "-v", "trace", "-i", file, "-map", "0:v", "-c", "copy", "-bsf:v",
+                   "trace_headers", "-f", "null", "-"});
+    ASSERT_EQ(trace.wait(60s), 0);
+    const std::string log = trace.stderrText();
+    const std::regex flag(R"(entropy_coding_mode_flag\s+(\d+) = (\d+))");
+    int pps = 0;
+    for (std::sregex_iterator it(log.begin(), log.end(), flag), end; it != end; ++it) {
+        ++pps;
+        EXPECT_EQ((*it)[2], "0") << "CABAC found";
+    }
+    EXPECT_GT(pps, 0) << "no picture parameter set traced";
+}
+
+std::map<std::string, std::string> sessionEnv(const std::string& home) {
+    return {{"HOME", home},
+            {"XDG_CONFIG_HOME", home + "/.config"},
+            {"XDG_DOCUMENTS_DIR", ""},
+            {"XDG_SESSION_TYPE", "x11"},
+            {"WAYLAND_DISPLAY", ""},
+            {"QT_QPA_PLATFORM", ""}};
 }
 
 Process::Process(std::vector<std::string> argv, std::map<std::string, std::string> env) {
@@ -98,8 +171,8 @@ void Process::signal(int sig) {
     if (pid_ > 0 && !exitCode_) kill(pid_, sig);
 }
 
-std::string Process::stdoutText() const { return readFile(out_); }
-std::string Process::stderrText() const { return readFile(err_); }
+std::string Process::stdoutText() const { return readText(out_); }
+std::string Process::stderrText() const { return readText(err_); }
 
 bool Process::waitForOutput(const std::string& text, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -111,6 +184,13 @@ bool Process::waitForOutput(const std::string& text, std::chrono::milliseconds t
     return false;
 }
 
+Run runToEnd(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
+             std::chrono::milliseconds timeout) {
+    Process p(argv, env);
+    const auto code = p.wait(timeout);
+    return {code, p.stdoutText(), p.stderrText()};
+}
+
 std::optional<std::string> runCommand(const std::vector<std::string>& argv,
                                       const std::map<std::string, std::string>& env,
                                       std::chrono::milliseconds timeout) {
@@ -119,39 +199,6 @@ std::optional<std::string> runCommand(const std::vector<std::string>& argv,
     if (!code || *code != 0) return std::nullopt;
     return p.stdoutText();
 }
-
-VirtualDisplay::VirtualDisplay(int width, int height, int depth) {
-    // -displayfd makes Xvfb choose a free display and tell us its number.
-    int fds[2];
-    if (pipe(fds) != 0) return;
-    const std::string geometry =
-        std::to_string(width) + "x" + std::to_string(height) + "x" + std::to_string(depth);
-    xvfb_.emplace(std::vector<std::string>{"Xvfb", "-displayfd", std::to_string(fds[1]), "-screen",
-                                           "0", geometry, "-nolisten", "tcp", "+extension",
-                                           "RANDR"});
-    close(fds[1]);
-    std::string number;
-    char c;
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    fcntl(fds[0], F_SETFL, O_NONBLOCK);
-    while (std::chrono::steady_clock::now() < deadline) {
-        ssize_t n = read(fds[0], &c, 1);
-        if (n == 1) {
-            if (c == '\n') break;
-            number.push_back(c);
-        } else if (n == 0) {
-            break;
-        } else {
-            std::this_thread::sleep_for(10ms);
-        }
-    }
-    close(fds[0]);
-    if (number.empty()) return;
-    name_ = ":" + number;
-    ok_ = true;
-}
-
-VirtualDisplay::~VirtualDisplay() = default;
 
 VirtualMicrophone::VirtualMicrophone() {
     const std::string d = dir_.path();
@@ -242,7 +289,7 @@ std::optional<std::vector<uint8_t>> decodeFrameRGB(const std::string& file, doub
                      "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "rgb24", raw})) {
         return std::nullopt;
     }
-    std::string bytes = readFile(raw);
+    std::string bytes = readText(raw);
     if (bytes.size() != static_cast<size_t>(width) * height * 3) return std::nullopt;
     return std::vector<uint8_t>(bytes.begin(), bytes.end());
 }
@@ -272,7 +319,7 @@ std::string sourceDir() { return GLIMMERBOX_SOURCE_DIR; }
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
     for (const auto end = std::chrono::steady_clock::now() + timeout; !condition();) {
         if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(100ms);
+        std::this_thread::sleep_for(50ms);
     }
     return true;
 }
@@ -350,4 +397,46 @@ pid_t childWithArgument(const std::string& text) {
     }
     return -1;
 }
+Desktop::Desktop(bool microphone) {
+    if (!display_.ok() || !bus_.ok()) return;
+    if (microphone) {
+        microphone_.emplace();
+        if (!microphone_->ok()) return;
+    }
+    fs::create_directories(home() + "/.run");
+    chmod((home() + "/.run").c_str(), 0700);
+    notifications_.emplace(std::vector<std::string>{"dunst"}, env());
+    monitor_.emplace(std::vector<std::string>{"dbus-monitor", "--address", bus_.address(),
+                                              "type='method_call',"
+                                              "interface='org.freedesktop.Notifications',"
+                                              "member='Notify'"});
+    // The notification server is up once it owns its name.
+    ok_ = monitor_->waitForOutput("member=NameLost", 10s) &&
+          eventually([&] { return busOwns("org.freedesktop.Notifications"); }, 10s);
+}
+
+std::map<std::string, std::string> Desktop::env() const {
+    auto env = sessionEnv(home());
+    env["DISPLAY"] = display_.name();
+    env["DBUS_SESSION_BUS_ADDRESS"] = bus_.address();
+    env["XDG_RUNTIME_DIR"] = home() + "/.run";
+    env["PULSE_SERVER"] =
+        microphone_ ? microphone_->server() : "unix:" + home() + "/.run/no-such-socket";
+    return env;
+}
+
+std::string Desktop::recordingsFolder() const {
+    return home() + "/Documents/Glimmerbox Recordings";
+}
+
+std::optional<std::string> Desktop::run(const std::vector<std::string>& argv) const {
+    return runCommand(argv, env(), 20s);
+}
+
+bool Desktop::busOwns(const std::string& name) const {
+    return run({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
+                "org.freedesktop.DBus.GetNameOwner", "string:" + name})
+        .has_value();
+}
+
 }  // namespace gb::e2e

@@ -14,20 +14,13 @@
 #include <string>
 #include <vector>
 
+#include "fakes/test_environment.h"
+#include "fakes/xvfb_server.h"
+
 namespace gb::e2e {
 
 // A temporary folder removed at destruction.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    [[nodiscard]] const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
+using TempDir = fakes::TempDirectory;
 
 // A child process; killed (SIGKILL) at destruction if still running.
 class Process {
@@ -58,6 +51,15 @@ private:
     std::string err_;
 };
 
+// A program run to completion (or to the timeout: no exit code) and what it printed.
+struct Run {
+    std::optional<int> exitCode;
+    std::string out;
+    std::string err;
+};
+Run runToEnd(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
+             std::chrono::milliseconds timeout);
+
 // Runs a command to completion; its standard output, or nothing when it failed.
 std::optional<std::string> runCommand(const std::vector<std::string>& argv,
                                       const std::map<std::string, std::string>& env = {},
@@ -66,15 +68,13 @@ std::optional<std::string> runCommand(const std::vector<std::string>& argv,
 // Xvfb on a free display number.
 class VirtualDisplay {
 public:
-    explicit VirtualDisplay(int width = 1920, int height = 1080, int depth = 24);
-    ~VirtualDisplay();
-    [[nodiscard]] const std::string& name() const { return name_; }  // ":N"
-    [[nodiscard]] bool ok() const { return ok_; }
+    explicit VirtualDisplay(int width = 1920, int height = 1080, int depth = 24)
+        : server_(fakes::XvfbServer::start({width, height, depth})) {}
+    [[nodiscard]] std::string name() const { return server_ ? server_->displayName() : ""; }
+    [[nodiscard]] bool ok() const { return server_ != nullptr; }
 
 private:
-    std::optional<Process> xvfb_;
-    std::string name_;
-    bool ok_ = false;
+    std::unique_ptr<fakes::XvfbServer> server_;
 };
 
 // A private PulseAudio server whose default source is the monitor of a null sink.
@@ -126,9 +126,35 @@ std::string binaryPath();    // the glimmerbox program under test
 std::string toolPath(const std::string& name);  // a helper program from tests/tools
 std::string sourceDir();
 
-// Checks `condition` every 100 ms until it holds (true) or `timeout` has passed (false).
+// Checks `condition` every 50 ms until it holds (true) or `timeout` has passed (false).
 bool eventually(const std::function<bool()>& condition,
                 std::chrono::milliseconds timeout = std::chrono::seconds(30));
+inline bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    return eventually(condition, timeout);
+}
+
+std::string readText(const std::string& path);  // empty when unreadable
+std::vector<std::string> linesOf(const std::string& text);
+std::string lastLine(std::string text);
+size_t countOf(const std::string& text, const std::string& what);
+std::vector<std::string> moviesIn(const std::string& folder);  // the .mov files, sorted
+std::string artifactsDir();  // where tests leave screenshots
+
+// What a finished recording must be: a QuickTime movie named by its start time with H.264 video
+// and AAC audio, about `seconds` long. With a size, also the encoder's settings (Main profile,
+// CAVLC, AAC LC stereo at 44.1 kHz).
+struct MovieCheck {
+    double seconds = 0;
+    double tolerance = 1.5;
+    int width = 0;  // 0: size and settings unchecked
+    int height = 0;
+    bool allFrames = false;  // at least 95% of 30 frames a second
+    bool audible = false;    // the microphone's tone is in it
+};
+void expectValidMovie(const std::string& file, const MovieCheck& check);
+
+// The environment of programs in a session whose home is `home`, on X11.
+std::map<std::string, std::string> sessionEnv(const std::string& home);
 // A private D-Bus session bus that starts services from a folder of its own, as a desktop's bus
 // starts installed programs when their name is called. Started services die with it.
 class SessionBus {
@@ -151,6 +177,32 @@ private:
 // Levels of the audio between two times of the file (as audioLevels()).
 std::optional<AudioLevels> audioLevelsBetween(const std::string& file, double fromSeconds,
                                               double toSeconds);
+
+// A desktop session of its own: Xvfb, a session bus that starts services, a PulseAudio null sink
+// as the microphone (or no sound server), and dunst for notifications, watched by dbus-monitor.
+class Desktop {
+public:
+    explicit Desktop(bool microphone = true);
+    [[nodiscard]] bool ok() const { return ok_; }
+    [[nodiscard]] std::map<std::string, std::string> env() const;
+    [[nodiscard]] const std::string& home() const { return home_.path(); }
+    [[nodiscard]] std::string recordingsFolder() const;
+    [[nodiscard]] SessionBus& bus() { return bus_; }
+    // A program in this session to completion: its output, or nothing when it failed.
+    std::optional<std::string> run(const std::vector<std::string>& argv) const;
+    [[nodiscard]] bool busOwns(const std::string& name) const;
+    // The Notify calls that went over the bus, as dbus-monitor printed them.
+    [[nodiscard]] std::string notifyLog() const { return monitor_->stdoutText(); }
+
+private:
+    VirtualDisplay display_{1280, 720};
+    SessionBus bus_;
+    std::optional<VirtualMicrophone> microphone_;
+    TempDir home_;
+    std::optional<Process> notifications_;
+    std::optional<Process> monitor_;
+    bool ok_ = false;
+};
 
 }  // namespace gb::e2e
 

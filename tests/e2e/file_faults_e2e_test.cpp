@@ -18,12 +18,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-std::string lastLine(std::string t) {
-    while (!t.empty() && t.back() == '\n') t.pop_back();
-    const auto nl = t.rfind('\n');
-    return nl == std::string::npos ? t : t.substr(nl + 1);
-}
-
 // The file names a recording started `offset` seconds from now would get.
 std::vector<std::string> nextNames(int from, int to) {
     std::vector<std::string> names;
@@ -36,14 +30,6 @@ std::vector<std::string> nextNames(int from, int to) {
         names.emplace_back(name);
     }
     return names;
-}
-
-std::vector<fs::path> movies(const std::string& folder) {
-    std::vector<fs::path> found;
-    for (auto& e : fs::directory_iterator(folder)) {
-        if (e.path().extension() == ".mov") found.push_back(e.path());
-    }
-    return found;
 }
 
 // A small RAM file system; the tests that need one are skipped where it cannot be mounted.
@@ -75,9 +61,9 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(display_.ok() && mic_.ok());
         tone_ = mic_.playTone(120);
-        env_ = {{"HOME", home_.path()}, {"XDG_CONFIG_HOME", home_.path() + "/.config"},
-                {"XDG_DOCUMENTS_DIR", ""}, {"XDG_SESSION_TYPE", "x11"}, {"WAYLAND_DISPLAY", ""},
-                {"GLIMMERBOX_TEST_CAMERA", ""}, {"DISPLAY", display_.name()}};
+        env_ = sessionEnv(home_.path());
+        env_["GLIMMERBOX_TEST_CAMERA"] = "";
+        env_["DISPLAY"] = display_.name();
         for (auto& [k, v] : mic_.env()) env_[k] = v;
     }
     std::unique_ptr<Process> start(const std::string& folder, int seconds) {
@@ -115,7 +101,7 @@ TEST_F(FileFaultsE2ETest, TwoRecordersInOneSecondNeverShareAFile) {
     if (saved.size() == 2) {
         EXPECT_NE(saved[0], saved[1]) << "both report the same file";
     }
-    EXPECT_EQ(movies(out.path()).size(), saved.size());
+    EXPECT_EQ(moviesIn(out.path()).size(), saved.size());
     for (const auto& path : saved) {
         const auto info = probe(path);
         ASSERT_TRUE(info) << path;
@@ -173,9 +159,9 @@ TEST_F(FileFaultsE2ETest, FileOrFolderRemovedWhileRecordingAndNewFoldersArePriva
             ASSERT_EQ(::stat((base.path() + folder).c_str(), &st), 0);
             EXPECT_EQ(st.st_mode & 0777, 0700u) << folder;
         }
-        const auto written = movies(base.path() + "/a/b/c");
+        const auto written = moviesIn(base.path() + "/a/b/c");
         ASSERT_EQ(written.size(), 1u);
-        fs::remove_all(folderToo ? fs::path(base.path() + "/a") : written[0]);
+        fs::remove_all(folderToo ? fs::path(base.path() + "/a") : fs::path(written[0]));
         const auto code = p->wait(60s);
         ASSERT_TRUE(code);
         if (folderToo) {
@@ -184,7 +170,7 @@ TEST_F(FileFaultsE2ETest, FileOrFolderRemovedWhileRecordingAndNewFoldersArePriva
                 << p->stderrText();
         } else {
             EXPECT_EQ(*code, 0) << p->stderrText();
-            const auto info = probe(written[0].string());
+            const auto info = probe(written[0]);
             ASSERT_TRUE(info);
             EXPECT_NEAR(info->durationSeconds, 3.0, 0.4);
         }
@@ -201,7 +187,7 @@ TEST_F(FileFaultsE2ETest, FullDiskAtTheStartLeavesNoFile) {
     EXPECT_NE(*code, 0);
     EXPECT_NE((p->stdoutText() + p->stderrText()).find("the disk is full"), std::string::npos)
         << p->stdoutText() << p->stderrText();
-    EXPECT_TRUE(movies(disk.path()).empty());
+    EXPECT_TRUE(moviesIn(disk.path()).empty());
 }
 
 TEST_F(FileFaultsE2ETest, FullDiskWhileRecordingEndsItAndKeepsWhatWasWritten) {
@@ -221,9 +207,9 @@ TEST_F(FileFaultsE2ETest, FullDiskWhileRecordingEndsItAndKeepsWhatWasWritten) {
         ++repeats;
     }
     EXPECT_LE(repeats, 1u) << out;
-    const auto kept = movies(disk.path());
+    const auto kept = moviesIn(disk.path());
     ASSERT_EQ(kept.size(), 1u);
-    const auto info = probe(kept[0].string());
+    const auto info = probe(kept[0]);
     ASSERT_TRUE(info);
     EXPECT_GT(info->durationSeconds, 0.3);
 }

@@ -17,13 +17,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-std::vector<std::string> linesOf(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
 // The idle menu as the host reads it: depth|type|enabled|visible|toggle-type|toggle-state|label.
 const std::vector<std::string> kIdleMenu{
     "0|standard|1|1||-1|⏺ Start Recording",

@@ -18,28 +18,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        if (condition()) return true;
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(50ms);
-    }
-}
-
-std::vector<std::string> linesOf(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
-size_t countOf(const std::string& text, const std::string& what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-    return n;
-}
-
 struct Point {
     int x = 0;
     int y = 0;
@@ -101,62 +79,25 @@ std::vector<Notification> parseNotifications(const std::string& monitorOutput) {
     return found;
 }
 
-// A desktop session of its own; everything stops when it goes.
-class TrayDesktop {
+// The shared desktop session with a window manager and, unless told otherwise, a tray host.
+class TrayDesktop : public Desktop {
 public:
     struct Options {
         bool microphone = true;
         bool tray = true;  // false: no tray host until startTray()
     };
 
-    explicit TrayDesktop(Options options) : display_(1280, 720) {
-        if (!display_.ok()) return;
-        fs::create_directories(runtime_.path() + "/run");
-        chmod((runtime_.path() + "/run").c_str(), 0700);
-
-        bus_.emplace(
-            std::vector<std::string>{"dbus-daemon", "--session", "--nofork", "--print-address=1"});
-        if (!bus_->waitForOutput("\n", 10s)) return;
-        busAddress_ = linesOf(bus_->stdoutText()).front();
-
-        if (options.microphone) {
-            microphone_.emplace();
-            if (!microphone_->ok()) return;
-        }
-
-        const auto x = xEnv();
-        windowManager_.emplace(std::vector<std::string>{"openbox", "--sm-disable"}, x);
-        if (!waitUntil(
-                [&] {
-                    return runCommand({"xprop", "-root", "_NET_SUPPORTING_WM_CHECK"}, x)
-                               .value_or("")
-                               .find("window id") != std::string::npos;
-                },
-                10s)) {
-            return;
-        }
-        if (options.tray && !startTray()) return;
-        notifications_.emplace(std::vector<std::string>{"dunst"}, x);
-        monitor_.emplace(
-            std::vector<std::string>{
-                "dbus-monitor", "--address", busAddress_,
-                "type='method_call',interface='org.freedesktop.Notifications',member='Notify'"},
-            x);
-        if (!monitor_->waitForOutput("member=NameLost", 10s)) return;
-        // The notification server is up once it owns its name.
-        if (!waitUntil(
-                [&] {
-                    return runCommand({"dbus-send", "--session", "--print-reply",
-                                       "--dest=org.freedesktop.DBus", "/",
-                                       "org.freedesktop.DBus.GetNameOwner",
-                                       "string:org.freedesktop.Notifications"},
-                                      x)
-                        .has_value();
-                },
-                10s)) {
-            return;
-        }
-        ok_ = true;
+    explicit TrayDesktop(Options options) : Desktop(options.microphone) {
+        if (!Desktop::ok()) return;
+        windowManager_.emplace(std::vector<std::string>{"openbox", "--sm-disable"}, env());
+        ok_ = waitUntil(
+                  [&] {
+                      return x({"xprop", "-root", "_NET_SUPPORTING_WM_CHECK"})
+                                 .value_or("")
+                                 .find("window id") != std::string::npos;
+                  },
+                  10s) &&
+              (!options.tray || startTray());
     }
 
     [[nodiscard]] bool ok() const { return ok_; }
@@ -167,48 +108,20 @@ public:
             std::vector<std::string>{"trayer", "--edge", "top", "--align", "right", "--widthtype",
                                      "pixel", "--width", "120", "--height", "28", "--SetDockType",
                                      "true", "--transparent", "false", "--tint", "0xdddddd"},
-            xEnv());
-        return waitUntil(
-            [&] {
-                return x({"xdotool", "search", "--class", "trayer"}).has_value();
-            },
-            10s);
+            env());
+        return waitUntil([&] { return x({"xdotool", "search", "--class", "trayer"}).has_value(); },
+                         10s);
     }
 
-    // The environment of programs in this session (no Qt platform override, no Wayland).
-    [[nodiscard]] std::map<std::string, std::string> xEnv() const {
-        std::map<std::string, std::string> env{{"DISPLAY", display_.name()},
-                                               {"DBUS_SESSION_BUS_ADDRESS", busAddress_},
-                                               {"HOME", home_.path()},
-                                               {"XDG_CONFIG_HOME", home_.path() + "/.config"},
-                                               {"XDG_RUNTIME_DIR", runtime_.path() + "/run"},
-                                               {"XDG_DOCUMENTS_DIR", ""},
-                                               {"XDG_SESSION_TYPE", "x11"},
-                                               {"WAYLAND_DISPLAY", ""},
-                                               {"QT_QPA_PLATFORM", ""}};
-        if (microphone_) {
-            for (const auto& [k, v] : microphone_->env()) env[k] = v;
-        } else {
-            env["PULSE_SERVER"] = "unix:" + runtime_.path() + "/no-such-socket";
-        }
-        return env;
-    }
-
-    [[nodiscard]] const std::string& home() const { return home_.path(); }
-    [[nodiscard]] std::string recordingsFolder() const {
-        return home_.path() + "/Documents/Glimmerbox Recordings";
-    }
     [[nodiscard]] std::vector<Notification> notifications() const {
-        return parseNotifications(monitor_->stdoutText());
+        return parseNotifications(notifyLog());
     }
     bool waitForNotifications(size_t count, std::chrono::milliseconds timeout) const {
         return waitUntil([&] { return notifications().size() >= count; }, timeout);
     }
 
     // xdotool and friends in this session; their output, or nothing when they failed.
-    std::optional<std::string> x(const std::vector<std::string>& argv) const {
-        return runCommand(argv, xEnv(), 20s);
-    }
+    std::optional<std::string> x(const std::vector<std::string>& argv) const { return run(argv); }
 
     // The visible windows whose title is exactly `title`.
     [[nodiscard]] std::vector<std::string> windowsNamed(const std::string& title) const {
@@ -231,16 +144,8 @@ public:
     }
 
 private:
-    VirtualDisplay display_;
-    TempDir runtime_;
-    TempDir home_;
-    std::optional<Process> bus_;
-    std::string busAddress_;
-    std::optional<VirtualMicrophone> microphone_;
     std::optional<Process> windowManager_;
     std::optional<Process> tray_;
-    std::optional<Process> notifications_;
-    std::optional<Process> monitor_;
     bool ok_ = false;
 };
 
@@ -248,7 +153,7 @@ private:
 class TrayApp {
 public:
     explicit TrayApp(const TrayDesktop& desktop) : desktop_(desktop) {
-        auto env = desktop.xEnv();
+        auto env = desktop.env();
         env["GLIMMERBOX_DEBUG_UI"] = "1";
         env["GLIMMERBOX_TEST_CAMERA"] = "1";  // the overlay is on by default
         process_.emplace(std::vector<std::string>{binaryPath()}, env);
@@ -419,44 +324,6 @@ std::vector<std::string> screencastToggleKeys() {
     return keys;
 }
 
-std::vector<std::string> readLines(const std::string& path) {
-    std::ifstream in(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
-std::vector<fs::path> moviesIn(const std::string& folder) {
-    std::vector<fs::path> movies;
-    std::error_code ec;
-    for (const auto& e : fs::directory_iterator(folder, ec)) {
-        if (e.path().extension() == ".mov") movies.push_back(e.path());
-    }
-    std::sort(movies.begin(), movies.end());
-    return movies;
-}
-
-// Checks a finished recording: a QuickTime movie with H.264 video and AAC audio, about as long
-// as it was recorded.
-void expectMovie(const fs::path& file, double seconds) {
-    const auto info = probe(file.string());
-    ASSERT_TRUE(info) << file;
-    EXPECT_NE(info->formatName.find("mov"), std::string::npos) << info->formatName;
-    const StreamInfo* video = info->stream("video");
-    const StreamInfo* audio = info->stream("audio");
-    ASSERT_TRUE(video != nullptr && audio != nullptr) << file;
-    EXPECT_EQ(video->get("codec_name"), "h264");
-    EXPECT_EQ(audio->get("codec_name"), "aac");
-    EXPECT_NEAR(info->durationSeconds, seconds, 1.5);
-    EXPECT_TRUE(std::regex_match(file.filename().string(),
-                                 std::regex(R"(glimmerbox-\d{4}-\d\d-\d\d_\d\d-\d\d-\d\d\.mov)")))
-        << file.filename();
-}
-
-std::string artifactsDir() {
-    return std::string(GLIMMERBOX_BUILD_DIR) + "/artifacts";
-}
-
 #define ASSERT_DESKTOP(desktop)                                                                 \
     ASSERT_TRUE((desktop).ok()) << "the test's desktop session (Xvfb, openbox, trayer, dunst, " \
                                    "D-Bus, PulseAudio) did not start"
@@ -500,7 +367,7 @@ TEST(TrayE2ETest, RecordsFromTheTrayMenuAndNotifiesAtStartAndSave) {
 
     const auto movies = moviesIn(desktop.recordingsFolder());
     ASSERT_EQ(movies.size(), 1U);
-    expectMovie(movies[0], 3.0);
+    expectValidMovie(movies[0], {.seconds = 3.0});
 
     const auto notes = desktop.notifications();
     ASSERT_EQ(notes.size(), 2U);
@@ -510,7 +377,7 @@ TEST(TrayE2ETest, RecordsFromTheTrayMenuAndNotifiesAtStartAndSave) {
     EXPECT_EQ(notes[0].soundName, "message-new-instant");
     EXPECT_EQ(notes[0].timeout, -1);
     EXPECT_EQ(notes[1].summary, "Recording Saved");
-    EXPECT_EQ(notes[1].body, "Screencast saved to: " + movies[0].filename().string());
+    EXPECT_EQ(notes[1].body, "Screencast saved to: " + fs::path(movies[0]).filename().string());
 
     // Back to idle, and the menu says so.
     EXPECT_TRUE(waitUntil(
@@ -563,7 +430,7 @@ TEST(TrayE2ETest, EditorAutomationTogglesScreencastModeAroundARecording) {
     const std::string keyLog = scratch.path() + "/editor.log";
     auto editor = std::make_unique<Process>(
         std::vector<std::string>{toolPath("fake_editor"), "--class", "Code", "--log", keyLog},
-        desktop.xEnv());
+        desktop.env());
     ASSERT_TRUE(waitUntil(
         [&] {
             return desktop.x({"xdotool", "search", "--onlyvisible", "--class", "^Code$"})
@@ -586,16 +453,16 @@ TEST(TrayE2ETest, EditorAutomationTogglesScreencastModeAroundARecording) {
     ASSERT_TRUE(app.choose("⏺ Start Recording")) << app.log();
     ASSERT_TRUE(app.waitForLog("🔧 VS Code automation: Enabled screencast mode")) << app.log();
     ASSERT_TRUE(app.waitForLog("Recording start completed. Current state: true", 30s)) << app.log();
-    ASSERT_TRUE(waitUntil([&] { return readLines(keyLog).size() >= toggle.size(); }, 15s))
+    ASSERT_TRUE(waitUntil([&] { return linesOf(readText(keyLog)).size() >= toggle.size(); }, 15s))
         << app.log();
-    EXPECT_EQ(readLines(keyLog), toggle);
+    EXPECT_EQ(linesOf(readText(keyLog)), toggle);
 
     ASSERT_TRUE(app.choose("⏹ Stop Recording")) << app.log();
     ASSERT_TRUE(app.waitForLog("🔧 VS Code automation: Disabled screencast mode", 20s)) << app.log();
     ASSERT_TRUE(desktop.waitForNotifications(2, 60s)) << app.log();
     std::vector<std::string> twice = toggle;
     twice.insert(twice.end(), toggle.begin(), toggle.end());
-    EXPECT_EQ(readLines(keyLog), twice);
+    EXPECT_EQ(linesOf(readText(keyLog)), twice);
     ASSERT_EQ(moviesIn(desktop.recordingsFolder()).size(), 1U);
 
     // Without the editor the recording goes ahead all the same.
@@ -615,7 +482,7 @@ TEST(TrayE2ETest, EditorAutomationTogglesScreencastModeAroundARecording) {
     ASSERT_TRUE(desktop.waitForNotifications(4, 60s)) << app.log();
     const auto movies = moviesIn(desktop.recordingsFolder());
     ASSERT_EQ(movies.size(), 2U);
-    expectMovie(movies[1], 1.0);
+    expectValidMovie(movies[1], {.seconds = 1.0});
 }
 
 TEST(TrayE2ETest, ChosenSaveFolderShowsInTheMenuAndSurvivesARestart) {
@@ -680,7 +547,7 @@ TEST(TrayE2ETest, SecondLaunchSaysSoAndExits) {
     TrayApp first(desktop);
     ASSERT_TRUE(first.waitUntilReady()) << first.log() << first.errors();
 
-    Process second({binaryPath()}, desktop.xEnv());
+    Process second({binaryPath()}, desktop.env());
     EXPECT_EQ(second.wait(15s), 0);
     EXPECT_NE(second.stdoutText().find("Glimmerbox is already running"), std::string::npos)
         << second.stdoutText();

@@ -39,7 +39,8 @@ std::unique_ptr<XvfbServer> XvfbServer::start(const Options& options) {
                                std::to_string(options.height) + "x" + std::to_string(options.depth);
     std::vector<std::string> args = {"Xvfb",      "-displayfd", std::to_string(fds[1]),
                                      "-screen",   "0",          screen,
-                                     "-nolisten", "tcp",        "-noreset"};
+                                     "-nolisten", "tcp",        "-noreset",
+                                     "+extension", "RANDR"};
     ChildProcess::Options childOptions;
     childOptions.keepFd = fds[1];  // Xvfb writes the display number here
     auto process = std::make_unique<ChildProcess>(std::move(args), childOptions);
