@@ -388,11 +388,11 @@ pid_t childWithArgument(const std::string& text) {
     for (const auto& entry : fs::directory_iterator("/proc")) {
         const std::string name = entry.path().filename().string();
         if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-        std::istringstream stat(readFile(entry.path() / "stat"));
+        std::istringstream stat(readText(entry.path() / "stat"));
         std::string pid, comm, state;
         pid_t parent = 0;
         stat >> pid >> comm >> state >> parent;
-        std::string cmdline = readFile(entry.path() / "cmdline");
+        std::string cmdline = readText(entry.path() / "cmdline");
         if (parent == getpid() && cmdline.find(text) != std::string::npos) return std::stoi(name);
     }
     return -1;
