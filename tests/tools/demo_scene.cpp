@@ -1,5 +1,6 @@
 // A busy, moving scene for demos, end-to-end tests and benchmarks: a full-screen window with
-// scrolling colour bars, a bouncing box and a frame counter, redrawn 30 times a second.
+// scrolling colour bars, a bouncing box and a frame counter, redrawn 50 times a second (faster
+// than capture's 30, so that every capture tick finds the screen changed).
 // Usage: demo_scene [--flat RRGGBB | --typing | --scroll [--frame N]]
 //   --flat paints one flat colour once and then idles; --typing types ten characters a second
 //   into a white page; --scroll scrolls code 4 pixels a frame, with the frame number as 16 black
@@ -138,7 +139,7 @@ int main(int argc, char** argv) {
         XCopyArea(dpy, back, win, gc, 0, 0, w, h, 0, 0);
         XSync(dpy, False);
         ++frame;
-        next += std::chrono::milliseconds(33);
+        next += std::chrono::milliseconds(20);
         std::this_thread::sleep_until(next);
     }
     XFreePixmap(dpy, back);
