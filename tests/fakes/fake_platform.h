@@ -214,7 +214,7 @@ private:
     std::vector<std::shared_ptr<CaptureOutput>> outputs_;  // guarded by mutex_
 };
 
-// A camera or microphone; records the formats it was set to and whether it was locked then.
+// A camera or microphone; keeps the format it was set to.
 class FakeCaptureDevice final : public CaptureDevice {
 public:
     FakeCaptureDevice(std::string name, std::string id, std::vector<CameraFormat> formats = {{1280, 720}},
@@ -226,27 +226,17 @@ public:
         std::lock_guard lock(mutex_);
         return info_;
     }
-    Result<void> lockForConfiguration() override {
-        std::lock_guard lock(mutex_);
-        locked_ = true;
-        return {};
-    }
+    Result<void> lockForConfiguration() override { return {}; }
     void setActiveFormat(int index) override {
         std::lock_guard lock(mutex_);
-        formatChanges.push_back(locked_ ? index : -1);  // -1: changed while not locked
         info_.activeFormatIndex = index;
     }
-    void unlockForConfiguration() override {
-        std::lock_guard lock(mutex_);
-        locked_ = false;
-    }
-    std::vector<int> formatChanges;
+    void unlockForConfiguration() override {}
 
 private:
     const MediaType type_;
     mutable std::mutex mutex_;
     CameraDeviceInfo info_;  // guarded by mutex_
-    bool locked_ = false;    // guarded by mutex_
 };
 
 // Hands out fake sessions, inputs and outputs and remembers them. Set the switches before use.

@@ -55,7 +55,6 @@ struct FakeV4l2Node {
     uint32_t currentWidth = 640;
     uint32_t currentHeight = 480;
     bool busy = false;                 // another program owns the capture queue
-    uint32_t bytesPerLinePadding = 0;  // extra bytes at the end of each YUYV row
 };
 
 class FakeV4l2 final : public linuxp::V4l2Calls {
@@ -319,7 +318,7 @@ private:
         pix.height = c.currentHeight;
         pix.pixelformat = c.currentFourcc;
         if (c.currentFourcc == V4L2_PIX_FMT_YUYV) {
-            pix.bytesperline = c.currentWidth * 2 + c.bytesPerLinePadding;
+            pix.bytesperline = c.currentWidth * 2;
             pix.sizeimage = pix.bytesperline * c.currentHeight;
         } else {
             pix.sizeimage = c.currentWidth * c.currentHeight * 2;

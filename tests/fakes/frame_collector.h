@@ -1,5 +1,5 @@
 // What a capture source delivered: the count, the last sample (or every sample, as a consumer that
-// never lets go would) and the buffers' addresses; waits for arrivals. Also reaches the source
+// never lets go would); waits for arrivals. Also reaches the source
 // behind a capture input. Thread-safe.
 #pragma once
 
@@ -7,7 +7,6 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <set>
 #include <vector>
 
 #include "linux/capture/capture_source.h"
@@ -25,7 +24,6 @@ public:
     std::function<void(const SampleBufferRef&)> deliver() {
         return [this](const SampleBufferRef& sample) {
             std::lock_guard lock(mutex_);
-            if (sample->imageBuffer()) addresses_.insert(sample->imageBuffer()->baseAddress());
             if (holdAll_) held_.push_back(sample);
             last_ = sample;
             ++count_;
@@ -39,7 +37,6 @@ public:
     [[nodiscard]] size_t count() const { return get(count_); }
     [[nodiscard]] SampleBufferRef last() const { return get(last_); }
     [[nodiscard]] std::vector<SampleBufferRef> held() const { return get(held_); }
-    [[nodiscard]] size_t distinctAddresses() const { return get(addresses_).size(); }
     // Lets go of every sample (the last one too).
     void release() {
         std::lock_guard lock(mutex_);
@@ -59,7 +56,6 @@ private:
     size_t count_ = 0;                     // guarded by mutex_
     SampleBufferRef last_;                 // guarded by mutex_
     std::vector<SampleBufferRef> held_;    // guarded by mutex_
-    std::set<const uint8_t*> addresses_;  // guarded by mutex_
 };
 
 }  // namespace gb::fakes
