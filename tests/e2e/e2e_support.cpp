@@ -105,6 +105,64 @@ void expectValidMovie(const std::string& file, const MovieCheck& check) {
     EXPECT_GT(pps, 0) << "no picture parameter set traced";
 }
 
+namespace {
+double streamStart(const std::string& file, const std::string& stream) {
+    auto out = runCommand({"ffprobe", "-v", "error", "-select_streams", stream, "-show_entries",
+                           "stream=start_time", "-of", "default=nokey=1:noprint_wrappers=1", file});
+    return out ? std::atof(out->c_str()) : 0.0;
+}
+
+}  // namespace
+
+Onsets findOnsets(const std::string& file) {
+    Onsets o;
+    TempDir tmp;
+    // Audio: first loud sample after at least 0.5 s of quiet.
+    const std::string pcm = tmp.path() + "/a.raw";
+    runCommand({"ffmpeg", "-v", "error", "-y", "-i", file, "-map", "0:a", "-ac", "1", "-ar",
+                "44100", "-f", "s16le", pcm},
+               {}, 600s);
+    const std::string bytes = readText(pcm);
+    const double a0 = streamStart(file, "a:0");
+    long quiet = 0;
+    for (size_t i = 0; i + 1 < bytes.size(); i += 2) {
+        int16_t v;
+        std::memcpy(&v, &bytes[i], 2);
+        if (std::abs(v) > 3000) {
+            if (quiet >= 22050) o.audio.push_back(a0 + static_cast<double>(i / 2) / 44100.0);
+            quiet = 0;
+        } else {
+            ++quiet;
+        }
+    }
+    // Video: first bright frame after a dark one, at its presentation time.
+    auto times = runCommand({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
+                             "frame=pts_time", "-of", "default=nokey=1:noprint_wrappers=1", file},
+                            {}, 600s);
+    const std::string gray = tmp.path() + "/v.gray";
+    runCommand({"ffmpeg", "-v", "error", "-y", "-i", file, "-map", "0:v", "-vf",
+                "scale=16:9,format=gray", "-fps_mode", "passthrough", "-f", "rawvideo", gray},
+               {}, 600s);
+    const std::string frames = readText(gray);
+    std::istringstream ts(times.value_or(""));
+    std::string line;
+    bool dark = false;
+    for (size_t f = 0; std::getline(ts, line) && (f + 1) * 144 <= frames.size(); ++f) {
+        long sum = 0;
+        for (int i = 0; i < 144; ++i) sum += static_cast<unsigned char>(frames[f * 144 + i]);
+        const bool bright = sum / 144 > 128;
+        if (bright && dark) o.video.push_back(std::atof(line.c_str()));
+        dark = !bright;
+    }
+    return o;
+}
+
+double flashOffset(const Onsets& o, double t) {
+    double d = 1e9;
+    for (double v : o.video) d = std::abs(v - t) < std::abs(d) ? v - t : d;
+    return d;
+}
+
 std::map<std::string, std::string> sessionEnv(const std::string& home) {
     return {{"HOME", home},
             {"XDG_CONFIG_HOME", home + "/.config"},
@@ -313,9 +371,9 @@ std::optional<AudioLevels> audioLevels(const std::string& file) {
 }
 
 std::string binaryPath() { return GLIMMERBOX_BINARY; }
-std::string toolPath(const std::string& name) { return std::string(GLIMMERBOX_BUILD_DIR) + "/" + name; }
-std::string sourceDir() { return GLIMMERBOX_SOURCE_DIR; }
-
+std::string toolPath(const std::string& name) {
+    return std::string(GLIMMERBOX_BUILD_DIR) + "/" + name;
+}
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
     for (const auto end = std::chrono::steady_clock::now() + timeout; !condition();) {
         if (std::chrono::steady_clock::now() > end) return false;

@@ -124,7 +124,6 @@ std::optional<AudioLevels> audioLevels(const std::string& file);
 
 std::string binaryPath();    // the glimmerbox program under test
 std::string toolPath(const std::string& name);  // a helper program from tests/tools
-std::string sourceDir();
 
 // Checks `condition` every 50 ms until it holds (true) or `timeout` has passed (false).
 bool eventually(const std::function<bool()>& condition,
@@ -152,6 +151,16 @@ struct MovieCheck {
     bool audible = false;    // the microphone's tone is in it
 };
 void expectValidMovie(const std::string& file, const MovieCheck& check);
+
+// Beeps (the first loud sample after half a second of quiet) and flashes (the first bright frame
+// after a dark one) of a recording, in seconds on the file's timeline.
+struct Onsets {
+    std::vector<double> audio;
+    std::vector<double> video;
+};
+Onsets findOnsets(const std::string& file);
+// From the beep at `t` to the nearest flash, in seconds.
+double flashOffset(const Onsets& o, double t);
 
 // The environment of programs in a session whose home is `home`, on X11.
 std::map<std::string, std::string> sessionEnv(const std::string& home);

@@ -201,12 +201,7 @@ TEST_F(FileFaultsE2ETest, FullDiskWhileRecordingEndsItAndKeepsWhatWasWritten) {
     EXPECT_NE(*code, 0);
     EXPECT_NE(p->stderrText().find("the disk is full"), std::string::npos) << p->stderrText();
     const std::string out = p->stdoutText();
-    size_t repeats = 0;
-    const std::string flood = "AssetWriter not in writing state: 3\n";
-    for (size_t at = out.find(flood); at != std::string::npos; at = out.find(flood, at + 1)) {
-        ++repeats;
-    }
-    EXPECT_LE(repeats, 1u) << out;
+    EXPECT_LE(countOf(out, "AssetWriter not in writing state: 3\n"), 1u) << out;
     const auto kept = moviesIn(disk.path());
     ASSERT_EQ(kept.size(), 1u);
     const auto info = probe(kept[0]);

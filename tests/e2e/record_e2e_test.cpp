@@ -6,13 +6,9 @@
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
-#include <thread>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <regex>
-#include <sstream>
+#include <thread>
 
 #include "e2e/e2e_support.h"
 
@@ -20,6 +16,12 @@ namespace gb::e2e {
 namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+
+// The whole file decodes without an error.
+void expectDecodesToTheEnd(const std::string& path, std::chrono::seconds timeout) {
+    Process decode({"ffmpeg", "-v", "error", "-xerror", "-i", path, "-f", "null", "-"});
+    ASSERT_EQ(decode.wait(timeout), 0) << decode.stderrText();
+}
 
 class RecordE2ETest : public ::testing::Test {
 protected:
@@ -40,25 +42,47 @@ protected:
         args.insert(args.begin(), {binaryPath(), "record"});
         return runToEnd(args, env, timeout);
     }
-    // Runs a moving scene on the display until the test ends.
-    void startScene(const VirtualDisplay& display) {
-        scene_ = std::make_unique<Process>(std::vector<std::string>{toolPath("demo_scene")},
-                                           std::map<std::string, std::string>{{"DISPLAY", display.name()}});
+    std::map<std::string, std::string> env() const { return env(*display_, *mic_); }
+    // A display of this size and a microphone for the test.
+    void startSession(int width, int height) {
+        display_.emplace(width, height);
+        mic_.emplace();
+        ASSERT_TRUE(display_->ok() && mic_->ok());
+    }
+    // Runs a scene (moving unless told otherwise) on the display until the test ends.
+    void startScene(std::vector<std::string> args = {}) {
+        args.insert(args.begin(), toolPath("demo_scene"));
+        scene_ = std::make_unique<Process>(
+            args, std::map<std::string, std::string>{{"DISPLAY", display_->name()}});
         std::this_thread::sleep_for(300ms);
+    }
+    // Runs until killed; its output file is the last line it printed.
+    std::unique_ptr<Process> startRecording(std::vector<std::string> args) const {
+        args.insert(args.begin(), {binaryPath(), "record", "--no-camera"});
+        return std::make_unique<Process>(args, env());
+    }
+    // The sync beacon, flashing and beeping for `seconds`; null when it did not start.
+    std::unique_ptr<Process> startBeacon(double seconds) const {
+        auto e = mic_->env();
+        e["DISPLAY"] = display_->name();
+        auto beacon = std::make_unique<Process>(
+            std::vector<std::string>{toolPath("sync_beacon"), "--seconds", std::to_string(seconds)},
+            e);
+        return beacon->waitForOutput("flash 1", 10s) ? std::move(beacon) : nullptr;
     }
 
     TempDir home_;
+    std::optional<VirtualDisplay> display_;
+    std::optional<VirtualMicrophone> mic_;
     std::unique_ptr<Process> scene_;
 };
 
 TEST_F(RecordE2ETest, HighQualityRecordingOfTheScreenAndTheMicrophone) {
-    VirtualDisplay display(1920, 1080);
-    VirtualMicrophone mic;
-    ASSERT_TRUE(display.ok() && mic.ok());
-    startScene(display);
-    auto tone = mic.playTone(30);
+    ASSERT_NO_FATAL_FAILURE(startSession(1920, 1080));
+    startScene();
+    auto tone = mic_->playTone(30);
 
-    auto run = record({"--duration", "5", "--quality", "high", "--no-camera"}, env(display, mic));
+    auto run = record({"--duration", "5", "--quality", "high", "--no-camera"}, env());
     ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
     const std::string path = lastLine(run.out);
 
@@ -77,16 +101,13 @@ TEST_F(RecordE2ETest, HighQualityRecordingOfTheScreenAndTheMicrophone) {
 }
 
 TEST_F(RecordE2ETest, MediumQualityLetterboxesAnotherAspectRatio) {
-    VirtualDisplay display(1920, 1200);  // 16:10 into 16:9: bars left and right
-    VirtualMicrophone mic;
-    ASSERT_TRUE(display.ok() && mic.ok());
-    startScene(display);
-    auto tone = mic.playTone(30);
+    ASSERT_NO_FATAL_FAILURE(startSession(1920, 1200));  // 16:10 into 16:9: bars left and right
+    startScene();
+    auto tone = mic_->playTone(30);
     TempDir out;
 
-    auto run = record({"--duration", "5", "--quality", "medium", "--no-camera", "--output",
-                       out.path()},
-                      env(display, mic));
+    auto run = record(
+        {"--duration", "5", "--quality", "medium", "--no-camera", "--output", out.path()}, env());
     ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
     const std::string path = lastLine(run.out);
     EXPECT_EQ(fs::path(path).parent_path(), fs::path(out.path()));
@@ -110,18 +131,16 @@ TEST_F(RecordE2ETest, MediumQualityLetterboxesAnotherAspectRatio) {
 }
 
 TEST_F(RecordE2ETest, KilledRecordingStaysPlayable) {
-    VirtualDisplay display(1280, 720);
-    VirtualMicrophone mic;
-    ASSERT_TRUE(display.ok() && mic.ok());
-    startScene(display);
-    auto tone = mic.playTone(60);
+    ASSERT_NO_FATAL_FAILURE(startSession(1280, 720));
+    startScene();
+    auto tone = mic_->playTone(60);
     TempDir out;
 
-    Process p({binaryPath(), "record", "--no-camera", "--output", out.path()}, env(display, mic));
-    ASSERT_TRUE(p.waitForOutput("Recording started successfully", 20s)) << p.stdoutText();
+    auto p = startRecording({"--output", out.path()});
+    ASSERT_TRUE(p->waitForOutput("Recording started successfully", 20s)) << p->stdoutText();
     std::this_thread::sleep_for(6s);
-    p.signal(SIGKILL);
-    ASSERT_TRUE(p.wait(5s));
+    p->signal(SIGKILL);
+    ASSERT_TRUE(p->wait(5s));
 
     std::vector<fs::path> files;
     for (auto& e : fs::directory_iterator(out.path())) files.push_back(e.path());
@@ -129,8 +148,7 @@ TEST_F(RecordE2ETest, KilledRecordingStaysPlayable) {
     const std::string path = files[0].string();
 
     // Decodes to the end without errors.
-    Process decode({"ffmpeg", "-v", "error", "-xerror", "-i", path, "-f", "null", "-"});
-    ASSERT_EQ(decode.wait(120s), 0) << decode.stderrText();
+    ASSERT_NO_FATAL_FAILURE(expectDecodesToTheEnd(path, 120s));
     EXPECT_GE(countVideoFrames(path), 4 * 30);
     auto packets = runCommand({"ffprobe", "-v", "error", "-select_streams", "a:0",
                                "-count_packets", "-show_entries", "stream=nb_read_packets", "-of",
@@ -172,14 +190,11 @@ TEST_F(RecordE2ETest, BadOptionIsRefusedBeforeAnythingStarts) {
 // A still screen gives few frames, yet the movie plays its whole length with sound, and a seek
 // into the middle finds the screen's picture.
 TEST_F(RecordE2ETest, StillScreenPlaysThroughWithSoundAndSeeksToThePicture) {
-    VirtualDisplay display(640, 360);
-    VirtualMicrophone mic;
-    ASSERT_TRUE(display.ok() && mic.ok());
-    Process scene({toolPath("demo_scene"), "--flat", "3070c0"}, {{"DISPLAY", display.name()}});
-    std::this_thread::sleep_for(300ms);
-    auto tone = mic.playTone(30);
+    ASSERT_NO_FATAL_FAILURE(startSession(640, 360));
+    startScene({"--flat", "3070c0"});
+    auto tone = mic_->playTone(30);
 
-    auto run = record({"--duration", "10", "--quality", "screen", "--no-camera"}, env(display, mic));
+    auto run = record({"--duration", "10", "--quality", "screen", "--no-camera"}, env());
     ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
     EXPECT_NE(run.out.find("unchanged frames"), std::string::npos) << run.out;
     const std::string path = lastLine(run.out);
@@ -206,90 +221,25 @@ TEST_F(RecordE2ETest, StillScreenPlaysThroughWithSoundAndSeeksToThePicture) {
 
 // ---- audio/video sync ----------------------------------------------------------------------
 
-struct Onsets {
-    std::vector<double> audio;  // seconds on the file's timeline
-    std::vector<double> video;
-};
-
-double streamStart(const std::string& file, const std::string& stream) {
-    auto out = runCommand({"ffprobe", "-v", "error", "-select_streams", stream, "-show_entries",
-                           "stream=start_time", "-of", "default=nokey=1:noprint_wrappers=1", file});
-    return out ? std::atof(out->c_str()) : 0.0;
-}
-
-Onsets findOnsets(const std::string& file) {
-    Onsets o;
-    TempDir tmp;
-    // Audio: first loud sample after at least 0.5 s of quiet.
-    const std::string pcm = tmp.path() + "/a.raw";
-    runCommand({"ffmpeg", "-v", "error", "-y", "-i", file, "-map", "0:a", "-ac", "1", "-ar",
-                "44100", "-f", "s16le", pcm},
-               {}, 600s);
-    std::ifstream in(pcm, std::ios::binary);
-    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    const double a0 = streamStart(file, "a:0");
-    long quiet = 0;
-    for (size_t i = 0; i + 1 < bytes.size(); i += 2) {
-        int16_t v;
-        std::memcpy(&v, &bytes[i], 2);
-        if (std::abs(v) > 3000) {
-            if (quiet >= 22050) o.audio.push_back(a0 + static_cast<double>(i / 2) / 44100.0);
-            quiet = 0;
-        } else {
-            ++quiet;
-        }
-    }
-    // Video: first bright frame after a dark one, at its presentation time.
-    auto times = runCommand({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
-                             "frame=pts_time", "-of", "default=nokey=1:noprint_wrappers=1", file},
-                            {}, 600s);
-    const std::string gray = tmp.path() + "/v.gray";
-    runCommand({"ffmpeg", "-v", "error", "-y", "-i", file, "-map", "0:v", "-vf",
-                "scale=16:9,format=gray", "-fps_mode", "passthrough", "-f", "rawvideo", gray},
-               {}, 600s);
-    std::ifstream vin(gray, std::ios::binary);
-    std::vector<char> frames((std::istreambuf_iterator<char>(vin)), std::istreambuf_iterator<char>());
-    std::istringstream ts(times.value_or(""));
-    std::string line;
-    bool dark = false;
-    for (size_t f = 0; std::getline(ts, line) && (f + 1) * 144 <= frames.size(); ++f) {
-        long sum = 0;
-        for (int i = 0; i < 144; ++i) sum += static_cast<unsigned char>(frames[f * 144 + i]);
-        const bool bright = sum / 144 > 128;
-        if (bright && dark) o.video.push_back(std::atof(line.c_str()));
-        dark = !bright;
-    }
-    return o;
-}
-
 TEST_F(RecordE2ETest, AudioAndVideoStayInSyncAtTheStartAndAfterTenMinutes) {
     const double minutes = std::getenv("GLIMMERBOX_SYNC_MINUTES")
                                ? std::atof(std::getenv("GLIMMERBOX_SYNC_MINUTES"))
                                : 10.0;
-    VirtualDisplay display(640, 360);
-    VirtualMicrophone mic;
-    ASSERT_TRUE(display.ok() && mic.ok());
+    ASSERT_NO_FATAL_FAILURE(startSession(640, 360));
     const double seconds = minutes * 60 + 8;
-    auto m = mic.env();
-    m["DISPLAY"] = display.name();
-    Process beacon({toolPath("sync_beacon"), "--seconds", std::to_string(seconds + 10)}, m);
-    ASSERT_TRUE(beacon.waitForOutput("flash 1", 10s));
+    const auto beacon = startBeacon(seconds + 10);
+    ASSERT_TRUE(beacon);
     TempDir out;
 
     auto run = record({"--duration", std::to_string(seconds), "--quality", "screen", "--no-camera",
                        "--output", out.path()},
-                      env(display, mic), std::chrono::seconds(static_cast<long>(seconds) + 120));
+                      env(), std::chrono::seconds(static_cast<long>(seconds) + 120));
     ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
     const std::string path = lastLine(run.out);
 
     Onsets o = findOnsets(path);
     ASSERT_GE(o.audio.size(), 3u);
     ASSERT_GE(o.video.size(), 3u);
-    auto nearestVideo = [&](double t) {
-        double best = 1e9;
-        for (double v : o.video) best = std::abs(v - t) < std::abs(best - t) ? v : best;
-        return best;
-    };
     const double frame = 1.0 / 30.0;
     // Early flashes and the flashes after the ten minutes.
     int checkedLate = 0;
@@ -297,7 +247,7 @@ TEST_F(RecordE2ETest, AudioAndVideoStayInSyncAtTheStartAndAfterTenMinutes) {
         const bool early = t < 10.0;
         const bool late = t > minutes * 60 - 1;
         if (!early && !late) continue;
-        const double d = nearestVideo(t) - t;
+        const double d = flashOffset(o, t);
         std::cout << "beep at " << t << " s: flash " << d * 1000 << " ms from it\n";
         EXPECT_LE(std::abs(d), frame + 0.005) << "beep at " << t << " s, flash " << d << " s off";
         checkedLate += late ? 1 : 0;
@@ -306,32 +256,25 @@ TEST_F(RecordE2ETest, AudioAndVideoStayInSyncAtTheStartAndAfterTenMinutes) {
 }
 
 TEST_F(RecordE2ETest, AudioAndVideoStayInSyncAfterTheProcessWasStopped) {
-    VirtualDisplay display(640, 360);
-    VirtualMicrophone mic;
-    ASSERT_TRUE(display.ok() && mic.ok());
-    auto m = mic.env();
-    m["DISPLAY"] = display.name();
-    Process beacon({toolPath("sync_beacon"), "--seconds", "40"}, m);
-    ASSERT_TRUE(beacon.waitForOutput("flash 1", 10s));
+    ASSERT_NO_FATAL_FAILURE(startSession(640, 360));
+    const auto beacon = startBeacon(40);
+    ASSERT_TRUE(beacon);
     TempDir out;
 
-    Process p({binaryPath(), "record", "--duration", "16", "--quality", "screen", "--no-camera",
-               "--output", out.path()},
-              env(display, mic));
-    ASSERT_TRUE(p.waitForOutput("Recording started successfully", 20s));
+    auto p = startRecording({"--duration", "16", "--quality", "screen", "--output", out.path()});
+    ASSERT_TRUE(p->waitForOutput("Recording started successfully", 20s));
     std::this_thread::sleep_for(3s);
-    p.signal(SIGSTOP);  // a suspend or a starved CPU does the same
+    p->signal(SIGSTOP);  // a suspend or a starved CPU does the same
     std::this_thread::sleep_for(5s);
-    p.signal(SIGCONT);
-    ASSERT_EQ(p.wait(60s), 0) << p.stdoutText() << p.stderrText();
+    p->signal(SIGCONT);
+    ASSERT_EQ(p->wait(60s), 0) << p->stdoutText() << p->stderrText();
 
-    const Onsets o = findOnsets(lastLine(p.stdoutText()));
+    const Onsets o = findOnsets(lastLine(p->stdoutText()));
     int checked = 0;
     for (double t : o.audio) {
         // The picture stands still while the process is stopped (from 3 s to about 8.5 s).
         if (t > 2.5 && t < 9.0) continue;
-        double d = 1e9;
-        for (double v : o.video) d = std::abs(v - t) < std::abs(d) ? v - t : d;
+        const double d = flashOffset(o, t);
         EXPECT_LE(std::abs(d), 1.0 / 30 + 0.005) << "beep at " << t << " s, flash " << d << " s off";
         checked += t > 9.0 ? 1 : 0;
     }
@@ -341,9 +284,7 @@ TEST_F(RecordE2ETest, AudioAndVideoStayInSyncAfterTheProcessWasStopped) {
 // ---- standard streams, signals and the command line ---------------------------------------
 
 TEST_F(RecordE2ETest, ClosedOrBrokenStandardStreamsAndHangupStillFinishTheFile) {
-    VirtualDisplay display(640, 360);
-    VirtualMicrophone mic;
-    ASSERT_TRUE(display.ok() && mic.ok());
+    ASSERT_NO_FATAL_FAILURE(startSession(640, 360));
     struct Case {
         std::string shell;  // how the command runs; $0 is the program
         int signal;         // sent 5 s in, or 0 to let --duration end it
@@ -355,7 +296,7 @@ TEST_F(RecordE2ETest, ClosedOrBrokenStandardStreamsAndHangupStillFinishTheFile) 
     for (const Case& c : cases) {
         TempDir out;
         Process p({"sh", "-c", c.shell, binaryPath(), "--no-camera", "--output", out.path()},
-                  env(display, mic));
+                  env());
         if (c.signal != 0) {
             std::this_thread::sleep_for(5s);
             p.signal(c.signal);
@@ -386,25 +327,22 @@ TEST_F(RecordE2ETest, UnknownArgumentsAndAMissingDisplayAreRefused) {
 }
 
 TEST_F(RecordE2ETest, SoundServerDyingEndsTheRecordingWithWhatWasCaptured) {
-    VirtualDisplay display(640, 360);
-    VirtualMicrophone mic;
-    ASSERT_TRUE(display.ok() && mic.ok());
+    ASSERT_NO_FATAL_FAILURE(startSession(640, 360));
     TempDir out;
-    Process p({binaryPath(), "record", "--no-camera", "--output", out.path()}, env(display, mic));
-    ASSERT_TRUE(p.waitForOutput("Recording started successfully", 20s)) << p.stdoutText();
+    auto p = startRecording({"--output", out.path()});
+    ASSERT_TRUE(p->waitForOutput("Recording started successfully", 20s)) << p->stdoutText();
     std::this_thread::sleep_for(3s);
-    const pid_t server = childWithArgument(mic.server().substr(5));
+    const pid_t server = childWithArgument(mic_->server().substr(5));
     ASSERT_GT(server, 0);
     kill(server, SIGKILL);
-    const auto code = p.wait(20s);
+    const auto code = p->wait(20s);
     ASSERT_TRUE(code) << "still recording after the sound server died";
     EXPECT_NE(*code, 0);
-    EXPECT_NE(p.stderrText().find("Recording stopped early: The microphone stopped"),
+    EXPECT_NE(p->stderrText().find("Recording stopped early: The microphone stopped"),
               std::string::npos)
-        << p.stderrText();
-    const std::string path = lastLine(p.stdoutText());
-    Process decode({"ffmpeg", "-v", "error", "-xerror", "-i", path, "-f", "null", "-"});
-    ASSERT_EQ(decode.wait(60s), 0) << decode.stderrText();
+        << p->stderrText();
+    const std::string path = lastLine(p->stdoutText());
+    ASSERT_NO_FATAL_FAILURE(expectDecodesToTheEnd(path, 60s));
     // A still screen: frames come at least once a second, and the file lasts what was captured.
     const auto info = probe(path);
     ASSERT_TRUE(info);

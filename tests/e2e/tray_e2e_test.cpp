@@ -109,8 +109,13 @@ public:
                                      "pixel", "--width", "120", "--height", "28", "--SetDockType",
                                      "true", "--transparent", "false", "--tint", "0xdddddd"},
             env());
-        return waitUntil([&] { return x({"xdotool", "search", "--class", "trayer"}).has_value(); },
-                         10s);
+        return waitUntil([&] { return hasWindowOfClass("trayer", false); }, 10s);
+    }
+    // Whether a window of this class exists (and is visible, when asked).
+    [[nodiscard]] bool hasWindowOfClass(const std::string& name, bool visible) const {
+        std::vector<std::string> argv{"xdotool", "search", "--class", name};
+        if (visible) argv.insert(argv.begin() + 2, "--onlyvisible");
+        return x(argv).has_value();
     }
 
     [[nodiscard]] std::vector<Notification> notifications() const {
@@ -229,6 +234,10 @@ public:
         }
         return std::nullopt;
     }
+    // Waits until the installed menu has the entry `path` in the state `flag`.
+    bool waitForEntry(const std::string& path, const std::string& flag) const {
+        return waitUntil([&] { return entry(path) && entry(path)->has(flag); }, 10s);
+    }
 
     // Clicks the tray icon and waits for the menu; where its entries are, by title.
     // A click that the tray host lost (it happens under heavy load) is repeated once the menu
@@ -316,9 +325,8 @@ private:
 // text and Return.
 std::vector<std::string> screencastToggleKeys() {
     std::vector<std::string> keys{"key ctrl+shift+p"};
-    for (const char* k : {"T", "o", "g", "g", "l", "e", "space", "S", "c", "r", "e",
-                          "e", "n", "c", "a", "s", "t", "space", "M", "o", "d", "e"}) {
-        keys.push_back(std::string("key ") + k);
+    for (const char c : std::string("Toggle Screencast Mode")) {
+        keys.push_back(c == ' ' ? "key space" : std::string("key ") + c);
     }
     keys.push_back("key Return");
     return keys;
@@ -431,23 +439,13 @@ TEST(TrayE2ETest, EditorAutomationTogglesScreencastModeAroundARecording) {
     auto editor = std::make_unique<Process>(
         std::vector<std::string>{toolPath("fake_editor"), "--class", "Code", "--log", keyLog},
         desktop.env());
-    ASSERT_TRUE(waitUntil(
-        [&] {
-            return desktop.x({"xdotool", "search", "--onlyvisible", "--class", "^Code$"})
-                .has_value();
-        },
-        10s));
+    ASSERT_TRUE(waitUntil([&] { return desktop.hasWindowOfClass("^Code$", true); }, 10s));
 
     TrayApp app(desktop);
     ASSERT_TRUE(app.waitUntilReady()) << app.log() << app.errors();
     ASSERT_TRUE(app.choose("VS Code Automation")) << app.log();
     ASSERT_TRUE(app.waitForLog("🔧 VS Code automation enabled")) << app.log();
-    ASSERT_TRUE(waitUntil(
-        [&] {
-            return app.entry("VS Code Automation") &&
-                   app.entry("VS Code Automation")->has("checked");
-        },
-        10s));
+    ASSERT_TRUE(app.waitForEntry("VS Code Automation", "checked"));
 
     const auto toggle = screencastToggleKeys();
     ASSERT_TRUE(app.choose("⏺ Start Recording")) << app.log();
@@ -467,11 +465,7 @@ TEST(TrayE2ETest, EditorAutomationTogglesScreencastModeAroundARecording) {
 
     // Without the editor the recording goes ahead all the same.
     editor.reset();
-    ASSERT_TRUE(waitUntil(
-        [&] {
-            return !desktop.x({"xdotool", "search", "--class", "^Code$"}).has_value();
-        },
-        10s));
+    ASSERT_TRUE(waitUntil([&] { return !desktop.hasWindowOfClass("^Code$", false); }, 10s));
     std::this_thread::sleep_for(1s);  // file names have one-second resolution
     ASSERT_TRUE(app.choose("⏺ Start Recording")) << app.log();
     ASSERT_TRUE(app.waitForLog("🔧 VS Code automation: VS Code not running")) << app.log();
@@ -508,9 +502,7 @@ TEST(TrayE2ETest, ChosenSaveFolderShowsInTheMenuAndSurvivesARestart) {
             ASSERT_TRUE(app.waitForLogCount("Menu update - Recording state: false", builds + 1))
                 << app.log();
         }
-        ASSERT_TRUE(waitUntil([&] { return app.entry("Saving to: Casts").has_value(); }, 10s))
-            << app.log();
-        EXPECT_TRUE(app.entry("Saving to: Casts")->has("disabled"));
+        ASSERT_TRUE(app.waitForEntry("Saving to: Casts", "disabled")) << app.log();
         EXPECT_TRUE(app.entry("Camera Overlay")->has("checked"));
         EXPECT_FALSE(app.entry("Saving to: Documents/Glimmerbox Recordings"));
         EXPECT_TRUE(app.openMenu().contains("Saving to: Casts")) << app.log();
