@@ -150,10 +150,10 @@ void pace() {
 
 // The beep: its first sample's playing time, known from the sink's latency, is the flash's.
 void beacon() {
-    pa_sample_spec spec{PA_SAMPLE_S16LE, 44100, 2};
+    pa_sample_spec format{PA_SAMPLE_S16LE, 44100, 2};
     pa_buffer_attr attr{static_cast<uint32_t>(-1), 44100 * 4 / 50, static_cast<uint32_t>(-1), static_cast<uint32_t>(-1), static_cast<uint32_t>(-1)};
     int err = 0;
-    pa_simple* pa = pa_simple_new(nullptr, "beacon", PA_STREAM_PLAYBACK, nullptr, "beacon", &spec, nullptr, &attr, &err);
+    pa_simple* pa = pa_simple_new(nullptr, "beacon", PA_STREAM_PLAYBACK, nullptr, "beacon", &format, nullptr, &attr, &err);
     if (pa == nullptr) return;
     const long chunk = 220, interval = 88200, beep = 4410;
     std::vector<int16_t> samples(chunk * 2);
