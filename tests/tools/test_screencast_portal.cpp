@@ -134,18 +134,33 @@ void startVideoSource() {
     pw_thread_loop_unlock(gLoop);
 }
 
-// Frames on a 30 a second grid; a beacon flash moves the grid to its very instant.
+// Frames on a 30 a second grid, from a timer on the stream's own loop as a compositor's frame
+// clock would; a beacon flash moves the grid to its very instant.
+spa_source* gTimer = nullptr;
+Clock::time_point gNext;
+long gTick = 0;
+
+void arm() {
+    const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(gNext.time_since_epoch()).count();
+    timespec at{static_cast<time_t>(ns / 1'000'000'000), static_cast<long>(ns % 1'000'000'000)};
+    pw_loop_update_timer(pw_thread_loop_get_loop(gLoop), gTimer, &at, nullptr, true);
+}
+
+void onTick(void*, uint64_t) {
+    if (!gSparse || gTick % 15 == 0) pw_stream_trigger_process(gStream);
+    ++gTick;
+    gNext += std::chrono::nanoseconds(1'000'000'000 / 30);
+    const auto flash = Clock::time_point(std::chrono::nanoseconds(gFlashUntilNs.load() - 300'000'000));
+    if (flash > Clock::now() && flash < gNext) gNext = flash;
+    arm();
+}
+
 void pace() {
-    auto next = Clock::now();
-    for (long tick = 0; !gStop; ++tick) {
-        std::this_thread::sleep_until(next);
-        pw_thread_loop_lock(gLoop);
-        if (!gSparse || tick % 15 == 0) pw_stream_trigger_process(gStream);
-        pw_thread_loop_unlock(gLoop);
-        next += std::chrono::nanoseconds(1'000'000'000 / 30);
-        const auto flash = Clock::time_point(std::chrono::nanoseconds(gFlashUntilNs.load() - 300'000'000));
-        if (flash > Clock::now() && flash < next) next = flash;
-    }
+    pw_thread_loop_lock(gLoop);
+    gTimer = pw_loop_add_timer(pw_thread_loop_get_loop(gLoop), onTick, nullptr);
+    gNext = Clock::now();
+    arm();
+    pw_thread_loop_unlock(gLoop);
 }
 
 // The beep: its first sample's playing time, known from the sink's latency, is the flash's.
@@ -167,6 +182,13 @@ void beacon() {
         if (nextBeep >= interval && nextBeep < frame + chunk) {
             const int64_t at = nowNs() + static_cast<int64_t>(pa_simple_get_latency(pa, &err)) * 1000 - (frame + chunk - nextBeep) * 1'000'000'000 / 44100;
             gFlashUntilNs = at + 300'000'000;
+            pw_thread_loop_lock(gLoop);
+            const auto flash = Clock::time_point(std::chrono::nanoseconds(at));
+            if (flash > Clock::now() && flash < gNext) {
+                gNext = flash;
+                arm();
+            }
+            pw_thread_loop_unlock(gLoop);
         }
     }
     pa_simple_free(pa);
@@ -333,7 +355,7 @@ int main(int argc, char** argv) {
     }
     std::signal(SIGTERM, [](int) { gStop = true; });
     startVideoSource();
-    std::thread pacer(pace);
+    pace();
     std::thread audio;
     if (gBeacon) audio = std::thread(beacon);
     dbus_threads_init_default();
@@ -346,7 +368,6 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     while (!gStop && dbus_connection_read_write_dispatch(c, 50)) {}
     gStop = true;
-    pacer.join();
     if (audio.joinable()) audio.join();
     return 0;
 }
