@@ -34,6 +34,17 @@ const char* x264Profile(const std::string& profileLevel) {
     return "main";
 }
 
+// x264 labels a stream by the tools it used: CAVLC without B-frames is Baseline. Such a stream
+// keeps to constrained Baseline, which every Main decoder plays, so it may say Main as asked
+// rather than buy the label with weighted prediction (a quarter of the time of a still frame).
+void labelMain(uint8_t* headers, int size) {
+    for (int i = 0; i + 4 < size; ++i) {
+        const bool spsStart = headers[i] == 0 && headers[i + 1] == 0 && headers[i + 2] == 1 &&
+                              (headers[i + 3] & 0x1f) == 7;
+        if (spsStart && headers[i + 4] == 66) headers[i + 4] = 77;
+    }
+}
+
 int bytesPerSample(AudioSampleFormat format) {
     return format == AudioSampleFormat::s16 ? 2 : 4;
 }
@@ -118,13 +129,14 @@ Result<void> MovieEncoder::openVideo(const VideoOutputSettingsForWriter& setting
     av_dict_set(&options, "profile", profile, 0);
     av_dict_set(&options, "coder",
                 cabac && std::strcmp(profile, "baseline") != 0 ? "cabac" : "cavlc", 0);
-    // x264 names the lowest profile that the stream's tools need; ultrafast uses only Baseline
-    // tools, so weighted P-prediction (a Main tool, cheap) keeps the requested profile.
-    const bool mainOrHigher = std::strcmp(profile, "baseline") != 0;
-    av_dict_set(&options, "x264-params", mainOrHigher ? "force-cfr=0:weightp=1" : "force-cfr=0", 0);
+    // High's headers differ from Baseline's in more than a byte: there weighted prediction earns
+    // at least Main.
+    const bool high = std::strcmp(profile, "high") == 0;
+    av_dict_set(&options, "x264-params", high ? "force-cfr=0:weightp=1" : "force-cfr=0", 0);
     const int rc = avcodec_open2(c, codec, &options);
     av_dict_free(&options);
     if (rc < 0) return fileOrCodecError(rc, "The H.264 encoder couldn't be started");
+    if (std::strcmp(profile, "main") == 0) labelMain(c->extradata, c->extradata_size);
 
     videoStream_ = avformat_new_stream(muxer_.get(), nullptr);
     if (videoStream_ == nullptr) {
