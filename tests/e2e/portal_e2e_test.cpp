@@ -126,6 +126,12 @@ TEST(PortalE2ETest, RecordsTheGrantedMonitorAndPassesOnTheLatestRestoreToken) {
     EXPECT_GE(countVideoFrames(lastLine(first.out)), static_cast<int>(info->durationSeconds * 30 * 0.95))
         << first.out;
     EXPECT_FALSE(desktop.storedToken().empty());
+    // Redrawn where the damage says, the square leaves no copy at its last place.
+    auto frame = decodeFrameRGB(lastLine(first.out), 2.0, 640, 400);
+    ASSERT_TRUE(frame);
+    int bright = 0;
+    for (size_t i = 0; i < frame->size(); i += 3) bright += (*frame)[i] > 128;
+    EXPECT_NEAR(bright, 200 * 200, 4000);
 
     auto second = desktop.record({"--duration", "1"});
     ASSERT_EQ(second.exitCode, 0) << second.out << second.err;

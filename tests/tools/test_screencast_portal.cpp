@@ -1,7 +1,7 @@
 // A ScreenCast portal back end for tests (org.freedesktop.impl.portal.ScreenCast, named
 // org.freedesktop.impl.portal.desktop.glimmerboxtest) that grants its own PipeWire video source:
 // BGRx frames at 30 a second with a moving square, stamped with CLOCK_MONOTONIC, and the cursor
-// as metadata when asked. Every request's options are logged to --log FILE, one line each.
+// as metadata when asked, and damage metadata (the square's old and new places). Every request's options are logged to --log FILE, one line each.
 // Knobs: --size WxH, --respond N (Start's response code; -1: never answers), --close-after SECONDS (the session's
 // Closed signal), --no-metadata-cursor, --sparse (a frame
 // every half second, as a compositor sends them for a quiet screen), --beacon (screen black, white for 300 ms every 2 s at the
@@ -48,7 +48,7 @@ void onParamChanged(void*, uint32_t id, const spa_pod* param) {
     spa_pod_builder b{};
     spa_pod_builder_init(&b, buf, sizeof buf);
     const int cursorBytes = sizeof(spa_meta_cursor) + sizeof(spa_meta_bitmap) + 16 * 16 * 4;
-    const spa_pod* params[4] = {
+    const spa_pod* params[5] = {
         static_cast<spa_pod*>(spa_pod_builder_add_object(&b, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers,
             SPA_PARAM_BUFFERS_buffers, SPA_POD_CHOICE_RANGE_Int(4, 2, 8), SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1),
             SPA_PARAM_BUFFERS_size, SPA_POD_Int(gWidth * gHeight * 4), SPA_PARAM_BUFFERS_stride, SPA_POD_Int(gWidth * 4),
@@ -58,8 +58,10 @@ void onParamChanged(void*, uint32_t id, const spa_pod* param) {
         static_cast<spa_pod*>(spa_pod_builder_add_object(&b, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta,
             SPA_PARAM_META_type, SPA_POD_Id(SPA_META_VideoCrop), SPA_PARAM_META_size, SPA_POD_Int(sizeof(spa_meta_region)))),
         static_cast<spa_pod*>(spa_pod_builder_add_object(&b, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta,
+            SPA_PARAM_META_type, SPA_POD_Id(SPA_META_VideoDamage), SPA_PARAM_META_size, SPA_POD_Int(sizeof(spa_meta_region) * 4))),
+        static_cast<spa_pod*>(spa_pod_builder_add_object(&b, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta,
             SPA_PARAM_META_type, SPA_POD_Id(SPA_META_Cursor), SPA_PARAM_META_size, SPA_POD_Int(cursorBytes)))};
-    pw_stream_update_params(gStream, params, gMetadataCursor ? 4 : 3);
+    pw_stream_update_params(gStream, params, gMetadataCursor ? 5 : 4);
 }
 
 void onProcess(void*) {
@@ -77,11 +79,21 @@ void onProcess(void*) {
     } else if (gBeacon) {
         const int64_t until = gFlashUntilNs.load();
         std::fill(px, px + gWidth * gHeight, now >= until - 300'000'000 && now < until ? 0xffffffffu : 0xff000000u);
-    } else {  // dark grey with a bright square that crosses the screen every two seconds
+    }
+    // Damage: the whole frame, but for the square's old and new places after the first frame.
+    auto* damage = static_cast<spa_meta_region*>(spa_buffer_find_meta_data(buf, SPA_META_VideoDamage, sizeof(spa_meta_region) * 4));
+    if (damage != nullptr) std::fill_n(damage, 4, spa_meta_region{});
+    if (damage != nullptr) damage[0].region = {{0, 0}, {static_cast<uint32_t>(gWidth), static_cast<uint32_t>(gHeight)}};
+    // Dark grey with a bright square that crosses the screen every two seconds, at the top and the
+    // bottom by turns, so that its old place is never in the rows of its new one.
+    if (gMirror == nullptr && !gBeacon) {
         std::fill(px, px + gWidth * gHeight, 0xff303030u);
-        const int x0 = static_cast<int>(gFrame % 60 * (gWidth - 200) / 60);
-        for (int y = gHeight / 2 - 100; y < gHeight / 2 + 100; ++y)
-            std::fill(px + y * gWidth + x0, px + y * gWidth + x0 + 200, 0xffe0c040u);
+        auto left = [](uint64_t frame) { return static_cast<int>(frame % 60 * (gWidth - 200) / 60); };
+        auto top = [](uint64_t frame) { return frame % 2 == 0 ? 0 : gHeight - 200; };
+        for (int y = top(gFrame); y < top(gFrame) + 200; ++y)
+            std::fill(px + y * gWidth + left(gFrame), px + y * gWidth + left(gFrame) + 200, 0xffe0c040u);
+        for (int i = 0; damage != nullptr && gFrame > 0 && i < 2; ++i)
+            damage[i].region = {{left(gFrame - i), top(gFrame - i)}, {200, 200}};
     }
     if (auto* h = static_cast<spa_meta_header*>(spa_buffer_find_meta_data(buf, SPA_META_Header, sizeof(spa_meta_header)))) {
         *h = {};

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <mutex>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "linux/capture/frame_pool.h"
@@ -21,6 +22,7 @@ namespace gb::linuxp {
 namespace {
 
 constexpr int kCursorMax = 256;  // largest cursor bitmap asked for, in pixels a side
+constexpr int kDamageRegions = 16;  // damage rectangles asked for a frame; more: the whole frame
 constexpr int64_t kFrameNs = 1'000'000'000 / 30;
 // Compositors send frames only when the screen changes. Gaps are filled by repeating the last
 // image at 30 a second (a sample without an image repeats it), as X11 capture does, so the
@@ -87,6 +89,11 @@ struct PipeWireScreenSource::Stream {
     uint64_t droppedNoBuffer = 0;
     spa_source* repeater = nullptr;  // the loop's timer for repeated frames
     int64_t lastStampNs = 0;         // of the last frame or repeat delivered; 0 before the first
+    // The picture number of the last frame taken from the stream, 0 when the next one cannot be
+    // described by its damage alone (none yet, one skipped, a new crop); and its cursor's place.
+    uint64_t lastPicture = 0;
+    PixelArea lastCrop;
+    std::optional<PixelArea> lastCursor;
     // The newest frame that came before start(): a quiet screen may send no other for a while.
     PixelBufferRef waiting;
 
@@ -161,7 +168,7 @@ struct PipeWireScreenSource::Stream {
         uint8_t buffer[1024];
         spa_pod_builder b{};
         spa_pod_builder_init(&b, buffer, sizeof buffer);
-        const spa_pod* params[4];
+        const spa_pod* params[5];
         params[0] = static_cast<const spa_pod*>(spa_pod_builder_add_object(
             &b, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_dataType,
             SPA_POD_CHOICE_FLAGS_Int((1 << SPA_DATA_MemPtr) | (1 << SPA_DATA_MemFd))));
@@ -180,7 +187,14 @@ struct PipeWireScreenSource::Stream {
             SPA_POD_Id(SPA_META_Cursor), SPA_PARAM_META_size,
             SPA_POD_CHOICE_RANGE_Int(cursorBytes, static_cast<int>(sizeof(spa_meta_cursor)),
                                      cursorBytes)));
-        pw_stream_update_params(self->stream, params, 4);
+        // Where the compositor redrew since the last frame, when it says so.
+        params[4] = static_cast<const spa_pod*>(spa_pod_builder_add_object(
+            &b, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta, SPA_PARAM_META_type,
+            SPA_POD_Id(SPA_META_VideoDamage), SPA_PARAM_META_size,
+            SPA_POD_CHOICE_RANGE_Int(static_cast<int>(sizeof(spa_meta_region)) * kDamageRegions,
+                                     static_cast<int>(sizeof(spa_meta_region)),
+                                     static_cast<int>(sizeof(spa_meta_region)) * kDamageRegions)));
+        pw_stream_update_params(self->stream, params, 5);
 
         const size_t bytes = static_cast<size_t>(info.size.width) * info.size.height * 4;
         if (!self->pool || bytes > self->poolBytes) {
@@ -275,6 +289,45 @@ struct PipeWireScreenSource::Stream {
         }
     }
 
+    // Adds `area`, clipped to the cropped frame, unless nothing of it is left.
+    static void add(PictureChanges& changes, const PixelArea& crop, PixelArea area) {
+        const int right = std::min(area.x + area.width, crop.width);
+        const int bottom = std::min(area.y + area.height, crop.height);
+        area.x = std::max(area.x, 0);
+        area.y = std::max(area.y, 0);
+        area.width = right - area.x;
+        area.height = bottom - area.y;
+        if (area.width > 0 && area.height > 0) changes.areas.push_back(area);
+    }
+
+    // What changed since the last frame taken, from the compositor's damage (in stream
+    // coordinates) and the cursor drawn in. Without damage metadata every frame is new.
+    PictureChanges changesSinceLast(const spa_buffer& buffer, PixelArea crop,
+                                    std::optional<PixelArea> cursorArea) {
+        PictureChanges changes;
+        changes.picture = PictureChanges::nextPictureNumber();
+        const uint64_t previous = std::exchange(lastPicture, changes.picture);
+        const std::optional<PixelArea> previousCursor = std::exchange(lastCursor, cursorArea);
+        const PixelArea previousCrop = std::exchange(lastCrop, crop);
+        auto* damage = static_cast<spa_meta_region*>(
+            spa_buffer_find_meta_data(&buffer, SPA_META_VideoDamage, sizeof(spa_meta_region)));
+        if (previous == 0 || damage == nullptr || !(previousCrop == crop)) return changes;
+        const spa_meta* meta = spa_buffer_find_meta(&buffer, SPA_META_VideoDamage);
+        const size_t count = meta->size / sizeof(spa_meta_region);
+        for (size_t i = 0; i < count && spa_meta_region_is_valid(&damage[i]); ++i) {
+            const spa_region& r = damage[i].region;
+            // A full list may have left some out: then take the whole frame.
+            if (i + 1 == count) return changes;
+            add(changes, crop, {r.position.x - crop.x, r.position.y - crop.y,
+                                static_cast<int>(r.size.width), static_cast<int>(r.size.height)});
+        }
+        for (const auto& area : {previousCursor, cursorArea}) {
+            if (area) add(changes, crop, *area);
+        }
+        changes.since = previous;
+        return changes;
+    }
+
     void takeFrame(const spa_buffer& buffer) {
         if (!pool || buffer.n_datas < 1) return;
         const spa_data& plane = buffer.datas[0];
@@ -316,6 +369,7 @@ struct PipeWireScreenSource::Stream {
         const std::optional<int> slot = pool->acquire();
         if (!slot) {
             ++droppedNoBuffer;
+            lastPicture = 0;
             return;
         }
         const int32_t stride = plane.chunk->stride > 0 ? plane.chunk->stride : fullWidth * 4;
@@ -323,6 +377,7 @@ struct PipeWireScreenSource::Stream {
         const size_t needed = static_cast<size_t>(stride) * (top + height);
         if (plane.chunk->offset + needed > plane.maxsize) {
             pool->release(*slot);
+            lastPicture = 0;
             return;
         }
         const bool swap = format.format == SPA_VIDEO_FORMAT_RGBx ||
@@ -342,6 +397,12 @@ struct PipeWireScreenSource::Stream {
         SampleTiming timing{MediaTime::fromNanoseconds(kFrameNs), MediaTime::fromNanoseconds(stamp),
                             MediaTime::invalid()};
         PixelBufferRef image = pool->wrap(*slot, width, height, bytesPerRow);
+        std::optional<PixelArea> cursorArea;
+        if (cursorAt && !cursor.pixels.empty()) {
+            cursorArea = PixelArea{cursorAt->x - cursor.hotX - left, cursorAt->y - cursor.hotY - top,
+                                   cursor.width, cursor.height};
+        }
+        image->setChanges(changesSinceLast(buffer, PixelArea{left, top, width, height}, cursorArea));
         if (!deliver) {
             waiting = std::move(image);
             return;
