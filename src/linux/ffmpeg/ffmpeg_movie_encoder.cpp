@@ -97,63 +97,56 @@ Result<void> MovieEncoder::openVideo(const VideoOutputSettingsForWriter& setting
                                ", " + std::to_string(settings.width) + "x" +
                                std::to_string(settings.height) + ").");
     }
-    const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
-    if (codec == nullptr) {
-        return writerError(WriterErrorCode::encoderUnavailable,
-                           "This system's FFmpeg has no H.264 encoder (libx264).");
-    }
-    video_.reset(avcodec_alloc_context3(codec));
-    if (!video_) return fileOrCodecError(AVERROR(ENOMEM), "The H.264 encoder couldn't be started");
-    AVCodecContext* c = video_.get();
-    c->width = width;
-    c->height = height;
-    c->pix_fmt = AV_PIX_FMT_YUV420P;
-    c->time_base = kVideoTimeBase;
-    // Rate control budgets per frame at this rate; real timestamps still drive it (force-cfr=0).
-    c->framerate = AVRational{30, 1};
-    c->bit_rate =
-        settings.compression.averageBitRate > 0 ? settings.compression.averageBitRate : 2'000'000;
-    c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    // One thread: no frame threads and no lookahead keeps memory and latency small.
-    c->thread_count = 1;
-    c->color_range = AVCOL_RANGE_MPEG;
-    c->colorspace = AVCOL_SPC_BT709;
-    c->color_primaries = AVCOL_PRI_BT709;
-    c->color_trc = AVCOL_TRC_BT709;
-
-    const bool cabac = settings.compression.entropyMode == "CABAC";
     const char* profile = x264Profile(settings.compression.profileLevel);
-    AVDictionary* options = nullptr;
-    av_dict_set(&options, "preset", x264Preset_.c_str(), 0);
-    av_dict_set(&options, "tune", "zerolatency", 0);
-    av_dict_set(&options, "profile", profile, 0);
-    av_dict_set(&options, "coder",
-                cabac && std::strcmp(profile, "baseline") != 0 ? "cabac" : "cavlc", 0);
-    // High's headers differ from Baseline's in more than a byte: there weighted prediction earns
-    // at least Main.
-    const bool high = std::strcmp(profile, "high") == 0;
-    av_dict_set(&options, "x264-params", high ? "force-cfr=0:weightp=1" : "force-cfr=0", 0);
-    const int rc = avcodec_open2(c, codec, &options);
-    av_dict_free(&options);
-    if (rc < 0) return fileOrCodecError(rc, "The H.264 encoder couldn't be started");
-    if (std::strcmp(profile, "main") == 0) labelMain(c->extradata, c->extradata_size);
+    X264Encoder::Settings x264;
+    x264.width = width;
+    x264.height = height;
+    x264.bitRate =
+        settings.compression.averageBitRate > 0 ? settings.compression.averageBitRate : 2'000'000;
+    x264.timeBase = kVideoTimeBase;
+    x264.preset = x264Preset_;
+    x264.profile = profile;
+    x264.cabac = settings.compression.entropyMode == "CABAC" && std::strcmp(profile, "baseline") != 0;
+    video_ = X264Encoder::open(x264);
+    if (!video_) {
+        return writerError(WriterErrorCode::encoderUnavailable,
+                           "The H.264 encoder couldn't be started (libx264 refused " +
+                               std::to_string(width) + "x" + std::to_string(height) + ").");
+    }
+    videoHeaders_ = video_->headers();
+    if (std::strcmp(profile, "main") == 0) {
+        labelMain(videoHeaders_.data(), static_cast<int>(videoHeaders_.size()));
+    }
 
     videoStream_ = avformat_new_stream(muxer_.get(), nullptr);
     if (videoStream_ == nullptr) {
         return fileOrCodecError(AVERROR(ENOMEM), "The video track couldn't be created");
     }
     videoStream_->time_base = kVideoTimeBase;
-    avcodec_parameters_from_context(videoStream_->codecpar, c);
+    AVCodecParameters* par = videoStream_->codecpar;
+    par->codec_type = AVMEDIA_TYPE_VIDEO;
+    par->codec_id = AV_CODEC_ID_H264;
+    par->format = AV_PIX_FMT_YUV420P;
+    par->width = width;
+    par->height = height;
+    par->bit_rate = x264.bitRate;
+    par->color_range = AVCOL_RANGE_MPEG;
+    par->color_space = AVCOL_SPC_BT709;
+    par->color_primaries = AVCOL_PRI_BT709;
+    par->color_trc = AVCOL_TRC_BT709;
+    par->extradata = static_cast<uint8_t*>(
+        av_mallocz(videoHeaders_.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (par->extradata == nullptr) {
+        return fileOrCodecError(AVERROR(ENOMEM), "The video track couldn't be created");
+    }
+    std::memcpy(par->extradata, videoHeaders_.data(), videoHeaders_.size());
+    par->extradata_size = static_cast<int>(videoHeaders_.size());
 
     videoFrame_.reset(av_frame_alloc());
     if (!videoFrame_) return fileOrCodecError(AVERROR(ENOMEM), "The video frame couldn't be made");
-    videoFrame_->format = c->pix_fmt;
+    videoFrame_->format = AV_PIX_FMT_YUV420P;
     videoFrame_->width = width;
     videoFrame_->height = height;
-    videoFrame_->color_range = c->color_range;
-    videoFrame_->colorspace = c->colorspace;
-    videoFrame_->color_primaries = c->color_primaries;
-    videoFrame_->color_trc = c->color_trc;
     if (const int got = av_frame_get_buffer(videoFrame_.get(), 0); got < 0) {
         return fileOrCodecError(got, "The video frame couldn't be made");
     }
@@ -277,11 +270,27 @@ Result<void> MovieEncoder::convertPicture(const PixelBuffer& picture) {
                           picture_.width == frame->width && picture_.height == frame->height;
     if (unscaled && convertedPicture_ != 0 &&
         (changes.picture == convertedPicture_ || changes.relativeTo(convertedPicture_))) {
-        const Result<void> converted =
-            changes.picture == convertedPicture_ ? Result<void>{} : convertChanges(picture);
+        const bool same = changes.picture == convertedPicture_;
+        const Result<void> converted = same ? Result<void>{} : convertChanges(picture);
         convertedPicture_ = converted ? changes.picture : 0;
+        // x264 skips the macroblocks that no change touched without looking at them.
+        unchangedMacroblocks_.assign(static_cast<size_t>(video_->macroblocksAcross()) *
+                                         video_->macroblocksDown(),
+                                     converted ? 1 : 0);
+        for (const PixelArea& area : same ? std::vector<PixelArea>{} : changes.areas) {
+            const int across = video_->macroblocksAcross();
+            const int x0 = std::clamp(area.x / 16, 0, across);
+            const int x1 = std::clamp((area.x + area.width + 15) / 16, 0, across);
+            const int y0 = std::clamp(area.y / 16, 0, video_->macroblocksDown());
+            const int y1 = std::clamp((area.y + area.height + 15) / 16, 0, video_->macroblocksDown());
+            for (int y = y0; y < y1; ++y) {
+                std::fill_n(unchangedMacroblocks_.begin() + static_cast<ptrdiff_t>(y) * across + x0,
+                            std::max(0, x1 - x0), 0);
+            }
+        }
         return converted;
     }
+    unchangedMacroblocks_.clear();
     convertedPicture_ = changes.picture;
     if (picture_.width != frame->width || picture_.height != frame->height) {
         for (int plane = 0; plane < 3; ++plane) {
@@ -376,11 +385,10 @@ Result<void> MovieEncoder::encodeVideo(SampleBufferRef sample, MediaTime session
 
     videoFrame_->pts = pts;
     const bool keyFrameDue = lastKeyPts_ < 0 || pts - lastKeyPts_ >= kKeyFrameTicks;
-    videoFrame_->pict_type = keyFrameDue ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
     if (keyFrameDue) lastKeyPts_ = pts;
     videoDurations_[videoDurationNext_++ % videoDurations_.size()] = {pts, duration};
     ++stats_.videoFramesEncoded;
-    return sendAndMux(video_.get(), videoFrame_.get(), videoStream_, 0);
+    return sendVideo(videoFrame_.get(), keyFrameDue);
 }
 
 // ---- audio ---------------------------------------------------------------------------------
@@ -552,19 +560,37 @@ Result<void> MovieEncoder::sendAndMux(AVCodecContext* codec, const AVFrame* fram
         if (rc < 0) return fileOrCodecError(rc, "A frame couldn't be encoded");
         packet->pts += shiftTicks;
         packet->dts += shiftTicks;
-        if (codec == video_.get()) {
-            if ((packet->flags & AV_PKT_FLAG_KEY) != 0) lastKeyPts_ = packet->pts;
-            for (const auto& [pts, duration] : videoDurations_) {
-                if (duration > 0 && pts == packet->pts) packet->duration = duration;
-            }
-        }
         av_packet_rescale_ts(packet, codec->time_base, stream->time_base);
-        packet->stream_index = stream->index;
-        rc = av_write_frame(muxer_.get(), packet);
-        av_packet_unref(packet);
-        if (rc < 0) return fileOrCodecError(rc, "The movie couldn't be written");
-        uncommitted_ = true;
+        if (auto muxed = mux(packet, stream); !muxed) return muxed;
     }
+}
+
+Result<void> MovieEncoder::sendVideo(const AVFrame* frame, bool keyFrame) {
+    std::optional<Result<void>> failed;
+    const int rc = video_->encode(frame, keyFrame, unchangedMacroblocks_, [&](AVPacket* packet) {
+        if ((packet->flags & AV_PKT_FLAG_KEY) != 0) lastKeyPts_ = packet->pts;
+        for (const auto& [pts, duration] : videoDurations_) {
+            if (duration > 0 && pts == packet->pts) packet->duration = duration;
+        }
+        av_packet_rescale_ts(packet, kVideoTimeBase, videoStream_->time_base);
+        if (auto muxed = mux(packet, videoStream_); !muxed) {
+            failed = std::move(muxed);
+            return -1;
+        }
+        return 0;
+    });
+    if (failed) return *failed;
+    if (rc < 0) return writerError(WriterErrorCode::encodeFailed, "A frame couldn't be encoded.");
+    return {};
+}
+
+Result<void> MovieEncoder::mux(AVPacket* packet, AVStream* stream) {
+    packet->stream_index = stream->index;
+    const int rc = av_write_frame(muxer_.get(), packet);
+    av_packet_unref(packet);
+    if (rc < 0) return fileOrCodecError(rc, "The movie couldn't be written");
+    uncommitted_ = true;
+    return {};
 }
 
 std::optional<std::chrono::steady_clock::time_point> MovieEncoder::commitDeadline() const {
@@ -613,9 +639,7 @@ Result<void> MovieEncoder::finish() {
     }
     if (video_) {
         if (auto extended = showLastPictureUntilAudioEnds(); !extended) return extended;
-        if (auto drained = sendAndMux(video_.get(), nullptr, videoStream_, 0); !drained) {
-            return drained;
-        }
+        if (auto drained = sendVideo(nullptr, false); !drained) return drained;
     }
     if (const int rc = av_write_trailer(muxer_.get()); rc < 0) {
         return fileOrCodecError(rc, "The movie couldn't be finished");
@@ -642,10 +666,10 @@ Result<void> MovieEncoder::showLastPictureUntilAudioEnds() {
     lastVideoPts_ = pts;
     videoEndNs_ = audioEndNs;
     videoFrame_->pts = pts;
-    videoFrame_->pict_type = AV_PICTURE_TYPE_NONE;
     videoDurations_[videoDurationNext_++ % videoDurations_.size()] = {pts, frameTicks};
     ++stats_.videoFramesEncoded;
-    return sendAndMux(video_.get(), videoFrame_.get(), videoStream_, 0);
+    unchangedMacroblocks_.assign(unchangedMacroblocks_.size(), 1);
+    return sendVideo(videoFrame_.get(), false);
 }
 
 void MovieEncoder::closeAtLastCommit() {

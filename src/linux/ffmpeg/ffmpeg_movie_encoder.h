@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "linux/ffmpeg/ffmpeg_handles.h"
+#include "linux/ffmpeg/x264_encoder.h"
 #include "portable/audio_sync_corrector.h"
 #include "portable/letterbox.h"
 #include "platform/asset_writer.h"
@@ -106,6 +107,8 @@ private:
     Result<void> sendAudioFrame(int frames);
     Result<void> sendAndMux(AVCodecContext* codec, const AVFrame* frame, AVStream* stream,
                             int64_t shiftTicks);
+    Result<void> sendVideo(const AVFrame* frame, bool keyFrame);  // null: drain
+    Result<void> mux(AVPacket* packet, AVStream* stream);
     [[nodiscard]] int64_t audioFramesPlaced() const;
     [[nodiscard]] PlatformError fileOrCodecError(int averror, const char* what) const;
 
@@ -124,7 +127,10 @@ private:
     std::chrono::steady_clock::time_point lastCommit_{};
 
     // Video.
-    CodecContextPtr video_;
+    std::unique_ptr<X264Encoder> video_;
+    std::vector<uint8_t> videoHeaders_;
+    // Per macroblock, non-zero where the frame to encode equals the one before; empty: unknown.
+    std::vector<uint8_t> unchangedMacroblocks_;
     AVStream* videoStream_ = nullptr;
     FramePtr videoFrame_;
     SwsPtr scaler_;
