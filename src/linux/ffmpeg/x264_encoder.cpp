@@ -33,6 +33,8 @@ std::unique_ptr<X264Encoder> X264Encoder::open(const Settings& s) {
     // Weighted prediction would stop x264 from skipping unchanged macroblocks unanalysed.
     p.analyse.i_weighted_pred = X264_WEIGHTP_NONE;
     p.analyse.b_mb_info = 1;
+    // x264 names a stream by the tools it used: High needs one of its own.
+    if (s.profile == "high") p.analyse.b_transform_8x8 = 1;
     p.vui.b_fullrange = 0;
     p.vui.i_colorprim = 1;  // BT.709
     p.vui.i_transfer = 1;
