@@ -22,6 +22,7 @@ constexpr std::chrono::seconds kCorrectionLogSpacing{60};
 constexpr int64_t kKeyFrameTicks = 10 * 90'000;
 // Changed pictures are converted in bands of rows; a whole number of chroma rows.
 constexpr int kBandRows = 16;
+constexpr int kBandColumns = 64;
 
 int64_t ticksFromNanoseconds(int64_t ns, AVRational timeBase) {
     return av_rescale_q_rnd(ns, AVRational{1, 1'000'000'000}, timeBase,
@@ -253,8 +254,7 @@ Result<void> MovieEncoder::convertPicture(const PixelBuffer& picture) {
         const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
         sws_setColorspaceDetails(scaler_.get(), rgb, 1, bt709, 0, 0, 1 << 16, 1 << 16);
         convertedPicture_ = 0;
-        bandScalers_[0].reset();
-        bandScalers_[1].reset();
+        bandScalers_.clear();
         if (picture_.width != frame->width || picture_.height != frame->height) {
             logLine("Writer: letterboxing " + std::to_string(sourceWidth_) + "x" +
                     std::to_string(sourceHeight_) + " frames into " + std::to_string(frame->width) +
@@ -314,39 +314,52 @@ Result<void> MovieEncoder::convertPicture(const PixelBuffer& picture) {
 
 Result<void> MovieEncoder::convertChanges(const PixelBuffer& picture) {
     const int bands = (sourceHeight_ + kBandRows - 1) / kBandRows;
-    changedBands_.assign(static_cast<size_t>(bands), false);
+    // Per band of rows, the columns that changed: [left, right), empty when left >= right.
+    changedBands_.assign(static_cast<size_t>(bands), {sourceWidth_, 0});
     for (const PixelArea& area : picture.changes().areas) {
         const int first = std::clamp(area.y / kBandRows, 0, bands);
         const int last = std::clamp((area.y + area.height + kBandRows - 1) / kBandRows, 0, bands);
-        for (int band = first; band < last; ++band) changedBands_[static_cast<size_t>(band)] = true;
+        // Whole blocks of columns: fewer scaler sizes, and even ones for the halved chroma.
+        const int left = std::clamp(area.x / kBandColumns * kBandColumns, 0, sourceWidth_);
+        const int right = std::clamp((area.x + area.width + kBandColumns - 1) / kBandColumns *
+                                         kBandColumns, 0, sourceWidth_);
+        for (int band = first; band < last; ++band) {
+            auto& [from, to] = changedBands_[static_cast<size_t>(band)];
+            from = std::min(from, left);
+            to = std::max(to, right);
+        }
     }
     AVFrame* frame = videoFrame_.get();
     const int* rgb = sws_getCoefficients(SWS_CS_DEFAULT);
     const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
     for (int band = 0; band < bands; ++band) {
-        if (!changedBands_[static_cast<size_t>(band)]) continue;
+        const auto [left, right] = changedBands_[static_cast<size_t>(band)];
+        if (left >= right) continue;
         const int top = band * kBandRows;
         const int rows = std::min(kBandRows, sourceHeight_ - top);
-        // One context for whole bands, one for a shorter last band: each call is a picture of
-        // its own, as the scaler takes slices only in order from the top.
-        SwsPtr& scaler = bandScalers_[rows == kBandRows ? 0 : 1];
+        const int columns = right - left;
+        // A context a size: each call is a picture of its own, as the scaler takes slices only in
+        // order from the top.
+        SwsPtr& scaler = bandScalers_[{columns, rows}];
         if (!scaler) {
-            scaler.reset(sws_getContext(sourceWidth_, rows, AV_PIX_FMT_BGRA, sourceWidth_, rows,
+            scaler.reset(sws_getContext(columns, rows, AV_PIX_FMT_BGRA, columns, rows,
                                         AV_PIX_FMT_YUV420P, SWS_POINT, nullptr, nullptr, nullptr));
             if (!scaler) {
                 return writerError(WriterErrorCode::encodeFailed,
-                                   "Bands of " + std::to_string(sourceWidth_) + "x" +
+                                   "Areas of " + std::to_string(columns) + "x" +
                                        std::to_string(rows) + " can't be converted.");
             }
             sws_setColorspaceDetails(scaler.get(), rgb, 1, bt709, 0, 0, 1 << 16, 1 << 16);
         }
         uint8_t* destination[4] = {
-            frame->data[0] + static_cast<ptrdiff_t>(top) * frame->linesize[0],
-            frame->data[1] + static_cast<ptrdiff_t>(top / 2) * frame->linesize[1],
-            frame->data[2] + static_cast<ptrdiff_t>(top / 2) * frame->linesize[2], nullptr};
-        const uint8_t* source[4] = {
-            picture.baseAddress() + static_cast<size_t>(top) * picture.bytesPerRow(), nullptr,
-            nullptr, nullptr};
+            frame->data[0] + static_cast<ptrdiff_t>(top) * frame->linesize[0] + left,
+            frame->data[1] + static_cast<ptrdiff_t>(top / 2) * frame->linesize[1] + left / 2,
+            frame->data[2] + static_cast<ptrdiff_t>(top / 2) * frame->linesize[2] + left / 2,
+            nullptr};
+        const uint8_t* source[4] = {picture.baseAddress() +
+                                        static_cast<size_t>(top) * picture.bytesPerRow() +
+                                        static_cast<size_t>(left) * 4,
+                                    nullptr, nullptr, nullptr};
         const int sourceStride[4] = {static_cast<int>(picture.bytesPerRow()), 0, 0, 0};
         sws_scale(scaler.get(), source, sourceStride, 0, rows, destination, frame->linesize);
     }

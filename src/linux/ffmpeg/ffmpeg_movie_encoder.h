@@ -17,6 +17,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -142,8 +143,8 @@ private:
     int64_t lastKeyPts_ = -1;
     // The number of the picture the frame holds (0: none known), for converting only changes.
     uint64_t convertedPicture_ = 0;
-    std::array<SwsPtr, 2> bandScalers_;  // whole bands, and a shorter last band
-    std::vector<bool> changedBands_;
+    std::map<std::pair<int, int>, SwsPtr> bandScalers_;  // by columns and rows converted
+    std::vector<std::pair<int, int>> changedBands_;      // columns [first, second) per band
     // (pts, duration) of the frames in flight: the encoder hands packets back without durations.
     std::array<std::pair<int64_t, int64_t>, 8> videoDurations_{};
     size_t videoDurationNext_ = 0;
