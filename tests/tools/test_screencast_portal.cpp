@@ -214,7 +214,7 @@ std::string describe(DBusMessageIter* v) {  // a variant's value as text
         DBusMessageIter in;
         dbus_message_iter_recurse(v, &in);
         std::string s;
-        do s += (s.empty() ? "" : ",") + describe(&in); while (dbus_message_iter_next(&in));
+        do (s.empty() ? s : s += ',') += describe(&in); while (dbus_message_iter_next(&in));
         return s;
     }
     if (t == DBUS_TYPE_STRING || t == DBUS_TYPE_OBJECT_PATH) { const char* s; dbus_message_iter_get_basic(v, &s); return s; }
