@@ -23,13 +23,6 @@ namespace gb::e2e {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-std::string readText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
 std::vector<std::string> linesOf(const std::string& text) {
     std::vector<std::string> lines;
     std::istringstream in(text);
@@ -105,14 +98,15 @@ void expectValidMovie(const std::string& file, const MovieCheck& check) {
     EXPECT_GT(pps, 0) << "no picture parameter set traced";
 }
 
-namespace {
-double streamStart(const std::string& file, const std::string& stream) {
-    auto out = runCommand({"ffprobe", "-v", "error", "-select_streams", stream, "-show_entries",
-                           "stream=start_time", "-of", "default=nokey=1:noprint_wrappers=1", file});
-    return out ? std::atof(out->c_str()) : 0.0;
+double probeNumber(const std::string& file, const std::string& stream, const std::string& entry,
+                   const std::string& count) {
+    std::vector<std::string> argv{"ffprobe", "-v", "error", "-select_streams", stream};
+    if (!count.empty()) argv.push_back(count);
+    argv.insert(argv.end(), {"-show_entries", "stream=" + entry, "-of",
+                             "default=nokey=1:noprint_wrappers=1", file});
+    const auto out = runCommand(argv);
+    return out ? std::atof(out->c_str()) : -1;
 }
-
-}  // namespace
 
 Onsets findOnsets(const std::string& file) {
     Onsets o;
@@ -123,7 +117,7 @@ Onsets findOnsets(const std::string& file) {
                 "44100", "-f", "s16le", pcm},
                {}, 600s);
     const std::string bytes = readText(pcm);
-    const double a0 = streamStart(file, "a:0");
+    const double a0 = probeNumber(file, "a:0", "start_time");
     long quiet = 0;
     for (size_t i = 0; i + 1 < bytes.size(); i += 2) {
         int16_t v;
@@ -172,130 +166,6 @@ std::map<std::string, std::string> sessionEnv(const std::string& home) {
             {"QT_QPA_PLATFORM", ""}};
 }
 
-Process::Process(std::vector<std::string> argv, std::map<std::string, std::string> env) {
-    out_ = dir_.path() + "/stdout";
-    err_ = dir_.path() + "/stderr";
-    pid_ = fork();
-    if (pid_ == 0) {
-        setpgid(0, 0);
-        for (auto& [k, v] : env) {
-            if (v.empty()) {
-                unsetenv(k.c_str());
-            } else {
-                setenv(k.c_str(), v.c_str(), 1);
-            }
-        }
-        int o = open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        int e = open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        int n = open("/dev/null", O_RDONLY);
-        dup2(n, 0);
-        dup2(o, 1);
-        dup2(e, 2);
-        std::vector<char*> args;
-        for (auto& a : argv) args.push_back(a.data());
-        args.push_back(nullptr);
-        execvp(args[0], args.data());
-        _exit(127);
-    }
-}
-
-Process::~Process() {
-    if (pid_ > 0 && !exitCode_) {
-        kill(-pid_, SIGKILL);
-        kill(pid_, SIGKILL);
-        int status = 0;
-        waitpid(pid_, &status, 0);
-    }
-}
-
-std::optional<int> Process::wait(std::chrono::milliseconds timeout) {
-    if (exitCode_) return exitCode_;
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        int status = 0;
-        pid_t r = waitpid(pid_, &status, WNOHANG);
-        if (r == pid_) {
-            exitCode_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            return exitCode_;
-        }
-        if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
-        std::this_thread::sleep_for(20ms);
-    }
-}
-
-bool Process::running() { return !wait(0ms).has_value(); }
-
-void Process::signal(int sig) {
-    if (pid_ > 0 && !exitCode_) kill(pid_, sig);
-}
-
-std::string Process::stdoutText() const { return readText(out_); }
-std::string Process::stderrText() const { return readText(err_); }
-
-bool Process::waitForOutput(const std::string& text, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (stdoutText().find(text) != std::string::npos) return true;
-        if (!running()) return stdoutText().find(text) != std::string::npos;
-        std::this_thread::sleep_for(20ms);
-    }
-    return false;
-}
-
-Run runToEnd(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
-             std::chrono::milliseconds timeout) {
-    Process p(argv, env);
-    const auto code = p.wait(timeout);
-    return {code, p.stdoutText(), p.stderrText()};
-}
-
-std::optional<std::string> runCommand(const std::vector<std::string>& argv,
-                                      const std::map<std::string, std::string>& env,
-                                      std::chrono::milliseconds timeout) {
-    Process p(argv, env);
-    auto code = p.wait(timeout);
-    if (!code || *code != 0) return std::nullopt;
-    return p.stdoutText();
-}
-
-VirtualMicrophone::VirtualMicrophone() {
-    const std::string d = dir_.path();
-    fs::create_directories(d + "/runtime");
-    chmod((d + "/runtime").c_str(), 0700);
-    daemon_.emplace(std::vector<std::string>{
-                        "pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1",
-                        "--disallow-exit", "--use-pid-file=no", "--disable-shm=yes",
-                        "-L", "module-native-protocol-unix socket=" + d + "/native auth-anonymous=1",
-                        "-L", "module-null-sink sink_name=e2e rate=44100 channels=2",
-                        "-L", "module-always-sink"},
-                    std::map<std::string, std::string>{{"HOME", d},
-                                                       {"XDG_RUNTIME_DIR", d + "/runtime"},
-                                                       {"XDG_CONFIG_HOME", d + "/config"}});
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (runCommand({"pactl", "info"}, env(), 2s)) {
-            ok_ = runCommand({"pactl", "set-default-source", "e2e.monitor"}, env()).has_value() &&
-                  runCommand({"pactl", "set-default-sink", "e2e"}, env()).has_value();
-            return;
-        }
-        std::this_thread::sleep_for(50ms);
-    }
-}
-
-VirtualMicrophone::~VirtualMicrophone() = default;
-
-std::map<std::string, std::string> VirtualMicrophone::env() const {
-    return {{"PULSE_SERVER", server()}};
-}
-
-std::unique_ptr<Process> VirtualMicrophone::playTone(double seconds, int frequencyHz) const {
-    const std::string cmd = "sox -q -n -t raw -r 44100 -e signed -b 16 -c 2 - synth " +
-                            std::to_string(seconds) + " sine " + std::to_string(frequencyHz) +
-                            " vol 0.5 | pacat --raw --rate=44100 --channels=2 --format=s16le "
-                            "--device=e2e --latency-msec=20";
-    return std::make_unique<Process>(std::vector<std::string>{"sh", "-c", cmd}, env());
-}
-
 const StreamInfo* MediaInfo::stream(const std::string& codecType) const {
     for (auto& s : streams) {
         if (s.get("codec_type") == codecType) return &s;
@@ -333,10 +203,7 @@ std::optional<MediaInfo> probe(const std::string& file) {
 }
 
 int countVideoFrames(const std::string& file) {
-    auto out = runCommand({"ffprobe", "-v", "error", "-select_streams", "v:0", "-count_frames",
-                           "-show_entries", "stream=nb_read_frames", "-of",
-                           "default=nokey=1:noprint_wrappers=1", file});
-    return out ? std::atoi(out->c_str()) : -1;
+    return static_cast<int>(probeNumber(file, "v:0", "nb_read_frames", "-count_frames"));
 }
 
 std::optional<std::vector<uint8_t>> decodeFrameRGB(const std::string& file, double atSeconds,
@@ -352,9 +219,10 @@ std::optional<std::vector<uint8_t>> decodeFrameRGB(const std::string& file, doub
     return std::vector<uint8_t>(bytes.begin(), bytes.end());
 }
 
-std::optional<AudioLevels> audioLevels(const std::string& file) {
-    Process p({"ffmpeg", "-v", "info", "-i", file, "-map", "0:a:0", "-af", "volumedetect", "-f",
-               "null", "-"});
+std::optional<AudioLevels> audioLevels(const std::string& file, double from, double to) {
+    Process p({"ffmpeg", "-v", "info", "-ss", std::to_string(from), "-to",
+               std::to_string(to < 0 ? 1e6 : to), "-i", file, "-map", "0:a:0", "-af",
+               "volumedetect", "-f", "null", "-"});
     if (p.wait(120s) != 0) return std::nullopt;
     const std::string log = p.stderrText();
     AudioLevels levels;
@@ -374,14 +242,6 @@ std::string binaryPath() { return GLIMMERBOX_BINARY; }
 std::string toolPath(const std::string& name) {
     return std::string(GLIMMERBOX_BUILD_DIR) + "/" + name;
 }
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    for (const auto end = std::chrono::steady_clock::now() + timeout; !condition();) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(50ms);
-    }
-    return true;
-}
-
 SessionBus::SessionBus() {
     const std::string d = dir_.path();
     fs::create_directories(d + "/services");
@@ -426,35 +286,6 @@ bool SessionBus::installService(const std::string& name, const std::vector<std::
     return service.good();
 }
 
-std::optional<AudioLevels> audioLevelsBetween(const std::string& file, double fromSeconds,
-                                              double toSeconds) {
-    Process p({"ffmpeg", "-v", "info", "-ss", std::to_string(fromSeconds), "-to",
-               std::to_string(toSeconds), "-i", file, "-map", "0:a:0", "-af", "volumedetect", "-f",
-               "null", "-"});
-    if (p.wait(120s) != 0) return std::nullopt;
-    const std::string log = p.stderrText();
-    const auto mean = log.find("mean_volume: ");
-    const auto max = log.find("max_volume: ");
-    if (mean == std::string::npos || max == std::string::npos) return std::nullopt;
-    return AudioLevels{std::atof(log.c_str() + mean + 13), std::atof(log.c_str() + max + 12)};
-}
-
-}  // namespace gb::e2e
-
-namespace gb::e2e {
-pid_t childWithArgument(const std::string& text) {
-    for (const auto& entry : fs::directory_iterator("/proc")) {
-        const std::string name = entry.path().filename().string();
-        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-        std::istringstream stat(readText(entry.path() / "stat"));
-        std::string pid, comm, state;
-        pid_t parent = 0;
-        stat >> pid >> comm >> state >> parent;
-        std::string cmdline = readText(entry.path() / "cmdline");
-        if (parent == getpid() && cmdline.find(text) != std::string::npos) return std::stoi(name);
-    }
-    return -1;
-}
 Desktop::Desktop(bool microphone) {
     if (!display_.ok() || !bus_.ok()) return;
     if (microphone) {

@@ -14,7 +14,6 @@
 
 namespace gb::e2e {
 namespace {
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 // The idle menu as the host reads it: depth|type|enabled|visible|toggle-type|toggle-state|label.
@@ -105,15 +104,9 @@ TEST(StatusItemE2ETest, TheMenuOverDBusMenuShowsTheStateAndRecords) {
     std::this_thread::sleep_for(2s);
     ASSERT_TRUE(host({"click", "⏹ Stop Recording"}));
     ASSERT_TRUE(app.waitForOutput("Recording completed successfully", 30s)) << app.stdoutText();
-    const fs::path folder = home.path() + "/Documents/Glimmerbox Recordings";
-    std::vector<fs::path> movies;
-    for (const auto& e : fs::directory_iterator(folder)) movies.push_back(e.path());
+    const auto movies = moviesIn(home.path() + "/Documents/Glimmerbox Recordings");
     ASSERT_EQ(movies.size(), 1U);
-    const auto info = probe(movies.front().string());
-    ASSERT_TRUE(info && info->stream("video") && info->stream("audio"));
-    EXPECT_EQ(info->stream("video")->get("codec_name"), "h264");
-    EXPECT_EQ(info->stream("audio")->get("codec_name"), "aac");
-    EXPECT_GT(info->durationSeconds, 1.5);
+    expectValidMovie(movies[0], {.seconds = 2.5, .tolerance = 1.0});
 }
 
 }  // namespace

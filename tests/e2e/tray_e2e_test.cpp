@@ -90,9 +90,9 @@ public:
     explicit TrayDesktop(Options options) : Desktop(options.microphone) {
         if (!Desktop::ok()) return;
         windowManager_.emplace(std::vector<std::string>{"openbox", "--sm-disable"}, env());
-        ok_ = waitUntil(
+        ok_ = eventually(
                   [&] {
-                      return x({"xprop", "-root", "_NET_SUPPORTING_WM_CHECK"})
+                      return run({"xprop", "-root", "_NET_SUPPORTING_WM_CHECK"})
                                  .value_or("")
                                  .find("window id") != std::string::npos;
                   },
@@ -109,43 +109,40 @@ public:
                                      "pixel", "--width", "120", "--height", "28", "--SetDockType",
                                      "true", "--transparent", "false", "--tint", "0xdddddd"},
             env());
-        return waitUntil([&] { return hasWindowOfClass("trayer", false); }, 10s);
+        return eventually([&] { return hasWindowOfClass("trayer", false); }, 10s);
     }
     // Whether a window of this class exists (and is visible, when asked).
     [[nodiscard]] bool hasWindowOfClass(const std::string& name, bool visible) const {
         std::vector<std::string> argv{"xdotool", "search", "--class", name};
         if (visible) argv.insert(argv.begin() + 2, "--onlyvisible");
-        return x(argv).has_value();
+        return run(argv).has_value();
     }
 
     [[nodiscard]] std::vector<Notification> notifications() const {
         return parseNotifications(notifyLog());
     }
     bool waitForNotifications(size_t count, std::chrono::milliseconds timeout) const {
-        return waitUntil([&] { return notifications().size() >= count; }, timeout);
+        return eventually([&] { return notifications().size() >= count; }, timeout);
     }
-
-    // xdotool and friends in this session; their output, or nothing when they failed.
-    std::optional<std::string> x(const std::vector<std::string>& argv) const { return run(argv); }
 
     // The visible windows whose title is exactly `title`.
     [[nodiscard]] std::vector<std::string> windowsNamed(const std::string& title) const {
         return linesOf(
-            x({"xdotool", "search", "--onlyvisible", "--name", "^" + title + "$"}).value_or(""));
+            run({"xdotool", "search", "--onlyvisible", "--name", "^" + title + "$"}).value_or(""));
     }
     bool waitForWindow(const std::string& title, std::chrono::milliseconds timeout) const {
-        return waitUntil([&] { return !windowsNamed(title).empty(); }, timeout);
+        return eventually([&] { return !windowsNamed(title).empty(); }, timeout);
     }
 
     // (No --sync: it waits for a pointer motion that never comes when the pointer is there
     // already. XTest events are handled in order anyway.)
     void click(Point p) const {
-        x({"xdotool", "mousemove", std::to_string(p.x), std::to_string(p.y), "click", "1"});
+        run({"xdotool", "mousemove", std::to_string(p.x), std::to_string(p.y), "click", "1"});
     }
 
     bool screenshot(const std::string& path) const {
         fs::create_directories(fs::path(path).parent_path());
-        return x({"import", "-window", "root", path}).has_value();
+        return run({"import", "-window", "root", path}).has_value();
     }
 
 private:
@@ -175,26 +172,26 @@ public:
     // Waits until the log holds `text` `count` times.
     bool waitForLogCount(const std::string& text, size_t count,
                          std::chrono::milliseconds timeout = 20s) {
-        return waitUntil([&] { return countOf(log(), text) >= count; }, timeout);
+        return eventually([&] { return countOf(log(), text) >= count; }, timeout);
     }
 
     // Ready once the first menu is installed and the tray icon is on screen.
     bool waitUntilReady() {
         return waitForLog("Menu update - Recording state: false") && waitForLog("[menu] end") &&
-               waitUntil([&] { return trayIcon().has_value(); }, 20s);
+               eventually([&] { return trayIcon().has_value(); }, 20s);
     }
 
     // The centre of the tray icon: the program's small visible window that the tray host has
     // taken in. Tooltips are small too, but stay children of the root window.
     [[nodiscard]] std::optional<Point> trayIcon() const {
         for (const std::string& id :
-             linesOf(desktop_.x({"xdotool", "search", "--onlyvisible", "--class", "Glimmerbox"})
+             linesOf(desktop_.run({"xdotool", "search", "--onlyvisible", "--class", "Glimmerbox"})
                          .value_or(""))) {
             static const std::regex underRoot(
                 R"(Parent window id: 0x[0-9a-f]+ \(the root window\))");
-            const auto tree = desktop_.x({"xwininfo", "-tree", "-id", id});
+            const auto tree = desktop_.run({"xwininfo", "-tree", "-id", id});
             if (!tree || std::regex_search(*tree, underRoot)) continue;
-            const auto g = desktop_.x({"xdotool", "getwindowgeometry", "--shell", id});
+            const auto g = desktop_.run({"xdotool", "getwindowgeometry", "--shell", id});
             if (!g) continue;
             std::map<std::string, int> v;
             for (const std::string& line : linesOf(*g)) {
@@ -236,7 +233,7 @@ public:
     }
     // Waits until the installed menu has the entry `path` in the state `flag`.
     bool waitForEntry(const std::string& path, const std::string& flag) const {
-        return waitUntil([&] { return entry(path) && entry(path)->has(flag); }, 10s);
+        return eventually([&] { return entry(path) && entry(path)->has(flag); }, 10s);
     }
 
     // Clicks the tray icon and waits for the menu; where its entries are, by title.
@@ -248,18 +245,18 @@ public:
         for (int attempt = 0; attempt < 3 && !opened(); ++attempt) {
             const std::optional<Point> icon = trayIcon();
             // A menu that has just closed may still hold the pointer: the click would go to it.
-            if (!icon || !desktop_.x({toolPath("wait_pointer_free")})) continue;
+            if (!icon || !desktop_.run({toolPath("wait_pointer_free")})) continue;
             desktop_.click(*icon);
-            waitUntil(opened, 5s);
+            eventually(opened, 5s);
         }
-        if (!opened() || !waitUntil([&] { return openMenuEntries().size() > 0; }, 5s)) return {};
+        if (!opened() || !eventually([&] { return openMenuEntries().size() > 0; }, 5s)) return {};
         return openMenuEntries();
     }
 
     // Closes the open menu with Escape and waits until it is gone.
     bool closeMenu() {
         const size_t hidden = countOf(log(), "[menu] hidden \"\"");
-        desktop_.x({"xdotool", "key", "Escape"});
+        desktop_.run({"xdotool", "key", "Escape"});
         return waitForLogCount("[menu] hidden \"\"", hidden + 1, 10s);
     }
 
@@ -388,7 +385,7 @@ TEST(TrayE2ETest, RecordsFromTheTrayMenuAndNotifiesAtStartAndSave) {
     EXPECT_EQ(notes[1].body, "Screencast saved to: " + fs::path(movies[0]).filename().string());
 
     // Back to idle, and the menu says so.
-    EXPECT_TRUE(waitUntil(
+    EXPECT_TRUE(eventually(
         [&] {
             const auto titles = app.topLevelTitles();
             return !titles.empty() && titles.front() == "⏺ Start Recording";
@@ -416,9 +413,9 @@ TEST(TrayE2ETest, FailedStartShowsOneAlertAndLeavesTheProgramIdle) {
                        1s))
         << app.log();
 
-    desktop.x({"xdotool", "key", "Return"});
+    desktop.run({"xdotool", "key", "Return"});
     ASSERT_TRUE(app.waitForLog("[alert] closed with button 0", 10s)) << app.log();
-    EXPECT_TRUE(waitUntil([&] { return desktop.windowsNamed("Recording Failed").empty(); }, 5s));
+    EXPECT_TRUE(eventually([&] { return desktop.windowsNamed("Recording Failed").empty(); }, 5s));
     EXPECT_TRUE(app.running());
     EXPECT_TRUE(app.waitForLog("Recording start completed. Current state: false"));
 
@@ -439,7 +436,7 @@ TEST(TrayE2ETest, EditorAutomationTogglesScreencastModeAroundARecording) {
     auto editor = std::make_unique<Process>(
         std::vector<std::string>{toolPath("fake_editor"), "--class", "Code", "--log", keyLog},
         desktop.env());
-    ASSERT_TRUE(waitUntil([&] { return desktop.hasWindowOfClass("^Code$", true); }, 10s));
+    ASSERT_TRUE(eventually([&] { return desktop.hasWindowOfClass("^Code$", true); }, 10s));
 
     TrayApp app(desktop);
     ASSERT_TRUE(app.waitUntilReady()) << app.log() << app.errors();
@@ -451,7 +448,7 @@ TEST(TrayE2ETest, EditorAutomationTogglesScreencastModeAroundARecording) {
     ASSERT_TRUE(app.choose("⏺ Start Recording")) << app.log();
     ASSERT_TRUE(app.waitForLog("🔧 VS Code automation: Enabled screencast mode")) << app.log();
     ASSERT_TRUE(app.waitForLog("Recording start completed. Current state: true", 30s)) << app.log();
-    ASSERT_TRUE(waitUntil([&] { return linesOf(readText(keyLog)).size() >= toggle.size(); }, 15s))
+    ASSERT_TRUE(eventually([&] { return linesOf(readText(keyLog)).size() >= toggle.size(); }, 15s))
         << app.log();
     EXPECT_EQ(linesOf(readText(keyLog)), toggle);
 
@@ -465,7 +462,7 @@ TEST(TrayE2ETest, EditorAutomationTogglesScreencastModeAroundARecording) {
 
     // Without the editor the recording goes ahead all the same.
     editor.reset();
-    ASSERT_TRUE(waitUntil([&] { return !desktop.hasWindowOfClass("^Code$", false); }, 10s));
+    ASSERT_TRUE(eventually([&] { return !desktop.hasWindowOfClass("^Code$", false); }, 10s));
     std::this_thread::sleep_for(1s);  // file names have one-second resolution
     ASSERT_TRUE(app.choose("⏺ Start Recording")) << app.log();
     ASSERT_TRUE(app.waitForLog("🔧 VS Code automation: VS Code not running")) << app.log();
@@ -489,10 +486,10 @@ TEST(TrayE2ETest, ChosenSaveFolderShowsInTheMenuAndSurvivesARestart) {
         ASSERT_TRUE(app.waitUntilReady()) << app.log() << app.errors();
         ASSERT_TRUE(app.choose("Choose Save Location...")) << app.log();
         ASSERT_TRUE(desktop.waitForWindow("Choose Save Location", 20s)) << app.log();
-        desktop.x({"xdotool", "type", "--delay", "10", casts});
-        desktop.x({"xdotool", "key", "Return"});
+        desktop.run({"xdotool", "type", "--delay", "10", casts});
+        desktop.run({"xdotool", "key", "Return"});
         ASSERT_TRUE(
-            waitUntil([&] { return desktop.windowsNamed("Choose Save Location").empty(); }, 10s));
+            eventually([&] { return desktop.windowsNamed("Choose Save Location").empty(); }, 10s));
 
         // The menu shows the folder from its next rebuild on; switching the overlay off and on
         // again brings two.
@@ -515,13 +512,13 @@ TEST(TrayE2ETest, ChosenSaveFolderShowsInTheMenuAndSurvivesARestart) {
         const auto about = desktop.windowsNamed("About Glimmerbox");
         ASSERT_EQ(about.size(), 1U);
         const auto geometry =
-            desktop.x({"xdotool", "getwindowgeometry", "--shell", about.front()}).value_or("");
+            desktop.run({"xdotool", "getwindowgeometry", "--shell", about.front()}).value_or("");
         EXPECT_NE(geometry.find("WIDTH=400\nHEIGHT=300"), std::string::npos) << geometry;
         ASSERT_TRUE(desktop.screenshot(artifactsDir() + "/about-window.png"));
-        desktop.x({"xdotool", "windowactivate", "--sync", about.front(), "key", "--clearmodifiers",
-                   "alt+F4"});
+        desktop.run({"xdotool", "windowactivate", "--sync", about.front(), "key",
+                     "--clearmodifiers", "alt+F4"});
         EXPECT_TRUE(
-            waitUntil([&] { return desktop.windowsNamed("About Glimmerbox").empty(); }, 5s));
+            eventually([&] { return desktop.windowsNamed("About Glimmerbox").empty(); }, 5s));
         EXPECT_TRUE(app.running());
 
         ASSERT_TRUE(app.choose("Quit Glimmerbox")) << app.log();
@@ -558,7 +555,7 @@ TEST(TrayE2ETest, WithoutATrayHostTheProgramWaitsForOne) {
 
     ASSERT_TRUE(desktop.startTray());
     ASSERT_TRUE(app.waitForLog("Glimmerbox: system tray found; showing the status icon", 10s));
-    ASSERT_TRUE(waitUntil([&] { return app.trayIcon().has_value(); }, 10s));
+    ASSERT_TRUE(eventually([&] { return app.trayIcon().has_value(); }, 10s));
     EXPECT_TRUE(app.openMenu().contains("⏺ Start Recording")) << app.log();
     EXPECT_TRUE(app.closeMenu());
     EXPECT_TRUE(app.running());

@@ -15,11 +15,11 @@
 #include <thread>
 #include <vector>
 
-#include "fakes/test_environment.h"
+#include "fakes/processes.h"
 
 namespace gb::fakes {
 
-XvfbServer::XvfbServer(std::unique_ptr<ChildProcess> process, std::string displayName)
+XvfbServer::XvfbServer(std::unique_ptr<Process> process, std::string displayName)
     : process_(std::move(process)), displayName_(std::move(displayName)) {}
 
 XvfbServer::~XvfbServer() {
@@ -41,9 +41,9 @@ std::unique_ptr<XvfbServer> XvfbServer::start(const Options& options) {
                                      "-screen",   "0",          screen,
                                      "-nolisten", "tcp",        "-noreset",
                                      "+extension", "RANDR"};
-    ChildProcess::Options childOptions;
-    childOptions.keepFd = fds[1];  // Xvfb writes the display number here
-    auto process = std::make_unique<ChildProcess>(std::move(args), childOptions);
+    // Xvfb writes the display number to fds[1].
+    auto process = std::make_unique<Process>(std::move(args), std::map<std::string, std::string>{},
+                                             fds[1]);
     close(fds[1]);
 
     // Xvfb writes "N\n" once it accepts connections; EOF means it gave up.
@@ -92,7 +92,7 @@ bool XvfbServer::killKeepingTheDisplayNumber() {
     while (!(ok = bound()) && errno == EADDRINUSE && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::yield();
     }
-    process_->stop(SIGKILL);  // reaps it
+    process_->wait(std::chrono::seconds(5));  // reaps it
     // Still in use once the server is gone: another server has the number now.
     if (!ok) ok = bound();
     if (!ok) {
