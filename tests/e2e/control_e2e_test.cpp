@@ -41,11 +41,6 @@ public:
                     "org.freedesktop.Application.ActivateAction", action, "[]", "{}"})
             .has_value();
     }
-    // Whether a notification with this summary and a body that begins so went over the bus.
-    [[nodiscard]] bool notified(const std::string& summary, const std::string& body) const {
-        return notifyLog().find("string \"" + summary + "\"\n   string \"" + body) !=
-               std::string::npos;
-    }
     [[nodiscard]] std::string activatedLog() const { return home() + "/activated.log"; }
     [[nodiscard]] std::string configDir() const { return home() + "/.config/Glimmerbox"; }
     // The file that a stop's or status's output names, checked to be in the recordings folder.

@@ -314,6 +314,17 @@ std::map<std::string, std::string> Desktop::env() const {
     return env;
 }
 
+std::vector<std::string> Desktop::notifications() const {
+    const std::string log = monitor_->stdoutText();
+    std::vector<std::string> calls;
+    for (size_t at = log.find("member=Notify"); at != std::string::npos;) {
+        const size_t next = log.find("member=Notify", at + 1);
+        calls.push_back(log.substr(at, next - at));
+        at = next;
+    }
+    return calls;
+}
+
 std::string Desktop::recordingsFolder() const {
     return home() + "/Documents/Glimmerbox Recordings";
 }

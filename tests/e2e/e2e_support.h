@@ -138,8 +138,13 @@ public:
     // A program in this session to completion: its output, or nothing when it failed.
     std::optional<std::string> run(const std::vector<std::string>& argv) const;
     [[nodiscard]] bool busOwns(const std::string& name) const;
-    // The Notify calls that went over the bus, as dbus-monitor printed them.
-    [[nodiscard]] std::string notifyLog() const { return monitor_->stdoutText(); }
+    // The Notify calls that went over the bus, one each as dbus-monitor printed it.
+    [[nodiscard]] std::vector<std::string> notifications() const;
+    // Whether a notification with this summary and a body that begins so went over the bus.
+    [[nodiscard]] bool notified(const std::string& summary, const std::string& body) const {
+        return monitor_->stdoutText().find("string \"" + summary + "\"\n   string \"" + body) !=
+               std::string::npos;
+    }
 
 private:
     VirtualDisplay display_{1280, 720};

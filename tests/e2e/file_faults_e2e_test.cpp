@@ -4,6 +4,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <ctime>
@@ -17,6 +18,7 @@ namespace gb::e2e {
 namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using ::testing::HasSubstr;
 
 // The file names a recording started `offset` seconds from now would get.
 std::vector<std::string> nextNames(int from, int to) {
@@ -139,9 +141,8 @@ TEST_F(FileFaultsE2ETest, FolderAtTheNextNameFailsTheStartAndIsLeftAlone) {
     const auto code = p->wait(60s);
     ASSERT_TRUE(code);
     EXPECT_NE(*code, 0);
-    EXPECT_NE((p->stdoutText() + p->stderrText()).find("a folder of that name is in the way"),
-              std::string::npos)
-        << p->stdoutText() << p->stderrText();
+    EXPECT_THAT(p->stdoutText() + p->stderrText(),
+                HasSubstr("a folder of that name is in the way"));
     for (const auto& name : names) EXPECT_TRUE(fs::exists(out.path() + "/" + name + "/keep"));
 }
 
@@ -166,8 +167,7 @@ TEST_F(FileFaultsE2ETest, FileOrFolderRemovedWhileRecordingAndNewFoldersArePriva
         ASSERT_TRUE(code);
         if (folderToo) {
             EXPECT_NE(*code, 0) << p->stdoutText();
-            EXPECT_NE(p->stderrText().find("was removed while recording"), std::string::npos)
-                << p->stderrText();
+            EXPECT_THAT(p->stderrText(), HasSubstr("was removed while recording"));
         } else {
             EXPECT_EQ(*code, 0) << p->stderrText();
             const auto info = probe(written[0]);
@@ -185,8 +185,7 @@ TEST_F(FileFaultsE2ETest, FullDiskAtTheStartLeavesNoFile) {
     const auto code = p->wait(60s);
     ASSERT_TRUE(code);
     EXPECT_NE(*code, 0);
-    EXPECT_NE((p->stdoutText() + p->stderrText()).find("the disk is full"), std::string::npos)
-        << p->stdoutText() << p->stderrText();
+    EXPECT_THAT(p->stdoutText() + p->stderrText(), HasSubstr("the disk is full"));
     EXPECT_TRUE(moviesIn(disk.path()).empty());
 }
 
@@ -199,7 +198,7 @@ TEST_F(FileFaultsE2ETest, FullDiskWhileRecordingEndsItAndKeepsWhatWasWritten) {
     const auto code = p->wait(30s);
     ASSERT_TRUE(code) << "the recording went on after the disk was full";
     EXPECT_NE(*code, 0);
-    EXPECT_NE(p->stderrText().find("the disk is full"), std::string::npos) << p->stderrText();
+    EXPECT_THAT(p->stderrText(), HasSubstr("the disk is full"));
     const std::string out = p->stdoutText();
     EXPECT_LE(countOf(out, "AssetWriter not in writing state: 3\n"), 1u) << out;
     const auto kept = moviesIn(disk.path());

@@ -3,6 +3,7 @@
 // that loses the file, wrong sizes or lost frames from the PipeWire stream, and audio/video drift.
 // Everything runs for real in a private runtime folder: dbus-daemon, pipewire, wireplumber, the
 // xdg-desktop-portal front end and our test back end (tools/test_screencast_portal).
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -18,6 +19,8 @@ namespace gb::e2e {
 namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 // A Wayland-like desktop without a compositor: the session bus, PipeWire with its session
 // manager, the portal front end with our back end, and a PulseAudio null sink as microphone.
@@ -148,12 +151,12 @@ TEST(PortalE2ETest, RecordsTheGrantedMonitorAndPassesOnTheLatestRestoreToken) {
     ASSERT_EQ(calls.size(), 3u);
     for (const auto& call : calls) {
         for (const char* option : {" types=1", " multiple=false", " persist_mode=2", " cursor_mode=4"})
-            EXPECT_NE(call.find(option), std::string::npos) << option << " missing in " << call;
+            EXPECT_THAT(call, HasSubstr(option));
     }
     // Each recording restores the grant of the one before: the stored token follows the newest.
-    EXPECT_EQ(calls[0].find("restore_data"), std::string::npos) << calls[0];
-    EXPECT_NE(calls[1].find("restore_data=glimmerboxtest,1,grant-1"), std::string::npos) << calls[1];
-    EXPECT_NE(calls[2].find("restore_data=glimmerboxtest,1,grant-2"), std::string::npos) << calls[2];
+    EXPECT_THAT(calls[0], Not(HasSubstr("restore_data")));
+    EXPECT_THAT(calls[1], HasSubstr("restore_data=glimmerboxtest,1,grant-1"));
+    EXPECT_THAT(calls[2], HasSubstr("restore_data=glimmerboxtest,1,grant-2"));
 }
 
 TEST(PortalE2ETest, ClosedSessionFinishesTheSparseStreamsFileAndCursorIsEmbedded) {
@@ -161,10 +164,10 @@ TEST(PortalE2ETest, ClosedSessionFinishesTheSparseStreamsFileAndCursorIsEmbedded
     ASSERT_TRUE(desktop.ok());
     auto run = desktop.record({}, 30s);  // no duration: only the portal ends it
     ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
-    EXPECT_NE(run.out.find("⚠️ Screen capture ended: the screen-cast portal closed the session"),
-              std::string::npos)
-        << run.out;
-    EXPECT_NE(run.out.find("Recording completed successfully"), std::string::npos);
+    EXPECT_THAT(
+        run.out,
+        HasSubstr("⚠️ Screen capture ended: the screen-cast portal closed the session"));
+    EXPECT_THAT(run.out, HasSubstr("Recording completed successfully"));
     auto info = probe(lastLine(run.out));
     ASSERT_TRUE(info);
     // The back end closes 3 s after its Start answer; the file begins with the first frame,
@@ -177,7 +180,7 @@ TEST(PortalE2ETest, ClosedSessionFinishesTheSparseStreamsFileAndCursorIsEmbedded
     EXPECT_NEAR(probeNumber(lastLine(run.out), "v:0", "duration"), info->durationSeconds, 0.3);
     const auto calls = selectSourcesCalls(desktop.log());
     ASSERT_EQ(calls.size(), 1u);
-    EXPECT_NE(calls[0].find(" cursor_mode=2"), std::string::npos) << calls[0];
+    EXPECT_THAT(calls[0], HasSubstr(" cursor_mode=2"));
 }
 
 TEST(PortalE2ETest, CancelledDialogFailsTheStartAndClosesTheSession) {
@@ -189,7 +192,7 @@ TEST(PortalE2ETest, CancelledDialogFailsTheStartAndClosesTheSession) {
               "Setup failed: Screen capture is unavailable. Please grant screen recording "
               "permission.");
     EXPECT_EQ(lastLine(readText(desktop.log())), "Close");
-    EXPECT_EQ(run.out.find("Recording started successfully"), std::string::npos);
+    EXPECT_THAT(run.out, Not(HasSubstr("Recording started successfully")));
 
     // A Wayland session whose bus has no portal fails the same way, saying what is missing.
     TempDir nowhere;
@@ -197,10 +200,9 @@ TEST(PortalE2ETest, CancelledDialogFailsTheStartAndClosesTheSession) {
                   {{"XDG_SESSION_TYPE", "wayland"}, {"HOME", nowhere.path()}, {"DISPLAY", ""},
                    {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + nowhere.path() + "/bus"}});
     ASSERT_EQ(noBus.wait(20s), 1);
-    EXPECT_NE(noBus.stdoutText().find("❌ Screen capture through the portal is unavailable: there "
-                                      "is no session bus"),
-              std::string::npos)
-        << noBus.stdoutText();
+    EXPECT_THAT(noBus.stdoutText(),
+                HasSubstr("❌ Screen capture through the portal is unavailable: there "
+                          "is no session bus"));
 }
 
 TEST(PortalE2ETest, StopWhileTheDialogWaitsClosesThePortalSession) {
@@ -212,7 +214,7 @@ TEST(PortalE2ETest, StopWhileTheDialogWaitsClosesThePortalSession) {
         std::this_thread::sleep_for(50ms);
     p.signal(SIGINT);
     ASSERT_EQ(p.wait(10s), 1) << p.stdoutText();
-    EXPECT_NE(p.stdoutText().find("unavailable: the recording was stopped"), std::string::npos);
+    EXPECT_THAT(p.stdoutText(), HasSubstr("unavailable: the recording was stopped"));
     EXPECT_EQ(lastLine(readText(desktop.log())), "Close");
 }
 
@@ -224,9 +226,8 @@ TEST(PortalE2ETest, PipeWireDyingFinishesTheFile) {
     std::this_thread::sleep_for(2s);
     desktop.killPipeWire();
     ASSERT_EQ(started->wait(20s), 0) << started->stdoutText();
-    EXPECT_NE(started->stdoutText().find("⚠️ Screen capture ended: PipeWire went away"),
-              std::string::npos)
-        << started->stdoutText();
+    EXPECT_THAT(started->stdoutText(),
+                HasSubstr("⚠️ Screen capture ended: PipeWire went away"));
     auto info = probe(lastLine(started->stdoutText()));
     ASSERT_TRUE(info);
     EXPECT_GT(info->durationSeconds, 1.5);

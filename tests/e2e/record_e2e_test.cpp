@@ -1,6 +1,7 @@
 // Guards against: `glimmerbox record` on the real binary (private Xvfb and PulseAudio) producing wrong codecs, sizes, durations, permissions, letterboxing or silence, an unplayable killed recording, missing texts for a missing microphone or display or a bad option, and audio drifting from video over ten minutes.
 #include <sys/stat.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -16,6 +17,8 @@ namespace gb::e2e {
 namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 // The whole file decodes without an error.
 void expectDecodesToTheEnd(const std::string& path, std::chrono::seconds timeout) {
@@ -94,7 +97,7 @@ TEST_F(RecordE2ETest, HighQualityRecordingOfTheScreenAndTheMicrophone) {
     EXPECT_EQ(st.st_mode & 0777, 0600u);
     ASSERT_EQ(stat(file.parent_path().c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0700u);
-    EXPECT_NE(run.out.find("Recording completed successfully"), std::string::npos);
+    EXPECT_THAT(run.out, HasSubstr("Recording completed successfully"));
 
     expectValidMovie(path, {.seconds = 5.0, .tolerance = 0.3, .width = 1920, .height = 1080,
                             .allFrames = true, .audible = true});
@@ -179,8 +182,8 @@ TEST_F(RecordE2ETest, MissingMicrophoneOrDisplayFailsWithTheirTexts) {
 TEST_F(RecordE2ETest, BadOptionIsRefusedBeforeAnythingStarts) {
     auto run = record({"--quality", "8k"}, baseEnv());
     EXPECT_EQ(run.exitCode, 2);
-    EXPECT_NE(run.err.find("'8k' is not one of medium, high, ultra, screen"), std::string::npos);
-    EXPECT_EQ(run.out.find("ScreenRecorder.startRecording() called"), std::string::npos);
+    EXPECT_THAT(run.err, HasSubstr("'8k' is not one of medium, high, ultra, screen"));
+    EXPECT_THAT(run.out, Not(HasSubstr("ScreenRecorder.startRecording() called")));
 }
 
 // A still screen gives few frames, yet the movie plays its whole length with sound, and a seek
@@ -192,7 +195,7 @@ TEST_F(RecordE2ETest, StillScreenPlaysThroughWithSoundAndSeeksToThePicture) {
 
     auto run = record({"--duration", "10", "--quality", "screen", "--no-camera"}, env());
     ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
-    EXPECT_NE(run.out.find("unchanged frames"), std::string::npos) << run.out;
+    EXPECT_THAT(run.out, HasSubstr("unchanged frames"));
     const std::string path = lastLine(run.out);
     for (const char* stream : {"v:0", "a:0"})
         EXPECT_NEAR(probeNumber(path, stream, "duration"), 10.0, 0.3) << stream;
@@ -307,7 +310,7 @@ TEST_F(RecordE2ETest, ClosedOrBrokenStandardStreamsAndHangupStillFinishTheFile) 
 TEST_F(RecordE2ETest, UnknownArgumentsAndAMissingDisplayAreRefused) {
     Process bogus({binaryPath(), "--bogus"}, baseEnv());
     EXPECT_EQ(bogus.wait(10s), 2);
-    EXPECT_NE(bogus.stderrText().find("Usage: glimmerbox"), std::string::npos);
+    EXPECT_THAT(bogus.stderrText(), HasSubstr("Usage: glimmerbox"));
     Process version({binaryPath(), "--version"}, baseEnv());
     EXPECT_EQ(version.wait(10s), 0);
     EXPECT_EQ(version.stdoutText().rfind("Glimmerbox ", 0), 0u) << version.stdoutText();
@@ -316,7 +319,7 @@ TEST_F(RecordE2ETest, UnknownArgumentsAndAMissingDisplayAreRefused) {
     e["QT_QPA_PLATFORM"] = "";
     Process tray({binaryPath()}, e);
     EXPECT_EQ(tray.wait(20s), 1);  // not a crash (128 + SIGABRT)
-    EXPECT_NE(tray.stderrText().find("no display"), std::string::npos) << tray.stderrText();
+    EXPECT_THAT(tray.stderrText(), HasSubstr("no display"));
 }
 
 TEST_F(RecordE2ETest, SoundServerDyingEndsTheRecordingWithWhatWasCaptured) {
@@ -329,9 +332,7 @@ TEST_F(RecordE2ETest, SoundServerDyingEndsTheRecordingWithWhatWasCaptured) {
     const auto code = p->wait(20s);
     ASSERT_TRUE(code) << "still recording after the sound server died";
     EXPECT_NE(*code, 0);
-    EXPECT_NE(p->stderrText().find("Recording stopped early: The microphone stopped"),
-              std::string::npos)
-        << p->stderrText();
+    EXPECT_THAT(p->stderrText(), HasSubstr("Recording stopped early: The microphone stopped"));
     const std::string path = lastLine(p->stdoutText());
     ASSERT_NO_FATAL_FAILURE(expectDecodesToTheEnd(path, 60s));
     // A still screen: frames come at least once a second, and the file lasts what was captured.

@@ -31,23 +31,34 @@ std::string readText(const std::string& path) {
 
 Process::Process(std::vector<std::string> argv, const std::map<std::string, std::string>& env,
                  int keepFd) {
-    const std::string out = dir_ / "stdout", err = dir_ / "stderr";
+    // Everything the child needs is made before the fork: after it, only async-signal-safe calls.
+    std::vector<std::string> environment;
+    for (char** e = environ; *e != nullptr; ++e) {
+        const std::string entry = *e;
+        if (!env.contains(entry.substr(0, entry.find('=')))) environment.push_back(entry);
+    }
+    for (const auto& [name, value] : env)
+        if (!value.empty()) environment.push_back(name + "=" + value);
+    std::vector<char*> args, envp;
+    for (auto& a : argv) args.push_back(a.data());
+    for (auto& e : environment) envp.push_back(e.data());
+    args.push_back(nullptr);
+    envp.push_back(nullptr);
+    const int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const int out = open((dir_ / "stdout").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const int err = open((dir_ / "stderr").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     const pid_t parent = getpid();
     pid_ = fork();
-    if (pid_ != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(127);
-    setpgid(0, 0);
-    for (auto& [k, v] : env) v.empty() ? unsetenv(k.c_str()) : setenv(k.c_str(), v.c_str(), 1);
-    dup2(open("/dev/null", O_RDONLY), 0);
-    dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-    dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-    if (keepFd >= 0) fcntl(keepFd, F_SETFD, 0);
-    std::vector<char*> args;
-    for (auto& a : argv) args.push_back(a.data());
-    args.push_back(nullptr);
-    execvp(args[0], args.data());
-    _exit(127);
+    if (pid_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) _exit(127);
+        setpgid(0, 0);
+        dup2(in, 0), dup2(out, 1), dup2(err, 2);
+        if (keepFd >= 0) fcntl(keepFd, F_SETFD, 0);
+        execvpe(args[0], args.data(), envp.data());
+        _exit(127);
+    }
+    close(in), close(out), close(err);
 }
 
 Process::~Process() {
