@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <memory>
 #include <regex>
 #include <sstream>
@@ -151,19 +152,33 @@ Onsets findOnsets(const std::string& file) {
     return o;
 }
 
-double flashOffset(const Onsets& o, double t) {
-    double d = 1e9;
-    for (double v : o.video) d = std::abs(v - t) < std::abs(d) ? v - t : d;
-    return d;
+int expectInSync(const Onsets& o, const std::function<bool(double)>& which) {
+    int checked = 0;
+    for (double t : o.audio) {
+        if (!which(t)) continue;
+        double d = 1e9;
+        for (double v : o.video) d = std::abs(v - t) < std::abs(d) ? v - t : d;
+        std::cout << "beep at " << t << " s: flash " << d * 1000 << " ms from it\n";
+        EXPECT_LE(std::abs(d), 1.0 / 30 + 0.005)
+            << "beep at " << t << " s, flash " << d << " s off";
+        ++checked;
+    }
+    return checked;
 }
 
-std::map<std::string, std::string> sessionEnv(const std::string& home) {
-    return {{"HOME", home},
-            {"XDG_CONFIG_HOME", home + "/.config"},
-            {"XDG_DOCUMENTS_DIR", ""},
-            {"XDG_SESSION_TYPE", "x11"},
-            {"WAYLAND_DISPLAY", ""},
-            {"QT_QPA_PLATFORM", ""}};
+std::map<std::string, std::string> sessionEnv(const std::string& home,
+                                              const VirtualDisplay* display,
+                                              const VirtualMicrophone* mic) {
+    std::map<std::string, std::string> env{{"HOME", home},
+                                           {"XDG_CONFIG_HOME", home + "/.config"},
+                                           {"XDG_DOCUMENTS_DIR", ""},
+                                           {"XDG_SESSION_TYPE", "x11"},
+                                           {"WAYLAND_DISPLAY", ""},
+                                           {"QT_QPA_PLATFORM", ""},
+                                           {"GLIMMERBOX_TEST_CAMERA", ""}};
+    if (display) env["DISPLAY"] = display->name();
+    if (mic) env["PULSE_SERVER"] = mic->server();
+    return env;
 }
 
 const StreamInfo* MediaInfo::stream(const std::string& codecType) const {

@@ -101,11 +101,15 @@ struct Onsets {
     std::vector<double> video;
 };
 Onsets findOnsets(const std::string& file);
-// From the beep at `t` to the nearest flash, in seconds.
-double flashOffset(const Onsets& o, double t);
+// Expects each beep whose time `which` picks within a frame of its nearest flash; how many it
+// checked.
+int expectInSync(const Onsets& o, const std::function<bool(double)>& which);
 
-// The environment of programs in a session whose home is `home`, on X11.
-std::map<std::string, std::string> sessionEnv(const std::string& home);
+// The environment of programs in a session whose home is `home`, on X11 with no test camera, and
+// on `display` with `mic` when given.
+std::map<std::string, std::string> sessionEnv(const std::string& home,
+                                              const VirtualDisplay* display = nullptr,
+                                              const VirtualMicrophone* mic = nullptr);
 // A private D-Bus session bus that starts services from a folder of its own, as a desktop's bus
 // starts installed programs when their name is called. Started services die with it.
 class SessionBus {

@@ -47,21 +47,10 @@ const std::vector<std::string> kIdleMenu{
 };
 
 TEST(StatusItemE2ETest, TheMenuOverDBusMenuShowsTheStateAndRecords) {
-    VirtualDisplay display(1280, 720);
-    VirtualMicrophone mic;
-    ASSERT_TRUE(display.ok() && mic.ok());
-    TempDir home;
-    Process bus({"dbus-daemon", "--session", "--nofork", "--print-address=1"});
-    ASSERT_TRUE(bus.waitForOutput("\n", 10s));
-    auto env = mic.env();
-    env.insert({{"DISPLAY", display.name()},
-                {"DBUS_SESSION_BUS_ADDRESS", linesOf(bus.stdoutText()).front()},
-                {"HOME", home.path()},
-                {"XDG_RUNTIME_DIR", home.path()},  // mkdtemp made it 0700
-                {"XDG_SESSION_TYPE", "x11"},
-                {"WAYLAND_DISPLAY", ""},
-                {"QT_QPA_PLATFORM", "xcb"},
-                {"GLIMMERBOX_DEBUG_UI", "1"}});
+    Desktop desktop;
+    ASSERT_TRUE(desktop.ok()) << "Xvfb, D-Bus, PulseAudio or dunst did not start";
+    auto env = desktop.env();
+    env["GLIMMERBOX_DEBUG_UI"] = "1";
     const auto host = [&](std::vector<std::string> args) {
         args.insert(args.begin(), toolPath("test_status_watcher"));
         return runCommand(args, env, 20s);
@@ -81,11 +70,11 @@ TEST(StatusItemE2ETest, TheMenuOverDBusMenuShowsTheStateAndRecords) {
     // A left click opens the menu at the pointer; Escape closes it again.
     ASSERT_TRUE(host({"activate", "20", "20"}));
     EXPECT_TRUE(app.waitForOutput("[menu] shown \"\"", 10s)) << app.stdoutText();
-    runCommand({"xdotool", "key", "Escape"}, env);
+    desktop.run({"xdotool", "key", "Escape"});
     ASSERT_TRUE(app.waitForOutput("[menu] hidden \"\"", 10s)) << app.stdoutText();
 
     // Hosts refetch a rebuilt menu when it sends LayoutUpdated.
-    Process monitor({"dbus-monitor", "--address", env["DBUS_SESSION_BUS_ADDRESS"],
+    Process monitor({"dbus-monitor", "--address", desktop.bus().address(),
                      "type='signal',interface='com.canonical.dbusmenu',member='LayoutUpdated'"});
     ASSERT_TRUE(monitor.waitForOutput("member=NameLost", 10s));
     ASSERT_TRUE(host({"click", "⏺ Start Recording"}));
@@ -104,7 +93,7 @@ TEST(StatusItemE2ETest, TheMenuOverDBusMenuShowsTheStateAndRecords) {
     std::this_thread::sleep_for(2s);
     ASSERT_TRUE(host({"click", "⏹ Stop Recording"}));
     ASSERT_TRUE(app.waitForOutput("Recording completed successfully", 30s)) << app.stdoutText();
-    const auto movies = moviesIn(home.path() + "/Documents/Glimmerbox Recordings");
+    const auto movies = moviesIn(desktop.recordingsFolder());
     ASSERT_EQ(movies.size(), 1U);
     expectValidMovie(movies[0], {.seconds = 2.5, .tolerance = 1.0});
 }

@@ -163,15 +163,14 @@ public:
 
     // The last installed menu, entry by entry.
     [[nodiscard]] std::vector<LoggedEntry> installedMenu() const {
-        return lastBlock<LoggedEntry>("[menu] installed", [](const std::string& line, auto& out) {
-            if (line == "[menu] separator") {
-                out.push_back({"--", ""});
-            } else if (line.starts_with("[menu] entry ")) {
-                const std::string rest = line.substr(13);
-                const auto bar = rest.rfind(" | ");
-                out.push_back({rest.substr(0, bar), rest.substr(bar + 3)});
-            }
-        });
+        std::vector<LoggedEntry> entries;
+        for (const std::string& line : lastBlock("[menu] installed")) {
+            if (line == "[menu] separator") entries.push_back({"--", ""});
+            if (!line.starts_with("[menu] entry ")) continue;
+            const auto bar = line.rfind(" | ");
+            entries.push_back({line.substr(13, bar - 13), line.substr(bar + 3)});
+        }
+        return entries;
     }
     [[nodiscard]] std::vector<std::string> topLevelTitles() const {
         std::vector<std::string> titles;
@@ -230,42 +229,25 @@ public:
     }
 
 private:
-    // The lines of the last complete block that begins with `start`, parsed into Ts.
-    template <class T, class Parse>
-    std::vector<T> lastBlock(const std::string& start, Parse parse) const {
-        const std::vector<std::string> lines = linesOf(log());
-        size_t begin = lines.size();
-        for (size_t i = lines.size(); i-- > 0;) {
-            if (lines[i].starts_with(start)) {
-                begin = i;
-                break;
-            }
-        }
-        std::vector<T> out;
-        bool ended = false;
-        for (size_t i = begin + 1; i < lines.size(); ++i) {
-            if (lines[i] == "[menu] end") {
-                ended = true;
-                break;
-            }
-            parse(lines[i], out);
-        }
-        if (!ended) out.clear();  // still being written
-        return out;
+    // The lines after the last line that begins with `start` up to "[menu] end"; none while
+    // that block is still being written.
+    [[nodiscard]] std::vector<std::string> lastBlock(const std::string& start) const {
+        const std::string text = log();
+        const size_t begin = text.rfind("\n" + start), end = text.find("\n[menu] end\n", begin);
+        if (begin == std::string::npos || end == std::string::npos) return {};
+        const auto lines = linesOf(text.substr(begin + 1, end - begin));
+        return {lines.begin() + 1, lines.end()};
     }
     // The entries of the top-level menu that opened last.
     [[nodiscard]] std::map<std::string, Point> openMenuEntries() const {
         std::map<std::string, Point> at;
         const std::regex placed(R"(^\[menu\] at (-?\d+),(-?\d+) (\d+)x(\d+) (.*)$)");
-        const auto rows = lastBlock<std::pair<std::string, Point>>(
-            "[menu] shown \"\"", [&](const std::string& line, auto& out) {
-                std::smatch m;
-                if (std::regex_match(line, m, placed)) {
-                    out.emplace_back(m[5], Point{std::stoi(m[1]) + std::stoi(m[3]) / 2,
-                                                 std::stoi(m[2]) + std::stoi(m[4]) / 2});
-                }
-            });
-        for (const auto& [title, point] : rows) at[title] = point;
+        std::smatch m;
+        for (const std::string& line : lastBlock("[menu] shown \"\"")) {
+            if (std::regex_match(line, m, placed))
+                at[m[5]] = {std::stoi(m[1]) + std::stoi(m[3]) / 2,
+                            std::stoi(m[2]) + std::stoi(m[4]) / 2};
+        }
         return at;
     }
 
@@ -294,20 +276,10 @@ TEST(TrayE2ETest, RecordsFromTheTrayMenuAndNotifiesAtStartAndSave) {
     TrayApp app(desktop);
     ASSERT_TRUE(app.waitUntilReady()) << app.log() << app.errors();
 
-    // The idle menu as installed.
-    EXPECT_EQ(app.topLevelTitles(),
-              (std::vector<std::string>{
-                  "⏺ Start Recording", "--", "Video Quality", "Camera Overlay", "Camera Size",
-                  "Camera Position", "--", "VS Code Automation", "--",
-                  "Saving to: Documents/Glimmerbox Recordings", "Choose Save Location...",
-                  "Open Recordings Folder", "--", "About Glimmerbox", "Quit Glimmerbox"}));
-    ASSERT_TRUE(app.entry("Saving to: Documents/Glimmerbox Recordings"));
-    EXPECT_TRUE(app.entry("Saving to: Documents/Glimmerbox Recordings")->has("disabled"));
-    EXPECT_TRUE(app.entry("Camera Overlay")->has("checked"));
-    EXPECT_TRUE(app.entry("VS Code Automation")->has("unchecked"));
+    // The idle menu's entries and states are checked through a D-Bus host (status item test);
+    // the shortcut shows only here.
+    ASSERT_TRUE(app.entry("Quit Glimmerbox"));
     EXPECT_TRUE(app.entry("Quit Glimmerbox")->has("shortcut=Ctrl+Q"));
-    EXPECT_TRUE(app.entry("Camera Size > Medium (320×180)")->has("checked"));
-    EXPECT_TRUE(app.entry("Camera Position > Bottom Right")->has("checked"));
 
     // Open it with the mouse, keep a picture of it, then start.
     const auto entries = app.openMenu();

@@ -48,11 +48,6 @@ public:
         std::lock_guard lock(mutex_);
         return screen_;
     }
-    void setSize(double width, double height) {
-        MainScreen s{width, height, {}};
-        s.deviceDescription[kScreenNumberKey] = uint32_t{1};
-        setScreen(s);
-    }
     void setScreen(std::optional<MainScreen> screen) {
         std::lock_guard lock(mutex_);
         screen_ = std::move(screen);
@@ -73,13 +68,10 @@ public:
         lock.unlock();
         if (!drop) completion(granted);
     }
-    void setAnswer(MediaType type, bool granted) {
-        std::lock_guard lock(mutex_);
-        answers[type] = granted;
-    }
+    // Set before use.
     std::map<MediaType, bool> answers{{MediaType::audio, true}, {MediaType::video, true}};
-    std::vector<MediaType> requests;
     bool dropAnswers = false;
+    std::vector<MediaType> requests;
 
 private:
     std::mutex mutex_;
