@@ -61,7 +61,7 @@ TEST(ControlE2ETest, WithoutATrayTheCommandsRecordAndTellTheState) {
     // Said once, on standard output and as a notification, when no tray host has shown up.
     ASSERT_TRUE(app.waitForOutput("Glimmerbox: Glimmerbox is running without a tray icon.", 20s))
         << app.stdoutText() << app.stderrText();
-    ASSERT_TRUE(eventually([&] { return session.busOwns(kAppId); }, 10s));
+    ASSERT_TRUE(eventually([&] { return busOwns(session.env(), kAppId); }, 10s));
     EXPECT_EQ(session.glimmerbox({"status"}).out, "idle\n");
     EXPECT_EQ(session.glimmerbox({"stop"}).exitCode, 1);
 
@@ -118,7 +118,8 @@ TEST(ControlE2ETest, LauncherActionsRunTheMenuFlowsWithEditorAutomation) {
         },
         10s));
     Process app({binaryPath()}, session.env());
-    ASSERT_TRUE(eventually([&] { return session.busOwns(kAppId); }, 20s)) << app.stdoutText();
+    ASSERT_TRUE(eventually([&] { return busOwns(session.env(), kAppId); }, 20s))
+        << app.stdoutText();
 
     const auto keys = [&] { return readText(keyLog); };
     const auto keyCount = [&] {

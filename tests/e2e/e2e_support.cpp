@@ -189,30 +189,23 @@ const StreamInfo* MediaInfo::stream(const std::string& codecType) const {
 }
 
 std::optional<MediaInfo> probe(const std::string& file) {
-    auto out = runCommand({"ffprobe", "-v", "error", "-show_format", "-show_streams", "-of",
-                           "default=noprint_wrappers=0", file});
+    const auto out = runCommand(
+        {"ffprobe", "-v", "error", "-show_format", "-show_streams", "-of", "flat", file});
     if (!out) return std::nullopt;
     MediaInfo info;
-    std::istringstream in(*out);
-    std::string line;
-    enum { none, stream, format } section = none;
-    while (std::getline(in, line)) {
-        if (line == "[STREAM]") {
-            section = stream;
-            info.streams.emplace_back();
-        } else if (line == "[FORMAT]") {
-            section = format;
-        } else if (line.rfind("[/", 0) == 0) {
-            section = none;
-        } else if (auto eq = line.find('='); eq != std::string::npos) {
-            const std::string key = line.substr(0, eq), value = line.substr(eq + 1);
-            if (section == stream) {
-                info.streams.back().fields[key] = value;
-            } else if (section == format) {
-                if (key == "format_name") info.formatName = value;
-                if (key == "duration") info.durationSeconds = std::atof(value.c_str());
-            }
+    // streams.stream.0.codec_name="h264", format.duration="5.000000"; nested fields are left out.
+    const std::regex field(R"re((?:streams\.stream\.(\d+)|format)\.(\w+)="?([^"]*)"?)re");
+    std::smatch m;
+    for (const std::string& line : linesOf(*out)) {
+        if (!std::regex_match(line, m, field)) continue;
+        if (m[1].matched) {
+            const size_t index = std::stoul(m[1].str());
+            info.streams.resize(std::max(info.streams.size(), index + 1));
+            info.streams[index].fields[m[2].str()] = m[3].str();
         }
+        if (!m[1].matched && m[2] == "format_name") info.formatName = m[3].str();
+        if (!m[1].matched && m[2] == "duration")
+            info.durationSeconds = std::atof(m[3].str().c_str());
     }
     return info;
 }
@@ -223,34 +216,29 @@ int countVideoFrames(const std::string& file) {
 
 std::optional<std::vector<uint8_t>> decodeFrameRGB(const std::string& file, double atSeconds,
                                                    int width, int height) {
-    TempDir tmp;
-    const std::string raw = tmp.path() + "/frame.rgb";
-    if (!runCommand({"ffmpeg", "-v", "error", "-y", "-ss", std::to_string(atSeconds), "-i", file,
-                     "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "rgb24", raw})) {
-        return std::nullopt;
-    }
-    std::string bytes = readText(raw);
-    if (bytes.size() != static_cast<size_t>(width) * height * 3) return std::nullopt;
-    return std::vector<uint8_t>(bytes.begin(), bytes.end());
+    const auto bytes =
+        runCommand({"ffmpeg", "-v", "error", "-ss", std::to_string(atSeconds), "-i", file,
+                    "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"});
+    if (!bytes || bytes->size() != static_cast<size_t>(width) * height * 3) return std::nullopt;
+    return std::vector<uint8_t>(bytes->begin(), bytes->end());
 }
 
 std::optional<AudioLevels> audioLevels(const std::string& file, double from, double to) {
     Process p({"ffmpeg", "-v", "info", "-ss", std::to_string(from), "-to",
                std::to_string(to < 0 ? 1e6 : to), "-i", file, "-map", "0:a:0", "-af",
                "volumedetect", "-f", "null", "-"});
-    if (p.wait(120s) != 0) return std::nullopt;
+    const bool ran = p.wait(120s) == 0;
     const std::string log = p.stderrText();
-    AudioLevels levels;
-    auto grab = [&](const std::string& key, double& into) {
-        auto at = log.find(key);
-        if (at == std::string::npos) return false;
-        into = std::atof(log.c_str() + at + key.size());
-        return true;
-    };
-    if (!grab("mean_volume: ", levels.meanDb) || !grab("max_volume: ", levels.maxDb)) {
-        return std::nullopt;
-    }
-    return levels;
+    const auto mean = log.find("mean_volume: "), max = log.find("max_volume: ");
+    if (!ran || mean == std::string::npos || max == std::string::npos) return std::nullopt;
+    return AudioLevels{std::atof(log.c_str() + mean + 13), std::atof(log.c_str() + max + 12)};
+}
+
+bool busOwns(const std::map<std::string, std::string>& env, const std::string& name) {
+    return runCommand({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus",
+                       "/", "org.freedesktop.DBus.GetNameOwner", "string:" + name},
+                      env, 5s)
+        .has_value();
 }
 
 std::string binaryPath() { return GLIMMERBOX_BINARY; }
@@ -316,7 +304,7 @@ Desktop::Desktop(bool microphone) {
                                               "member='Notify'"});
     // The notification server is up once it owns its name.
     ok_ = monitor_->waitForOutput("member=NameLost", 10s) &&
-          eventually([&] { return busOwns("org.freedesktop.Notifications"); }, 10s);
+          eventually([&] { return busOwns(env(), "org.freedesktop.Notifications"); }, 10s);
 }
 
 std::map<std::string, std::string> Desktop::env() const {
@@ -348,10 +336,5 @@ std::optional<std::string> Desktop::run(const std::vector<std::string>& argv) co
     return runCommand(argv, env(), 20s);
 }
 
-bool Desktop::busOwns(const std::string& name) const {
-    return run({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
-                "org.freedesktop.DBus.GetNameOwner", "string:" + name})
-        .has_value();
-}
 
 }  // namespace gb::e2e

@@ -72,6 +72,8 @@ struct AudioLevels {
 };
 std::optional<AudioLevels> audioLevels(const std::string& file, double from = 0, double to = -1);
 
+// Whether `name` has an owner on the session bus of `env`.
+bool busOwns(const std::map<std::string, std::string>& env, const std::string& name);
 std::string binaryPath();    // the glimmerbox program under test
 std::string toolPath(const std::string& name);  // a helper program from tests/tools
 
@@ -141,7 +143,6 @@ public:
     [[nodiscard]] SessionBus& bus() { return bus_; }
     // A program in this session to completion: its output, or nothing when it failed.
     std::optional<std::string> run(const std::vector<std::string>& argv) const;
-    [[nodiscard]] bool busOwns(const std::string& name) const;
     // The Notify calls that went over the bus, one each as dbus-monitor printed it.
     [[nodiscard]] std::vector<std::string> notifications() const;
     // Whether a notification with this summary and a body that begins so went over the bus.

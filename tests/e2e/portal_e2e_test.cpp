@@ -60,14 +60,8 @@ public:
         portalEnv["XDG_DESKTOP_PORTAL_DIR"] = d + "/portals";
         portalEnv["XDG_CURRENT_DESKTOP"] = "glimmerboxtest";
         portal_.emplace(std::vector<std::string>{"/usr/libexec/xdg-desktop-portal"}, portalEnv);
-        ok_ = mic_.ok() && eventually([&] {
-                  auto out = runCommand({"dbus-send", "--session", "--print-reply",
-                                         "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                         "org.freedesktop.DBus.NameHasOwner",
-                                         "string:org.freedesktop.portal.Desktop"},
-                                        env_, 2s);
-                  return out && out->find("true") != std::string::npos;
-              }, 10s);
+        ok_ = mic_.ok() &&
+              eventually([&] { return busOwns(env_, "org.freedesktop.portal.Desktop"); }, 10s);
     }
 
     [[nodiscard]] bool ok() const { return ok_; }

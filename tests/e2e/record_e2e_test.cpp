@@ -47,8 +47,7 @@ protected:
     // Runs a scene (moving unless told otherwise) on the display until the test ends.
     void startScene(std::vector<std::string> args = {}) {
         args.insert(args.begin(), toolPath("demo_scene"));
-        scene_ = std::make_unique<Process>(
-            args, std::map<std::string, std::string>{{"DISPLAY", display_->name()}});
+        scene_ = std::make_unique<Process>(args, env());
         std::this_thread::sleep_for(300ms);
     }
     // Runs until killed; its output file is the last line it printed.

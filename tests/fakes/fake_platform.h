@@ -555,7 +555,7 @@ struct RecorderWorld {
         files = std::make_shared<RecordingFileManager>(fs, defaults, dates, writers, display, picker);
         auto r = ScreenRecorder::create(
             {std::make_shared<PermissionManager>(access), capture,
-             std::make_shared<VideoComposer>(compositor, pixelBuffers, sampleMaker), files},
+             std::make_shared<VideoComposer>(compositor, *pixelBuffers, sampleMaker), files},
             dispatch);
         r->setDelegate(delegate);
         return r;
@@ -574,8 +574,8 @@ struct RecorderWorld {
     FakeDateFormatter dates;
     FakeFolderPicker picker;
     CpuImageCompositor compositor;
-    std::shared_ptr<PooledPixelBufferFactory> poolHolder = std::make_shared<PooledPixelBufferFactory>();
-    PooledPixelBufferFactory& pixelBuffers = *poolHolder;
+    std::shared_ptr<PooledPixelBufferFactory> pixelBuffers =
+        std::make_shared<PooledPixelBufferFactory>();
     StandardSampleMaker sampleMaker;
     std::shared_ptr<FakeRecorderDelegate> delegate = std::make_shared<FakeRecorderDelegate>();
     std::shared_ptr<CaptureSessionManager> capture;

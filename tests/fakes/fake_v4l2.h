@@ -308,12 +308,8 @@ private:
         pix.width = c.currentWidth;
         pix.height = c.currentHeight;
         pix.pixelformat = c.currentFourcc;
-        if (c.currentFourcc == V4L2_PIX_FMT_YUYV) {
-            pix.bytesperline = c.currentWidth * 2;
-            pix.sizeimage = pix.bytesperline * c.currentHeight;
-        } else {
-            pix.sizeimage = c.currentWidth * c.currentHeight * 2;
-        }
+        pix.bytesperline = c.currentFourcc == V4L2_PIX_FMT_YUYV ? c.currentWidth * 2 : 0;
+        pix.sizeimage = c.currentWidth * c.currentHeight * 2;
         return pix;
     }
     void stopStreaming(Node& node) {

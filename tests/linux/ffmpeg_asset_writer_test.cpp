@@ -83,9 +83,6 @@ bool waitUntilReady(const AssetWriterInput& input, std::chrono::milliseconds lim
 VideoOutputSettingsForWriter videoSettings(int width, int height) {
     return {"avc1", width, height, {2'000'000, "H264_Main_AutoLevel", "CAVLC"}};
 }
-AudioOutputSettingsForWriter audioSettings() {
-    return {0x61616320, 2, 44100.0, 128'000};
-}
 
 // Waits for `writer`'s completion and gives how often it was called (a second call would show
 // up within the short wait after the first).
@@ -117,7 +114,8 @@ struct Recording {
         if (!made.ok()) return r;
         r.writer = made.value();
         r.video = factory.makeInput(MediaType::video, videoSettings(width, height));
-        r.audio = factory.makeInput(MediaType::audio, audioSettings());
+        r.audio = factory.makeInput(MediaType::audio,
+                                    AudioOutputSettingsForWriter{0x61616320, 2, 44100.0, 128'000});
         r.writer->addInput(r.video);
         r.writer->addInput(r.audio);
         EXPECT_TRUE(r.writer->startWriting());

@@ -172,12 +172,12 @@ TEST_F(RecorderTest, StopDuringTheStartsPauseFinishesTheFileAsTheOnlyOutcome) {
     for (const bool cancelled : {false, true}) {
         fresh();
         CancellationToken token;
-        dispatch->fakeSleeper().onSleep = [&] {
+        dispatch->fakeSleeper.onSleep = [&] {
             if (cancelled) token.cancel();  // as the menu's stop cancels the start's task
             recorder->stopRecording();
         };
         start(token);
-        dispatch->fakeSleeper().onSleep = nullptr;
+        dispatch->fakeSleeper.onSleep = nullptr;
         dispatch->runAll();
         EXPECT_EQ(delegate->kinds(), Strings{"stop " + folder() + "/" + kFile}) << cancelled;
         EXPECT_FALSE(recorder->hasUnfinishedRecording());
