@@ -34,18 +34,13 @@ public:
         std::ofstream(d + "/portals/glimmerboxtest.portal")
             << "[portal]\nDBusName=org.freedesktop.impl.portal.desktop.glimmerboxtest\n"
                "Interfaces=org.freedesktop.impl.portal.ScreenCast\nUseIn=glimmerboxtest\n";
-        env_ = {{"HOME", d},
-                {"XDG_RUNTIME_DIR", d + "/run"},
-                {"XDG_CONFIG_HOME", d + "/config"},
-                {"XDG_DATA_HOME", d + "/data"},
-                {"XDG_DOCUMENTS_DIR", ""},
-                {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + d + "/run/bus"},
-                {"XDG_SESSION_TYPE", "wayland"},
-                {"WAYLAND_DISPLAY", ""},
-                {"DISPLAY", ""},
-                {"GLIMMERBOX_CAPTURE", ""},
-                {"GLIMMERBOX_TEST_CAMERA", ""}};
-        for (auto& [k, v] : mic_.env()) env_[k] = v;
+        env_ = sessionEnv(d, nullptr, &mic_);
+        env_.insert_or_assign("XDG_SESSION_TYPE", "wayland");
+        env_.insert({{"XDG_RUNTIME_DIR", d + "/run"},
+                     {"XDG_DATA_HOME", d + "/data"},
+                     {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + d + "/run/bus"},
+                     {"DISPLAY", ""},
+                     {"GLIMMERBOX_CAPTURE", ""}});
         bus_.emplace(std::vector<std::string>{"dbus-daemon", "--session", "--nofork", "--address",
                                               env_["DBUS_SESSION_BUS_ADDRESS"], "--print-address"},
                      env_);
@@ -69,7 +64,7 @@ public:
     void killPipeWire() { pipewire_->signal(SIGKILL); }
     [[nodiscard]] std::string storedToken() const {
         std::smatch m;
-        const std::string conf = readText(dir_.path() + "/config/Glimmerbox/Glimmerbox.conf");
+        const std::string conf = readText(dir_.path() + "/.config/Glimmerbox/Glimmerbox.conf");
         return std::regex_search(conf, m, std::regex("screenCastRestoreToken=(.*)")) ? m[1].str()
                                                                                      : "";
     }

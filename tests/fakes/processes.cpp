@@ -29,8 +29,7 @@ std::string readText(const std::string& path) {
     return ss.str();
 }
 
-Process::Process(std::vector<std::string> argv, const std::map<std::string, std::string>& env,
-                 int keepFd) {
+Process::Process(std::vector<std::string> argv, const std::map<std::string, std::string>& env) {
     // Everything the child needs is made before the fork: after it, only async-signal-safe calls.
     std::vector<std::string> environment;
     for (char** e = environ; *e != nullptr; ++e) {
@@ -54,7 +53,6 @@ Process::Process(std::vector<std::string> argv, const std::map<std::string, std:
         if (getppid() != parent) _exit(127);
         setpgid(0, 0);
         dup2(in, 0), dup2(out, 1), dup2(err, 2);
-        if (keepFd >= 0) fcntl(keepFd, F_SETFD, 0);
         execvpe(args[0], args.data(), envp.data());
         _exit(127);
     }

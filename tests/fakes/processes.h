@@ -28,10 +28,8 @@ std::string readText(const std::string& path);  // empty when unreadable
 class Process {
 public:
     // Runs argv (PATH is searched) with this process's environment changed by `env` (an empty
-    // value removes the variable); `keepFd` stays open in the child. Standard output and error
-    // go to files (see stdoutText()).
-    Process(std::vector<std::string> argv, const std::map<std::string, std::string>& env = {},
-            int keepFd = -1);
+    // value removes the variable). Standard output and error go to files (see stdoutText()).
+    Process(std::vector<std::string> argv, const std::map<std::string, std::string>& env = {});
     ~Process();
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
