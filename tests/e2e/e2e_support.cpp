@@ -210,6 +210,11 @@ std::optional<MediaInfo> probe(const std::string& file) {
     return info;
 }
 
+double durationOf(const std::string& file) {
+    const auto info = probe(file);
+    return info ? info->durationSeconds : -1;
+}
+
 int countVideoFrames(const std::string& file) {
     return static_cast<int>(probeNumber(file, "v:0", "nb_read_frames", "-count_frames"));
 }

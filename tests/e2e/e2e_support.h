@@ -55,6 +55,8 @@ struct MediaInfo {
     [[nodiscard]] const StreamInfo* stream(const std::string& codecType) const;
 };
 std::optional<MediaInfo> probe(const std::string& file);
+// The file's length in seconds; -1 when ffprobe cannot read it.
+double durationOf(const std::string& file);
 // A number ffprobe gives for a stream ("v:0") and entry ("duration"), counting first with `count`
 // ("-count_packets") when asked; -1 when it fails.
 double probeNumber(const std::string& file, const std::string& stream, const std::string& entry,
