@@ -239,6 +239,14 @@ std::optional<AudioLevels> audioLevels(const std::string& file, double from, dou
     return AudioLevels{std::atof(log.c_str() + mean + 13), std::atof(log.c_str() + max + 12)};
 }
 
+std::vector<std::string> screencastToggleKeys() {
+    std::vector<std::string> keys{"key ctrl+shift+p"};
+    for (const char c : std::string("Toggle Screencast Mode"))
+        keys.push_back(c == ' ' ? "key space" : std::string("key ") + c);
+    keys.push_back("key Return");
+    return keys;
+}
+
 bool busOwns(const std::map<std::string, std::string>& env, const std::string& name) {
     return runCommand({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus",
                        "/", "org.freedesktop.DBus.GetNameOwner", "string:" + name},

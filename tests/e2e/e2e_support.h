@@ -74,6 +74,9 @@ struct AudioLevels {
 };
 std::optional<AudioLevels> audioLevels(const std::string& file, double from = 0, double to = -1);
 
+// The key lines fake_editor logs for the screencast toggle: the command palette, the command's
+// text and Return.
+std::vector<std::string> screencastToggleKeys();
 // Whether `name` has an owner on the session bus of `env`.
 bool busOwns(const std::map<std::string, std::string>& env, const std::string& name);
 std::string binaryPath();    // the glimmerbox program under test

@@ -255,17 +255,6 @@ private:
     std::optional<Process> process_;
 };
 
-// The key lines fake_editor logs for the screencast toggle: the command palette, the command's
-// text and Return.
-std::vector<std::string> screencastToggleKeys() {
-    std::vector<std::string> keys{"key ctrl+shift+p"};
-    for (const char c : std::string("Toggle Screencast Mode")) {
-        keys.push_back(c == ' ' ? "key space" : std::string("key ") + c);
-    }
-    keys.push_back("key Return");
-    return keys;
-}
-
 #define ASSERT_DESKTOP(desktop)                                                                 \
     ASSERT_TRUE((desktop).ok()) << "the test's desktop session (Xvfb, openbox, trayer, dunst, " \
                                    "D-Bus, PulseAudio) did not start"
