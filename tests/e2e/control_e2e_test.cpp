@@ -4,12 +4,8 @@
 // when no tray host is there, and a second launch that does not activate the first.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <thread>
 
 #include "e2e/e2e_support.h"

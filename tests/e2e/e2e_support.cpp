@@ -1,10 +1,7 @@
 #include "e2e/e2e_support.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -15,10 +12,8 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <memory>
 #include <regex>
 #include <sstream>
-#include <thread>
 
 namespace gb::e2e {
 namespace fs = std::filesystem;
@@ -348,6 +343,5 @@ std::string Desktop::recordingsFolder() const {
 std::optional<std::string> Desktop::run(const std::vector<std::string>& argv) const {
     return runCommand(argv, env(), 20s);
 }
-
 
 }  // namespace gb::e2e

@@ -3,9 +3,6 @@
 // queries. Every test starts what it needs and everything is stopped when the objects go.
 #pragma once
 
-#include <sys/types.h>
-
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>

@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -98,7 +97,6 @@ std::vector<std::string> selectSourcesCalls(const std::string& log) {
     }
     return calls;
 }
-
 
 TEST(PortalE2ETest, RecordsTheGrantedMonitorAndPassesOnTheLatestRestoreToken) {
     PortalDesktop desktop({"--size", "640x400"});

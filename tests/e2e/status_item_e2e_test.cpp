@@ -6,8 +6,6 @@
 // choices that do not start and stop a recording.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <sstream>
 #include <thread>
 
 #include "e2e/e2e_support.h"

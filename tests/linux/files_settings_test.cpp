@@ -1,9 +1,7 @@
 // Guards against: a damaged or unwritable settings file that loses settings silently or stops the program, and file-name stamps in the wrong time zone.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <string>
