@@ -4,12 +4,8 @@
 // when no tray host is there, and a second launch that does not activate the first.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <thread>
 
 #include "e2e/e2e_support.h"
@@ -21,12 +17,6 @@ using namespace std::chrono_literals;
 
 constexpr const char* kAppId = "io.github.glimmerbox.Glimmerbox";
 
-struct CommandRun {
-    std::optional<int> code;
-    std::string out;
-    std::string err;
-};
-
 // The shared desktop session, whose bus can start the program. No tray host.
 class ControlSession : public Desktop {
 public:
@@ -35,27 +25,17 @@ public:
     }
 
     [[nodiscard]] bool ok() const { return ok_; }
-    std::optional<std::string> tool(const std::vector<std::string>& argv) const {
-        return run(argv);
-    }
     // `glimmerbox <args>` to completion.
-    CommandRun glimmerbox(const std::vector<std::string>& args) const {
-        std::vector<std::string> argv{binaryPath()};
-        argv.insert(argv.end(), args.begin(), args.end());
-        Process p(argv, env());
-        return {p.wait(150s), p.stdoutText(), p.stderrText()};
+    Run glimmerbox(std::vector<std::string> args) const {
+        args.insert(args.begin(), binaryPath());
+        return runToEnd(args, env(), 150s);
     }
     // Calls ActivateAction on the running program, as a launcher does.
     bool activateAction(const std::string& action) const {
-        return tool({"gdbus", "call", "--session", "--dest", kAppId, "--object-path",
-                     "/io/github/glimmerbox/Glimmerbox", "--method",
-                     "org.freedesktop.Application.ActivateAction", action, "[]", "{}"})
+        return run({"gdbus", "call", "--session", "--dest", kAppId, "--object-path",
+                    "/io/github/glimmerbox/Glimmerbox", "--method",
+                    "org.freedesktop.Application.ActivateAction", action, "[]", "{}"})
             .has_value();
-    }
-    // Whether a notification with this summary and a body that begins so went over the bus.
-    [[nodiscard]] bool notified(const std::string& summary, const std::string& body) const {
-        return notifyLog().find("string \"" + summary + "\"\n   string \"" + body) !=
-               std::string::npos;
     }
     [[nodiscard]] std::string activatedLog() const { return home() + "/activated.log"; }
     [[nodiscard]] std::string configDir() const { return home() + "/.config/Glimmerbox"; }
@@ -77,28 +57,28 @@ TEST(ControlE2ETest, WithoutATrayTheCommandsRecordAndTellTheState) {
     // Said once, on standard output and as a notification, when no tray host has shown up.
     ASSERT_TRUE(app.waitForOutput("Glimmerbox: Glimmerbox is running without a tray icon.", 20s))
         << app.stdoutText() << app.stderrText();
-    ASSERT_TRUE(waitUntil([&] { return session.busOwns(kAppId); }, 10s));
+    ASSERT_TRUE(eventually([&] { return busOwns(session.env(), kAppId); }, 10s));
     EXPECT_EQ(session.glimmerbox({"status"}).out, "idle\n");
-    EXPECT_EQ(session.glimmerbox({"stop"}).code, 1);
+    EXPECT_EQ(session.glimmerbox({"stop"}).exitCode, 1);
 
-    const CommandRun started = session.glimmerbox({"toggle"});
-    EXPECT_EQ(started.code, 0) << started.err << app.stdoutText();
+    const auto started = session.glimmerbox({"toggle"});
+    EXPECT_EQ(started.exitCode, 0) << started.err << app.stdoutText();
     EXPECT_EQ(started.out, "recording\n");
     const auto recordingSince = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(3s);
     EXPECT_EQ(session.glimmerbox({"status"}).out, "recording\n");
-    EXPECT_EQ(session.glimmerbox({"start"}).code, 1);
+    EXPECT_EQ(session.glimmerbox({"start"}).exitCode, 1);
     const std::chrono::duration<double> recorded =
         std::chrono::steady_clock::now() - recordingSince;
-    const CommandRun stopped = session.glimmerbox({"toggle"});
-    EXPECT_EQ(stopped.code, 0) << stopped.err << app.stdoutText();
+    const auto stopped = session.glimmerbox({"toggle"});
+    EXPECT_EQ(stopped.exitCode, 0) << stopped.err << app.stdoutText();
 
     const std::string movie = session.savedFile(stopped.out);
     ASSERT_FALSE(movie.empty()) << stopped.out;
     expectValidMovie(movie, {.seconds = recorded.count()});
     EXPECT_EQ(session.glimmerbox({"status"}).out, stopped.out);
 
-    EXPECT_TRUE(waitUntil(
+    EXPECT_TRUE(eventually(
         [&] {
             return session.notified(
                 "Recording Saved",
@@ -113,7 +93,7 @@ TEST(ControlE2ETest, WithoutATrayTheCommandsRecordAndTellTheState) {
     EXPECT_EQ(log.find("without a tray icon"), log.rfind("without a tray icon"));
 
     // A second launch activates the first and leaves.
-    EXPECT_EQ(session.glimmerbox({}).code, 0);
+    EXPECT_EQ(session.glimmerbox({}).exitCode, 0);
     EXPECT_TRUE(app.waitForOutput("Glimmerbox: activated", 10s));
     EXPECT_TRUE(app.running());
 }
@@ -127,36 +107,33 @@ TEST(ControlE2ETest, LauncherActionsRunTheMenuFlowsWithEditorAutomation) {
     TempDir scratch;
     const std::string keyLog = scratch.path() + "/editor.log";
     Process editor({toolPath("fake_editor"), "--class", "Code", "--log", keyLog}, session.env());
-    ASSERT_TRUE(waitUntil(
+    ASSERT_TRUE(eventually(
         [&] {
-            return session.tool({"xdotool", "search", "--onlyvisible", "--class", "^Code$"})
+            return session.run({"xdotool", "search", "--onlyvisible", "--class", "^Code$"})
                 .has_value();
         },
         10s));
     Process app({binaryPath()}, session.env());
-    ASSERT_TRUE(waitUntil([&] { return session.busOwns(kAppId); }, 20s)) << app.stdoutText();
+    ASSERT_TRUE(eventually([&] { return busOwns(session.env(), kAppId); }, 20s))
+        << app.stdoutText();
 
-    const auto keys = [&] { return readText(keyLog); };
-    const auto keyCount = [&] {
-        const std::string k = keys();
-        return std::count(k.begin(), k.end(), '\n');
-    };
-    // The screencast toggle: the command palette, the command's 22 keys, Return.
+    const auto keys = [&] { return linesOf(readText(keyLog)); };
+    const auto toggle = screencastToggleKeys();
     ASSERT_TRUE(session.activateAction("start-recording"));
     ASSERT_TRUE(app.waitForOutput("Recording start completed. Current state: true", 30s))
         << app.stdoutText();
-    ASSERT_TRUE(waitUntil([&] { return keyCount() >= 24; }, 15s)) << app.stdoutText();
-    EXPECT_TRUE(keys().starts_with("key ctrl+shift+p\nkey T\n")) << keys();
-    EXPECT_TRUE(keys().ends_with("key e\nkey Return\n")) << keys();
+    ASSERT_TRUE(eventually([&] { return keys().size() >= toggle.size(); }, 15s))
+        << app.stdoutText();
+    EXPECT_EQ(keys(), toggle);
 
     ASSERT_TRUE(session.activateAction("stop-recording"));
     ASSERT_TRUE(app.waitForOutput("🔧 VS Code automation: Disabled screencast mode", 20s));
     std::string status;
-    ASSERT_TRUE(waitUntil(
+    ASSERT_TRUE(eventually(
         [&] { return !session.savedFile(status = session.glimmerbox({"status"}).out).empty(); },
         30s))
         << status;
-    EXPECT_EQ(keyCount(), 48);
+    EXPECT_EQ(keys().size(), 2 * toggle.size());
     expectValidMovie(session.savedFile(status), {.seconds = 1.0});
     EXPECT_FALSE(session.activateAction("no-such-action"));
 }
@@ -165,19 +142,19 @@ TEST(ControlE2ETest, StartLaunchesTheProgramThroughTheBus) {
     ControlSession session;
     ASSERT_TRUE(session.ok()) << "Xvfb, D-Bus, PulseAudio or dunst did not start";
     // Neither status nor stop starts the program.
-    const CommandRun status = session.glimmerbox({"status"});
-    EXPECT_EQ(status.code, 3);
+    const auto status = session.glimmerbox({"status"});
+    EXPECT_EQ(status.exitCode, 3);
     EXPECT_EQ(status.out, "not running\n");
-    EXPECT_EQ(session.glimmerbox({"stop"}).code, 3);
+    EXPECT_EQ(session.glimmerbox({"stop"}).exitCode, 3);
 
-    const CommandRun started = session.glimmerbox({"start"});
-    ASSERT_EQ(started.code, 0) << started.err << readText(session.activatedLog());
+    const auto started = session.glimmerbox({"start"});
+    ASSERT_EQ(started.exitCode, 0) << started.err << readText(session.activatedLog());
     EXPECT_EQ(started.out, "recording\n");
     EXPECT_NE(readText(session.activatedLog()).find("Start recording button pressed"),
               std::string::npos);
     std::this_thread::sleep_for(2s);
-    const CommandRun stopped = session.glimmerbox({"stop"});
-    ASSERT_EQ(stopped.code, 0) << stopped.err;
+    const auto stopped = session.glimmerbox({"stop"});
+    ASSERT_EQ(stopped.exitCode, 0) << stopped.err;
     expectValidMovie(session.savedFile(stopped.out), {.seconds = 2.0});
 }
 

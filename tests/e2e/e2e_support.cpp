@@ -1,10 +1,7 @@
 #include "e2e/e2e_support.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -14,21 +11,13 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <memory>
+#include <iostream>
 #include <regex>
 #include <sstream>
-#include <thread>
 
 namespace gb::e2e {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-std::string readText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 std::vector<std::string> linesOf(const std::string& text) {
     std::vector<std::string> lines;
@@ -105,14 +94,15 @@ void expectValidMovie(const std::string& file, const MovieCheck& check) {
     EXPECT_GT(pps, 0) << "no picture parameter set traced";
 }
 
-namespace {
-double streamStart(const std::string& file, const std::string& stream) {
-    auto out = runCommand({"ffprobe", "-v", "error", "-select_streams", stream, "-show_entries",
-                           "stream=start_time", "-of", "default=nokey=1:noprint_wrappers=1", file});
-    return out ? std::atof(out->c_str()) : 0.0;
+double probeNumber(const std::string& file, const std::string& stream, const std::string& entry,
+                   const std::string& count) {
+    std::vector<std::string> argv{"ffprobe", "-v", "error", "-select_streams", stream};
+    if (!count.empty()) argv.push_back(count);
+    argv.insert(argv.end(), {"-show_entries", "stream=" + entry, "-of",
+                             "default=nokey=1:noprint_wrappers=1", file});
+    const auto out = runCommand(argv);
+    return out ? std::atof(out->c_str()) : -1;
 }
-
-}  // namespace
 
 Onsets findOnsets(const std::string& file) {
     Onsets o;
@@ -123,7 +113,7 @@ Onsets findOnsets(const std::string& file) {
                 "44100", "-f", "s16le", pcm},
                {}, 600s);
     const std::string bytes = readText(pcm);
-    const double a0 = streamStart(file, "a:0");
+    const double a0 = probeNumber(file, "a:0", "start_time");
     long quiet = 0;
     for (size_t i = 0; i + 1 < bytes.size(); i += 2) {
         int16_t v;
@@ -157,143 +147,33 @@ Onsets findOnsets(const std::string& file) {
     return o;
 }
 
-double flashOffset(const Onsets& o, double t) {
-    double d = 1e9;
-    for (double v : o.video) d = std::abs(v - t) < std::abs(d) ? v - t : d;
-    return d;
-}
-
-std::map<std::string, std::string> sessionEnv(const std::string& home) {
-    return {{"HOME", home},
-            {"XDG_CONFIG_HOME", home + "/.config"},
-            {"XDG_DOCUMENTS_DIR", ""},
-            {"XDG_SESSION_TYPE", "x11"},
-            {"WAYLAND_DISPLAY", ""},
-            {"QT_QPA_PLATFORM", ""}};
-}
-
-Process::Process(std::vector<std::string> argv, std::map<std::string, std::string> env) {
-    out_ = dir_.path() + "/stdout";
-    err_ = dir_.path() + "/stderr";
-    pid_ = fork();
-    if (pid_ == 0) {
-        setpgid(0, 0);
-        for (auto& [k, v] : env) {
-            if (v.empty()) {
-                unsetenv(k.c_str());
-            } else {
-                setenv(k.c_str(), v.c_str(), 1);
-            }
-        }
-        int o = open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        int e = open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        int n = open("/dev/null", O_RDONLY);
-        dup2(n, 0);
-        dup2(o, 1);
-        dup2(e, 2);
-        std::vector<char*> args;
-        for (auto& a : argv) args.push_back(a.data());
-        args.push_back(nullptr);
-        execvp(args[0], args.data());
-        _exit(127);
+int expectInSync(const Onsets& o, const std::function<bool(double)>& which) {
+    int checked = 0;
+    for (double t : o.audio) {
+        if (!which(t)) continue;
+        double d = 1e9;
+        for (double v : o.video) d = std::abs(v - t) < std::abs(d) ? v - t : d;
+        std::cout << "beep at " << t << " s: flash " << d * 1000 << " ms from it\n";
+        EXPECT_LE(std::abs(d), 1.0 / 30 + 0.005)
+            << "beep at " << t << " s, flash " << d << " s off";
+        ++checked;
     }
+    return checked;
 }
 
-Process::~Process() {
-    if (pid_ > 0 && !exitCode_) {
-        kill(-pid_, SIGKILL);
-        kill(pid_, SIGKILL);
-        int status = 0;
-        waitpid(pid_, &status, 0);
-    }
-}
-
-std::optional<int> Process::wait(std::chrono::milliseconds timeout) {
-    if (exitCode_) return exitCode_;
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        int status = 0;
-        pid_t r = waitpid(pid_, &status, WNOHANG);
-        if (r == pid_) {
-            exitCode_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            return exitCode_;
-        }
-        if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
-        std::this_thread::sleep_for(20ms);
-    }
-}
-
-bool Process::running() { return !wait(0ms).has_value(); }
-
-void Process::signal(int sig) {
-    if (pid_ > 0 && !exitCode_) kill(pid_, sig);
-}
-
-std::string Process::stdoutText() const { return readText(out_); }
-std::string Process::stderrText() const { return readText(err_); }
-
-bool Process::waitForOutput(const std::string& text, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (stdoutText().find(text) != std::string::npos) return true;
-        if (!running()) return stdoutText().find(text) != std::string::npos;
-        std::this_thread::sleep_for(20ms);
-    }
-    return false;
-}
-
-Run runToEnd(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
-             std::chrono::milliseconds timeout) {
-    Process p(argv, env);
-    const auto code = p.wait(timeout);
-    return {code, p.stdoutText(), p.stderrText()};
-}
-
-std::optional<std::string> runCommand(const std::vector<std::string>& argv,
-                                      const std::map<std::string, std::string>& env,
-                                      std::chrono::milliseconds timeout) {
-    Process p(argv, env);
-    auto code = p.wait(timeout);
-    if (!code || *code != 0) return std::nullopt;
-    return p.stdoutText();
-}
-
-VirtualMicrophone::VirtualMicrophone() {
-    const std::string d = dir_.path();
-    fs::create_directories(d + "/runtime");
-    chmod((d + "/runtime").c_str(), 0700);
-    daemon_.emplace(std::vector<std::string>{
-                        "pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1",
-                        "--disallow-exit", "--use-pid-file=no", "--disable-shm=yes",
-                        "-L", "module-native-protocol-unix socket=" + d + "/native auth-anonymous=1",
-                        "-L", "module-null-sink sink_name=e2e rate=44100 channels=2",
-                        "-L", "module-always-sink"},
-                    std::map<std::string, std::string>{{"HOME", d},
-                                                       {"XDG_RUNTIME_DIR", d + "/runtime"},
-                                                       {"XDG_CONFIG_HOME", d + "/config"}});
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (runCommand({"pactl", "info"}, env(), 2s)) {
-            ok_ = runCommand({"pactl", "set-default-source", "e2e.monitor"}, env()).has_value() &&
-                  runCommand({"pactl", "set-default-sink", "e2e"}, env()).has_value();
-            return;
-        }
-        std::this_thread::sleep_for(50ms);
-    }
-}
-
-VirtualMicrophone::~VirtualMicrophone() = default;
-
-std::map<std::string, std::string> VirtualMicrophone::env() const {
-    return {{"PULSE_SERVER", server()}};
-}
-
-std::unique_ptr<Process> VirtualMicrophone::playTone(double seconds, int frequencyHz) const {
-    const std::string cmd = "sox -q -n -t raw -r 44100 -e signed -b 16 -c 2 - synth " +
-                            std::to_string(seconds) + " sine " + std::to_string(frequencyHz) +
-                            " vol 0.5 | pacat --raw --rate=44100 --channels=2 --format=s16le "
-                            "--device=e2e --latency-msec=20";
-    return std::make_unique<Process>(std::vector<std::string>{"sh", "-c", cmd}, env());
+std::map<std::string, std::string> sessionEnv(const std::string& home,
+                                              const VirtualDisplay* display,
+                                              const VirtualMicrophone* mic) {
+    std::map<std::string, std::string> env{{"HOME", home},
+                                           {"XDG_CONFIG_HOME", home + "/.config"},
+                                           {"XDG_DOCUMENTS_DIR", ""},
+                                           {"XDG_SESSION_TYPE", "x11"},
+                                           {"WAYLAND_DISPLAY", ""},
+                                           {"QT_QPA_PLATFORM", ""},
+                                           {"GLIMMERBOX_TEST_CAMERA", ""}};
+    if (display) env["DISPLAY"] = display->name();
+    if (mic) env["PULSE_SERVER"] = mic->server();
+    return env;
 }
 
 const StreamInfo* MediaInfo::stream(const std::string& codecType) const {
@@ -304,84 +184,75 @@ const StreamInfo* MediaInfo::stream(const std::string& codecType) const {
 }
 
 std::optional<MediaInfo> probe(const std::string& file) {
-    auto out = runCommand({"ffprobe", "-v", "error", "-show_format", "-show_streams", "-of",
-                           "default=noprint_wrappers=0", file});
+    const auto out = runCommand(
+        {"ffprobe", "-v", "error", "-show_format", "-show_streams", "-of", "flat", file});
     if (!out) return std::nullopt;
     MediaInfo info;
-    std::istringstream in(*out);
-    std::string line;
-    enum { none, stream, format } section = none;
-    while (std::getline(in, line)) {
-        if (line == "[STREAM]") {
-            section = stream;
-            info.streams.emplace_back();
-        } else if (line == "[FORMAT]") {
-            section = format;
-        } else if (line.rfind("[/", 0) == 0) {
-            section = none;
-        } else if (auto eq = line.find('='); eq != std::string::npos) {
-            const std::string key = line.substr(0, eq), value = line.substr(eq + 1);
-            if (section == stream) {
-                info.streams.back().fields[key] = value;
-            } else if (section == format) {
-                if (key == "format_name") info.formatName = value;
-                if (key == "duration") info.durationSeconds = std::atof(value.c_str());
-            }
+    // streams.stream.0.codec_name="h264", format.duration="5.000000"; nested fields are left out.
+    const std::regex field(R"re((?:streams\.stream\.(\d+)|format)\.(\w+)="?([^"]*)"?)re");
+    std::smatch m;
+    for (const std::string& line : linesOf(*out)) {
+        if (!std::regex_match(line, m, field)) continue;
+        if (m[1].matched) {
+            const size_t index = std::stoul(m[1].str());
+            info.streams.resize(std::max(info.streams.size(), index + 1));
+            info.streams[index].fields[m[2].str()] = m[3].str();
         }
+        if (!m[1].matched && m[2] == "format_name") info.formatName = m[3].str();
+        if (!m[1].matched && m[2] == "duration")
+            info.durationSeconds = std::atof(m[3].str().c_str());
     }
     return info;
 }
 
+double durationOf(const std::string& file) {
+    const auto info = probe(file);
+    return info ? info->durationSeconds : -1;
+}
+
 int countVideoFrames(const std::string& file) {
-    auto out = runCommand({"ffprobe", "-v", "error", "-select_streams", "v:0", "-count_frames",
-                           "-show_entries", "stream=nb_read_frames", "-of",
-                           "default=nokey=1:noprint_wrappers=1", file});
-    return out ? std::atoi(out->c_str()) : -1;
+    return static_cast<int>(probeNumber(file, "v:0", "nb_read_frames", "-count_frames"));
 }
 
 std::optional<std::vector<uint8_t>> decodeFrameRGB(const std::string& file, double atSeconds,
                                                    int width, int height) {
-    TempDir tmp;
-    const std::string raw = tmp.path() + "/frame.rgb";
-    if (!runCommand({"ffmpeg", "-v", "error", "-y", "-ss", std::to_string(atSeconds), "-i", file,
-                     "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "rgb24", raw})) {
-        return std::nullopt;
-    }
-    std::string bytes = readText(raw);
-    if (bytes.size() != static_cast<size_t>(width) * height * 3) return std::nullopt;
-    return std::vector<uint8_t>(bytes.begin(), bytes.end());
+    const auto bytes =
+        runCommand({"ffmpeg", "-v", "error", "-ss", std::to_string(atSeconds), "-i", file,
+                    "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"});
+    if (!bytes || bytes->size() != static_cast<size_t>(width) * height * 3) return std::nullopt;
+    return std::vector<uint8_t>(bytes->begin(), bytes->end());
 }
 
-std::optional<AudioLevels> audioLevels(const std::string& file) {
-    Process p({"ffmpeg", "-v", "info", "-i", file, "-map", "0:a:0", "-af", "volumedetect", "-f",
-               "null", "-"});
-    if (p.wait(120s) != 0) return std::nullopt;
+std::optional<AudioLevels> audioLevels(const std::string& file, double from, double to) {
+    Process p({"ffmpeg", "-v", "info", "-ss", std::to_string(from), "-to",
+               std::to_string(to < 0 ? 1e6 : to), "-i", file, "-map", "0:a:0", "-af",
+               "volumedetect", "-f", "null", "-"});
+    const bool ran = p.wait(120s) == 0;
     const std::string log = p.stderrText();
-    AudioLevels levels;
-    auto grab = [&](const std::string& key, double& into) {
-        auto at = log.find(key);
-        if (at == std::string::npos) return false;
-        into = std::atof(log.c_str() + at + key.size());
-        return true;
-    };
-    if (!grab("mean_volume: ", levels.meanDb) || !grab("max_volume: ", levels.maxDb)) {
-        return std::nullopt;
-    }
-    return levels;
+    const auto mean = log.find("mean_volume: "), max = log.find("max_volume: ");
+    if (!ran || mean == std::string::npos || max == std::string::npos) return std::nullopt;
+    return AudioLevels{std::atof(log.c_str() + mean + 13), std::atof(log.c_str() + max + 12)};
+}
+
+std::vector<std::string> screencastToggleKeys() {
+    std::vector<std::string> keys{"key ctrl+shift+p"};
+    for (const char c : std::string("Toggle Screencast Mode"))
+        keys.push_back(c == ' ' ? "key space" : std::string("key ") + c);
+    keys.push_back("key Return");
+    return keys;
+}
+
+bool busOwns(const std::map<std::string, std::string>& env, const std::string& name) {
+    return runCommand({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus",
+                       "/", "org.freedesktop.DBus.GetNameOwner", "string:" + name},
+                      env, 5s)
+        .has_value();
 }
 
 std::string binaryPath() { return GLIMMERBOX_BINARY; }
 std::string toolPath(const std::string& name) {
     return std::string(GLIMMERBOX_BUILD_DIR) + "/" + name;
 }
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    for (const auto end = std::chrono::steady_clock::now() + timeout; !condition();) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(50ms);
-    }
-    return true;
-}
-
 SessionBus::SessionBus() {
     const std::string d = dir_.path();
     fs::create_directories(d + "/services");
@@ -426,35 +297,6 @@ bool SessionBus::installService(const std::string& name, const std::vector<std::
     return service.good();
 }
 
-std::optional<AudioLevels> audioLevelsBetween(const std::string& file, double fromSeconds,
-                                              double toSeconds) {
-    Process p({"ffmpeg", "-v", "info", "-ss", std::to_string(fromSeconds), "-to",
-               std::to_string(toSeconds), "-i", file, "-map", "0:a:0", "-af", "volumedetect", "-f",
-               "null", "-"});
-    if (p.wait(120s) != 0) return std::nullopt;
-    const std::string log = p.stderrText();
-    const auto mean = log.find("mean_volume: ");
-    const auto max = log.find("max_volume: ");
-    if (mean == std::string::npos || max == std::string::npos) return std::nullopt;
-    return AudioLevels{std::atof(log.c_str() + mean + 13), std::atof(log.c_str() + max + 12)};
-}
-
-}  // namespace gb::e2e
-
-namespace gb::e2e {
-pid_t childWithArgument(const std::string& text) {
-    for (const auto& entry : fs::directory_iterator("/proc")) {
-        const std::string name = entry.path().filename().string();
-        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-        std::istringstream stat(readText(entry.path() / "stat"));
-        std::string pid, comm, state;
-        pid_t parent = 0;
-        stat >> pid >> comm >> state >> parent;
-        std::string cmdline = readText(entry.path() / "cmdline");
-        if (parent == getpid() && cmdline.find(text) != std::string::npos) return std::stoi(name);
-    }
-    return -1;
-}
 Desktop::Desktop(bool microphone) {
     if (!display_.ok() || !bus_.ok()) return;
     if (microphone) {
@@ -470,7 +312,7 @@ Desktop::Desktop(bool microphone) {
                                               "member='Notify'"});
     // The notification server is up once it owns its name.
     ok_ = monitor_->waitForOutput("member=NameLost", 10s) &&
-          eventually([&] { return busOwns("org.freedesktop.Notifications"); }, 10s);
+          eventually([&] { return busOwns(env(), "org.freedesktop.Notifications"); }, 10s);
 }
 
 std::map<std::string, std::string> Desktop::env() const {
@@ -483,18 +325,23 @@ std::map<std::string, std::string> Desktop::env() const {
     return env;
 }
 
+std::vector<std::string> Desktop::notifications() const {
+    const std::string log = monitor_->stdoutText();
+    std::vector<std::string> calls;
+    for (size_t at = log.find("member=Notify"); at != std::string::npos;) {
+        const size_t next = log.find("member=Notify", at + 1);
+        calls.push_back(log.substr(at, next - at));
+        at = next;
+    }
+    return calls;
+}
+
 std::string Desktop::recordingsFolder() const {
     return home() + "/Documents/Glimmerbox Recordings";
 }
 
 std::optional<std::string> Desktop::run(const std::vector<std::string>& argv) const {
     return runCommand(argv, env(), 20s);
-}
-
-bool Desktop::busOwns(const std::string& name) const {
-    return run({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
-                "org.freedesktop.DBus.GetNameOwner", "string:" + name})
-        .has_value();
 }
 
 }  // namespace gb::e2e

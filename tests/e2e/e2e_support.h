@@ -3,9 +3,6 @@
 // queries. Every test starts what it needs and everything is stopped when the objects go.
 #pragma once
 
-#include <sys/types.h>
-
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -14,56 +11,19 @@
 #include <string>
 #include <vector>
 
-#include "fakes/test_environment.h"
+#include "fakes/processes.h"
 #include "fakes/xvfb_server.h"
 
 namespace gb::e2e {
 
-// A temporary folder removed at destruction.
 using TempDir = fakes::TempDirectory;
-
-// A child process; killed (SIGKILL) at destruction if still running.
-class Process {
-public:
-    // Runs argv with the current environment plus `env` (NAME=VALUE entries override; an empty
-    // value removes the variable).
-    // Standard output and error go to files (see stdoutText()).
-    Process(std::vector<std::string> argv, std::map<std::string, std::string> env = {});
-    ~Process();
-    Process(const Process&) = delete;
-    Process& operator=(const Process&) = delete;
-
-    [[nodiscard]] pid_t pid() const { return pid_; }
-    // Waits for exit; the exit code, or nothing on timeout. A signal death gives 128 + signal.
-    std::optional<int> wait(std::chrono::milliseconds timeout);
-    [[nodiscard]] bool running();
-    void signal(int sig);
-    [[nodiscard]] std::string stdoutText() const;
-    [[nodiscard]] std::string stderrText() const;
-    // Waits until standard output contains `text`.
-    bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout);
-
-private:
-    pid_t pid_ = -1;
-    std::optional<int> exitCode_;
-    TempDir dir_;
-    std::string out_;
-    std::string err_;
-};
-
-// A program run to completion (or to the timeout: no exit code) and what it printed.
-struct Run {
-    std::optional<int> exitCode;
-    std::string out;
-    std::string err;
-};
-Run runToEnd(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
-             std::chrono::milliseconds timeout);
-
-// Runs a command to completion; its standard output, or nothing when it failed.
-std::optional<std::string> runCommand(const std::vector<std::string>& argv,
-                                      const std::map<std::string, std::string>& env = {},
-                                      std::chrono::milliseconds timeout = std::chrono::seconds(60));
+using fakes::eventually;
+using fakes::Process;
+using fakes::readText;
+using fakes::Run;
+using fakes::runCommand;
+using fakes::runToEnd;
+using fakes::VirtualMicrophone;
 
 // Xvfb on a free display number.
 class VirtualDisplay {
@@ -75,24 +35,6 @@ public:
 
 private:
     std::unique_ptr<fakes::XvfbServer> server_;
-};
-
-// A private PulseAudio server whose default source is the monitor of a null sink.
-class VirtualMicrophone {
-public:
-    VirtualMicrophone();
-    ~VirtualMicrophone();
-    [[nodiscard]] bool ok() const { return ok_; }
-    [[nodiscard]] std::string server() const { return "unix:" + dir_.path() + "/native"; }
-    // Environment that points clients at this server.
-    [[nodiscard]] std::map<std::string, std::string> env() const;
-    // Plays a sine tone into the sink until the returned process ends (`seconds` long).
-    [[nodiscard]] std::unique_ptr<Process> playTone(double seconds, int frequencyHz = 440) const;
-
-private:
-    TempDir dir_;
-    std::optional<Process> daemon_;
-    bool ok_ = false;
 };
 
 // ffprobe: "key=value" fields of the streams and format of a file.
@@ -110,29 +52,33 @@ struct MediaInfo {
     [[nodiscard]] const StreamInfo* stream(const std::string& codecType) const;
 };
 std::optional<MediaInfo> probe(const std::string& file);
+// The file's length in seconds; -1 when ffprobe cannot read it.
+double durationOf(const std::string& file);
+// A number ffprobe gives for a stream ("v:0") and entry ("duration"), counting first with `count`
+// ("-count_packets") when asked; -1 when it fails.
+double probeNumber(const std::string& file, const std::string& stream, const std::string& entry,
+                   const std::string& count = "");
 // Number of decodable video frames (ffprobe -count_frames).
 int countVideoFrames(const std::string& file);
 // Decodes frame `index` of the video as raw RGB24 (width*height*3 bytes).
 std::optional<std::vector<uint8_t>> decodeFrameRGB(const std::string& file, double atSeconds,
                                                    int width, int height);
-// Peak and RMS level of the audio track in dBFS (ffmpeg's volumedetect).
+// Peak and RMS level of the audio track in dBFS (ffmpeg's volumedetect), from `from` seconds to
+// `to` (negative: the end).
 struct AudioLevels {
     double meanDb = -91;
     double maxDb = -91;
 };
-std::optional<AudioLevels> audioLevels(const std::string& file);
+std::optional<AudioLevels> audioLevels(const std::string& file, double from = 0, double to = -1);
 
+// The key lines fake_editor logs for the screencast toggle: the command palette, the command's
+// text and Return.
+std::vector<std::string> screencastToggleKeys();
+// Whether `name` has an owner on the session bus of `env`.
+bool busOwns(const std::map<std::string, std::string>& env, const std::string& name);
 std::string binaryPath();    // the glimmerbox program under test
 std::string toolPath(const std::string& name);  // a helper program from tests/tools
 
-// Checks `condition` every 50 ms until it holds (true) or `timeout` has passed (false).
-bool eventually(const std::function<bool()>& condition,
-                std::chrono::milliseconds timeout = std::chrono::seconds(30));
-inline bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    return eventually(condition, timeout);
-}
-
-std::string readText(const std::string& path);  // empty when unreadable
 std::vector<std::string> linesOf(const std::string& text);
 std::string lastLine(std::string text);
 size_t countOf(const std::string& text, const std::string& what);
@@ -159,11 +105,15 @@ struct Onsets {
     std::vector<double> video;
 };
 Onsets findOnsets(const std::string& file);
-// From the beep at `t` to the nearest flash, in seconds.
-double flashOffset(const Onsets& o, double t);
+// Expects each beep whose time `which` picks within a frame of its nearest flash; how many it
+// checked.
+int expectInSync(const Onsets& o, const std::function<bool(double)>& which);
 
-// The environment of programs in a session whose home is `home`, on X11.
-std::map<std::string, std::string> sessionEnv(const std::string& home);
+// The environment of programs in a session whose home is `home`, on X11 with no test camera, and
+// on `display` with `mic` when given.
+std::map<std::string, std::string> sessionEnv(const std::string& home,
+                                              const VirtualDisplay* display = nullptr,
+                                              const VirtualMicrophone* mic = nullptr);
 // A private D-Bus session bus that starts services from a folder of its own, as a desktop's bus
 // starts installed programs when their name is called. Started services die with it.
 class SessionBus {
@@ -183,10 +133,6 @@ private:
     std::string address_;
     bool ok_ = false;
 };
-// Levels of the audio between two times of the file (as audioLevels()).
-std::optional<AudioLevels> audioLevelsBetween(const std::string& file, double fromSeconds,
-                                              double toSeconds);
-
 // A desktop session of its own: Xvfb, a session bus that starts services, a PulseAudio null sink
 // as the microphone (or no sound server), and dunst for notifications, watched by dbus-monitor.
 class Desktop {
@@ -199,9 +145,13 @@ public:
     [[nodiscard]] SessionBus& bus() { return bus_; }
     // A program in this session to completion: its output, or nothing when it failed.
     std::optional<std::string> run(const std::vector<std::string>& argv) const;
-    [[nodiscard]] bool busOwns(const std::string& name) const;
-    // The Notify calls that went over the bus, as dbus-monitor printed them.
-    [[nodiscard]] std::string notifyLog() const { return monitor_->stdoutText(); }
+    // The Notify calls that went over the bus, one each as dbus-monitor printed it.
+    [[nodiscard]] std::vector<std::string> notifications() const;
+    // Whether a notification with this summary and a body that begins so went over the bus.
+    [[nodiscard]] bool notified(const std::string& summary, const std::string& body) const {
+        return monitor_->stdoutText().find("string \"" + summary + "\"\n   string \"" + body) !=
+               std::string::npos;
+    }
 
 private:
     VirtualDisplay display_{1280, 720};
@@ -213,10 +163,4 @@ private:
     bool ok_ = false;
 };
 
-}  // namespace gb::e2e
-
-namespace gb::e2e {
-// A child of this test process whose command line contains `text` (for instance a server's
-// private socket path), or -1.
-pid_t childWithArgument(const std::string& text);
 }  // namespace gb::e2e

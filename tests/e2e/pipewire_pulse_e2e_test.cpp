@@ -55,9 +55,7 @@ TEST(PipeWirePulseE2ETest, ARecordingHearsTheMicrophoneThroughPipeWirePulse) {
     Process record(
         {binaryPath(), "record", "--duration", "3", "--quality", "medium", "--no-camera"}, env);
     ASSERT_EQ(record.wait(60s), 0) << record.stdoutText() << record.stderrText();
-    std::string file = record.stdoutText();
-    file.pop_back();
-    file = file.substr(file.rfind('\n') + 1);
+    const std::string file = lastLine(record.stdoutText());
     const auto levels = audioLevels(file);
     ASSERT_TRUE(levels) << file;
     EXPECT_GT(levels->meanDb, -30.0) << "the microphone recorded silence";

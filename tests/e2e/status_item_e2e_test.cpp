@@ -6,15 +6,12 @@
 // choices that do not start and stop a recording.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <sstream>
 #include <thread>
 
 #include "e2e/e2e_support.h"
 
 namespace gb::e2e {
 namespace {
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 // The idle menu as the host reads it: depth|type|enabled|visible|toggle-type|toggle-state|label.
@@ -48,21 +45,10 @@ const std::vector<std::string> kIdleMenu{
 };
 
 TEST(StatusItemE2ETest, TheMenuOverDBusMenuShowsTheStateAndRecords) {
-    VirtualDisplay display(1280, 720);
-    VirtualMicrophone mic;
-    ASSERT_TRUE(display.ok() && mic.ok());
-    TempDir home;
-    Process bus({"dbus-daemon", "--session", "--nofork", "--print-address=1"});
-    ASSERT_TRUE(bus.waitForOutput("\n", 10s));
-    auto env = mic.env();
-    env.insert({{"DISPLAY", display.name()},
-                {"DBUS_SESSION_BUS_ADDRESS", linesOf(bus.stdoutText()).front()},
-                {"HOME", home.path()},
-                {"XDG_RUNTIME_DIR", home.path()},  // mkdtemp made it 0700
-                {"XDG_SESSION_TYPE", "x11"},
-                {"WAYLAND_DISPLAY", ""},
-                {"QT_QPA_PLATFORM", "xcb"},
-                {"GLIMMERBOX_DEBUG_UI", "1"}});
+    Desktop desktop;
+    ASSERT_TRUE(desktop.ok()) << "Xvfb, D-Bus, PulseAudio or dunst did not start";
+    auto env = desktop.env();
+    env["GLIMMERBOX_DEBUG_UI"] = "1";
     const auto host = [&](std::vector<std::string> args) {
         args.insert(args.begin(), toolPath("test_status_watcher"));
         return runCommand(args, env, 20s);
@@ -82,11 +68,11 @@ TEST(StatusItemE2ETest, TheMenuOverDBusMenuShowsTheStateAndRecords) {
     // A left click opens the menu at the pointer; Escape closes it again.
     ASSERT_TRUE(host({"activate", "20", "20"}));
     EXPECT_TRUE(app.waitForOutput("[menu] shown \"\"", 10s)) << app.stdoutText();
-    runCommand({"xdotool", "key", "Escape"}, env);
+    desktop.run({"xdotool", "key", "Escape"});
     ASSERT_TRUE(app.waitForOutput("[menu] hidden \"\"", 10s)) << app.stdoutText();
 
     // Hosts refetch a rebuilt menu when it sends LayoutUpdated.
-    Process monitor({"dbus-monitor", "--address", env["DBUS_SESSION_BUS_ADDRESS"],
+    Process monitor({"dbus-monitor", "--address", desktop.bus().address(),
                      "type='signal',interface='com.canonical.dbusmenu',member='LayoutUpdated'"});
     ASSERT_TRUE(monitor.waitForOutput("member=NameLost", 10s));
     ASSERT_TRUE(host({"click", "⏺ Start Recording"}));
@@ -105,15 +91,9 @@ TEST(StatusItemE2ETest, TheMenuOverDBusMenuShowsTheStateAndRecords) {
     std::this_thread::sleep_for(2s);
     ASSERT_TRUE(host({"click", "⏹ Stop Recording"}));
     ASSERT_TRUE(app.waitForOutput("Recording completed successfully", 30s)) << app.stdoutText();
-    const fs::path folder = home.path() + "/Documents/Glimmerbox Recordings";
-    std::vector<fs::path> movies;
-    for (const auto& e : fs::directory_iterator(folder)) movies.push_back(e.path());
+    const auto movies = moviesIn(desktop.recordingsFolder());
     ASSERT_EQ(movies.size(), 1U);
-    const auto info = probe(movies.front().string());
-    ASSERT_TRUE(info && info->stream("video") && info->stream("audio"));
-    EXPECT_EQ(info->stream("video")->get("codec_name"), "h264");
-    EXPECT_EQ(info->stream("audio")->get("codec_name"), "aac");
-    EXPECT_GT(info->durationSeconds, 1.5);
+    expectValidMovie(movies[0], {.seconds = 2.5, .tolerance = 1.0});
 }
 
 }  // namespace

@@ -1,14 +1,9 @@
 // Guards against: the tray program on the real binary in a desktop session of its own (Xvfb, openbox, trayer, dunst, D-Bus, PulseAudio, driven with xdotool) recording, notifying, alerting on a failed start, automating the editor, keeping the chosen folder across a restart, refusing a second launch and waiting for a tray host. Its log (GLIMMERBOX_DEBUG_UI) tells the menus and where their entries are; screenshots go to <build>/artifacts.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
-#include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <functional>
 #include <regex>
-#include <sstream>
 #include <thread>
 
 #include "e2e/e2e_support.h"
@@ -17,6 +12,9 @@ namespace gb::e2e {
 namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 struct Point {
     int x = 0;
@@ -33,52 +31,6 @@ struct LoggedEntry {
     }
 };
 
-// The notifications that went over the bus, as dbus-monitor printed the Notify calls.
-struct Notification {
-    std::string appName;
-    std::string summary;
-    std::string body;
-    std::string soundName;
-    int timeout = 0;
-};
-
-std::vector<Notification> parseNotifications(const std::string& monitorOutput) {
-    std::vector<Notification> found;
-    std::optional<Notification> current;
-    std::vector<std::string> strings;
-    std::string lastKey;
-    const std::regex stringLine(R"re(^\s+(?:variant\s+)?string "(.*)"$)re");
-    const std::regex int32Line(R"(^\s+int32 (-?\d+)$)");
-    auto flush = [&] {
-        if (current && strings.size() >= 4) {
-            current->appName = strings[0];
-            current->summary = strings[2];
-            current->body = strings[3];
-            found.push_back(*current);
-        }
-        current.reset();
-        strings.clear();
-    };
-    for (const std::string& line : linesOf(monitorOutput)) {
-        std::smatch m;
-        if (line.starts_with("method call") || line.starts_with("signal") ||
-            line.starts_with("method return")) {
-            flush();
-            if (line.find("member=Notify") != std::string::npos) current.emplace();
-        } else if (current && std::regex_match(line, m, stringLine)) {
-            if (lastKey == "sound-name" && line.find("variant") != std::string::npos) {
-                current->soundName = m[1];
-            }
-            lastKey = m[1];
-            strings.push_back(m[1]);
-        } else if (current && std::regex_match(line, m, int32Line)) {
-            current->timeout = std::stoi(m[1]);
-        }
-    }
-    flush();
-    return found;
-}
-
 // The shared desktop session with a window manager and, unless told otherwise, a tray host.
 class TrayDesktop : public Desktop {
 public:
@@ -90,9 +42,9 @@ public:
     explicit TrayDesktop(Options options) : Desktop(options.microphone) {
         if (!Desktop::ok()) return;
         windowManager_.emplace(std::vector<std::string>{"openbox", "--sm-disable"}, env());
-        ok_ = waitUntil(
+        ok_ = eventually(
                   [&] {
-                      return x({"xprop", "-root", "_NET_SUPPORTING_WM_CHECK"})
+                      return run({"xprop", "-root", "_NET_SUPPORTING_WM_CHECK"})
                                  .value_or("")
                                  .find("window id") != std::string::npos;
                   },
@@ -109,43 +61,37 @@ public:
                                      "pixel", "--width", "120", "--height", "28", "--SetDockType",
                                      "true", "--transparent", "false", "--tint", "0xdddddd"},
             env());
-        return waitUntil([&] { return hasWindowOfClass("trayer", false); }, 10s);
+        return eventually([&] { return hasWindowOfClass("trayer", false); }, 10s);
     }
     // Whether a window of this class exists (and is visible, when asked).
     [[nodiscard]] bool hasWindowOfClass(const std::string& name, bool visible) const {
         std::vector<std::string> argv{"xdotool", "search", "--class", name};
         if (visible) argv.insert(argv.begin() + 2, "--onlyvisible");
-        return x(argv).has_value();
+        return run(argv).has_value();
     }
 
-    [[nodiscard]] std::vector<Notification> notifications() const {
-        return parseNotifications(notifyLog());
-    }
     bool waitForNotifications(size_t count, std::chrono::milliseconds timeout) const {
-        return waitUntil([&] { return notifications().size() >= count; }, timeout);
+        return eventually([&] { return notifications().size() >= count; }, timeout);
     }
-
-    // xdotool and friends in this session; their output, or nothing when they failed.
-    std::optional<std::string> x(const std::vector<std::string>& argv) const { return run(argv); }
 
     // The visible windows whose title is exactly `title`.
     [[nodiscard]] std::vector<std::string> windowsNamed(const std::string& title) const {
         return linesOf(
-            x({"xdotool", "search", "--onlyvisible", "--name", "^" + title + "$"}).value_or(""));
+            run({"xdotool", "search", "--onlyvisible", "--name", "^" + title + "$"}).value_or(""));
     }
     bool waitForWindow(const std::string& title, std::chrono::milliseconds timeout) const {
-        return waitUntil([&] { return !windowsNamed(title).empty(); }, timeout);
+        return eventually([&] { return !windowsNamed(title).empty(); }, timeout);
     }
 
     // (No --sync: it waits for a pointer motion that never comes when the pointer is there
     // already. XTest events are handled in order anyway.)
     void click(Point p) const {
-        x({"xdotool", "mousemove", std::to_string(p.x), std::to_string(p.y), "click", "1"});
+        run({"xdotool", "mousemove", std::to_string(p.x), std::to_string(p.y), "click", "1"});
     }
 
     bool screenshot(const std::string& path) const {
         fs::create_directories(fs::path(path).parent_path());
-        return x({"import", "-window", "root", path}).has_value();
+        return run({"import", "-window", "root", path}).has_value();
     }
 
 private:
@@ -175,26 +121,26 @@ public:
     // Waits until the log holds `text` `count` times.
     bool waitForLogCount(const std::string& text, size_t count,
                          std::chrono::milliseconds timeout = 20s) {
-        return waitUntil([&] { return countOf(log(), text) >= count; }, timeout);
+        return eventually([&] { return countOf(log(), text) >= count; }, timeout);
     }
 
     // Ready once the first menu is installed and the tray icon is on screen.
     bool waitUntilReady() {
         return waitForLog("Menu update - Recording state: false") && waitForLog("[menu] end") &&
-               waitUntil([&] { return trayIcon().has_value(); }, 20s);
+               eventually([&] { return trayIcon().has_value(); }, 20s);
     }
 
     // The centre of the tray icon: the program's small visible window that the tray host has
     // taken in. Tooltips are small too, but stay children of the root window.
     [[nodiscard]] std::optional<Point> trayIcon() const {
         for (const std::string& id :
-             linesOf(desktop_.x({"xdotool", "search", "--onlyvisible", "--class", "Glimmerbox"})
+             linesOf(desktop_.run({"xdotool", "search", "--onlyvisible", "--class", "Glimmerbox"})
                          .value_or(""))) {
             static const std::regex underRoot(
                 R"(Parent window id: 0x[0-9a-f]+ \(the root window\))");
-            const auto tree = desktop_.x({"xwininfo", "-tree", "-id", id});
+            const auto tree = desktop_.run({"xwininfo", "-tree", "-id", id});
             if (!tree || std::regex_search(*tree, underRoot)) continue;
-            const auto g = desktop_.x({"xdotool", "getwindowgeometry", "--shell", id});
+            const auto g = desktop_.run({"xdotool", "getwindowgeometry", "--shell", id});
             if (!g) continue;
             std::map<std::string, int> v;
             for (const std::string& line : linesOf(*g)) {
@@ -211,15 +157,14 @@ public:
 
     // The last installed menu, entry by entry.
     [[nodiscard]] std::vector<LoggedEntry> installedMenu() const {
-        return lastBlock<LoggedEntry>("[menu] installed", [](const std::string& line, auto& out) {
-            if (line == "[menu] separator") {
-                out.push_back({"--", ""});
-            } else if (line.starts_with("[menu] entry ")) {
-                const std::string rest = line.substr(13);
-                const auto bar = rest.rfind(" | ");
-                out.push_back({rest.substr(0, bar), rest.substr(bar + 3)});
-            }
-        });
+        std::vector<LoggedEntry> entries;
+        for (const std::string& line : lastBlock("[menu] installed")) {
+            if (line == "[menu] separator") entries.push_back({"--", ""});
+            if (!line.starts_with("[menu] entry ")) continue;
+            const auto bar = line.rfind(" | ");
+            entries.push_back({line.substr(13, bar - 13), line.substr(bar + 3)});
+        }
+        return entries;
     }
     [[nodiscard]] std::vector<std::string> topLevelTitles() const {
         std::vector<std::string> titles;
@@ -236,7 +181,7 @@ public:
     }
     // Waits until the installed menu has the entry `path` in the state `flag`.
     bool waitForEntry(const std::string& path, const std::string& flag) const {
-        return waitUntil([&] { return entry(path) && entry(path)->has(flag); }, 10s);
+        return eventually([&] { return entry(path) && entry(path)->has(flag); }, 10s);
     }
 
     // Clicks the tray icon and waits for the menu; where its entries are, by title.
@@ -248,18 +193,18 @@ public:
         for (int attempt = 0; attempt < 3 && !opened(); ++attempt) {
             const std::optional<Point> icon = trayIcon();
             // A menu that has just closed may still hold the pointer: the click would go to it.
-            if (!icon || !desktop_.x({toolPath("wait_pointer_free")})) continue;
+            if (!icon || !desktop_.run({toolPath("wait_pointer_free")})) continue;
             desktop_.click(*icon);
-            waitUntil(opened, 5s);
+            eventually(opened, 5s);
         }
-        if (!opened() || !waitUntil([&] { return openMenuEntries().size() > 0; }, 5s)) return {};
+        if (!opened() || !eventually([&] { return openMenuEntries().size() > 0; }, 5s)) return {};
         return openMenuEntries();
     }
 
     // Closes the open menu with Escape and waits until it is gone.
     bool closeMenu() {
         const size_t hidden = countOf(log(), "[menu] hidden \"\"");
-        desktop_.x({"xdotool", "key", "Escape"});
+        desktop_.run({"xdotool", "key", "Escape"});
         return waitForLogCount("[menu] hidden \"\"", hidden + 1, 10s);
     }
 
@@ -278,59 +223,31 @@ public:
     }
 
 private:
-    // The lines of the last complete block that begins with `start`, parsed into Ts.
-    template <class T, class Parse>
-    std::vector<T> lastBlock(const std::string& start, Parse parse) const {
-        const std::vector<std::string> lines = linesOf(log());
-        size_t begin = lines.size();
-        for (size_t i = lines.size(); i-- > 0;) {
-            if (lines[i].starts_with(start)) {
-                begin = i;
-                break;
-            }
-        }
-        std::vector<T> out;
-        bool ended = false;
-        for (size_t i = begin + 1; i < lines.size(); ++i) {
-            if (lines[i] == "[menu] end") {
-                ended = true;
-                break;
-            }
-            parse(lines[i], out);
-        }
-        if (!ended) out.clear();  // still being written
-        return out;
+    // The lines after the last line that begins with `start` up to "[menu] end"; none while
+    // that block is still being written.
+    [[nodiscard]] std::vector<std::string> lastBlock(const std::string& start) const {
+        const std::string text = log();
+        const size_t begin = text.rfind("\n" + start), end = text.find("\n[menu] end\n", begin);
+        if (begin == std::string::npos || end == std::string::npos) return {};
+        const auto lines = linesOf(text.substr(begin + 1, end - begin));
+        return {lines.begin() + 1, lines.end()};
     }
     // The entries of the top-level menu that opened last.
     [[nodiscard]] std::map<std::string, Point> openMenuEntries() const {
         std::map<std::string, Point> at;
         const std::regex placed(R"(^\[menu\] at (-?\d+),(-?\d+) (\d+)x(\d+) (.*)$)");
-        const auto rows = lastBlock<std::pair<std::string, Point>>(
-            "[menu] shown \"\"", [&](const std::string& line, auto& out) {
-                std::smatch m;
-                if (std::regex_match(line, m, placed)) {
-                    out.emplace_back(m[5], Point{std::stoi(m[1]) + std::stoi(m[3]) / 2,
-                                                 std::stoi(m[2]) + std::stoi(m[4]) / 2});
-                }
-            });
-        for (const auto& [title, point] : rows) at[title] = point;
+        std::smatch m;
+        for (const std::string& line : lastBlock("[menu] shown \"\"")) {
+            if (std::regex_match(line, m, placed))
+                at[m[5]] = {std::stoi(m[1]) + std::stoi(m[3]) / 2,
+                            std::stoi(m[2]) + std::stoi(m[4]) / 2};
+        }
         return at;
     }
 
     const TrayDesktop& desktop_;
     std::optional<Process> process_;
 };
-
-// The key lines fake_editor logs for the screencast toggle: the command palette, the command's
-// text and Return.
-std::vector<std::string> screencastToggleKeys() {
-    std::vector<std::string> keys{"key ctrl+shift+p"};
-    for (const char c : std::string("Toggle Screencast Mode")) {
-        keys.push_back(c == ' ' ? "key space" : std::string("key ") + c);
-    }
-    keys.push_back("key Return");
-    return keys;
-}
 
 #define ASSERT_DESKTOP(desktop)                                                                 \
     ASSERT_TRUE((desktop).ok()) << "the test's desktop session (Xvfb, openbox, trayer, dunst, " \
@@ -342,20 +259,10 @@ TEST(TrayE2ETest, RecordsFromTheTrayMenuAndNotifiesAtStartAndSave) {
     TrayApp app(desktop);
     ASSERT_TRUE(app.waitUntilReady()) << app.log() << app.errors();
 
-    // The idle menu as installed.
-    EXPECT_EQ(app.topLevelTitles(),
-              (std::vector<std::string>{
-                  "⏺ Start Recording", "--", "Video Quality", "Camera Overlay", "Camera Size",
-                  "Camera Position", "--", "VS Code Automation", "--",
-                  "Saving to: Documents/Glimmerbox Recordings", "Choose Save Location...",
-                  "Open Recordings Folder", "--", "About Glimmerbox", "Quit Glimmerbox"}));
-    ASSERT_TRUE(app.entry("Saving to: Documents/Glimmerbox Recordings"));
-    EXPECT_TRUE(app.entry("Saving to: Documents/Glimmerbox Recordings")->has("disabled"));
-    EXPECT_TRUE(app.entry("Camera Overlay")->has("checked"));
-    EXPECT_TRUE(app.entry("VS Code Automation")->has("unchecked"));
+    // The idle menu's entries and states are checked through a D-Bus host (status item test);
+    // the shortcut shows only here.
+    ASSERT_TRUE(app.entry("Quit Glimmerbox"));
     EXPECT_TRUE(app.entry("Quit Glimmerbox")->has("shortcut=Ctrl+Q"));
-    EXPECT_TRUE(app.entry("Camera Size > Medium (320×180)")->has("checked"));
-    EXPECT_TRUE(app.entry("Camera Position > Bottom Right")->has("checked"));
 
     // Open it with the mouse, keep a picture of it, then start.
     const auto entries = app.openMenu();
@@ -379,16 +286,19 @@ TEST(TrayE2ETest, RecordsFromTheTrayMenuAndNotifiesAtStartAndSave) {
 
     const auto notes = desktop.notifications();
     ASSERT_EQ(notes.size(), 2U);
-    EXPECT_EQ(notes[0].appName, "Glimmerbox");
-    EXPECT_EQ(notes[0].summary, "Recording Started");
-    EXPECT_EQ(notes[0].body, "Glimmerbox recording in progress");
-    EXPECT_EQ(notes[0].soundName, "message-new-instant");
-    EXPECT_EQ(notes[0].timeout, -1);
-    EXPECT_EQ(notes[1].summary, "Recording Saved");
-    EXPECT_EQ(notes[1].body, "Screencast saved to: " + fs::path(movies[0]).filename().string());
+    // The application's name, summary and body, a sound, and no expiry.
+    EXPECT_THAT(notes[0], HasSubstr("   string \"Glimmerbox\"\n"));
+    EXPECT_THAT(notes[0], HasSubstr("string \"Recording Started\"\n"
+                                    "   string \"Glimmerbox recording in progress\"\n"));
+    EXPECT_THAT(notes[0], ContainsRegex("string \"sound-name\"[[:space:]]+variant[[:space:]]+"
+                                        "string \"message-new-instant\""));
+    EXPECT_THAT(notes[0], HasSubstr("   int32 -1\n"));
+    EXPECT_THAT(notes[1],
+                HasSubstr("string \"Recording Saved\"\n   string \"Screencast saved to: " +
+                          fs::path(movies[0]).filename().string() + "\"\n"));
 
     // Back to idle, and the menu says so.
-    EXPECT_TRUE(waitUntil(
+    EXPECT_TRUE(eventually(
         [&] {
             const auto titles = app.topLevelTitles();
             return !titles.empty() && titles.front() == "⏺ Start Recording";
@@ -416,9 +326,9 @@ TEST(TrayE2ETest, FailedStartShowsOneAlertAndLeavesTheProgramIdle) {
                        1s))
         << app.log();
 
-    desktop.x({"xdotool", "key", "Return"});
+    desktop.run({"xdotool", "key", "Return"});
     ASSERT_TRUE(app.waitForLog("[alert] closed with button 0", 10s)) << app.log();
-    EXPECT_TRUE(waitUntil([&] { return desktop.windowsNamed("Recording Failed").empty(); }, 5s));
+    EXPECT_TRUE(eventually([&] { return desktop.windowsNamed("Recording Failed").empty(); }, 5s));
     EXPECT_TRUE(app.running());
     EXPECT_TRUE(app.waitForLog("Recording start completed. Current state: false"));
 
@@ -439,7 +349,7 @@ TEST(TrayE2ETest, EditorAutomationTogglesScreencastModeAroundARecording) {
     auto editor = std::make_unique<Process>(
         std::vector<std::string>{toolPath("fake_editor"), "--class", "Code", "--log", keyLog},
         desktop.env());
-    ASSERT_TRUE(waitUntil([&] { return desktop.hasWindowOfClass("^Code$", true); }, 10s));
+    ASSERT_TRUE(eventually([&] { return desktop.hasWindowOfClass("^Code$", true); }, 10s));
 
     TrayApp app(desktop);
     ASSERT_TRUE(app.waitUntilReady()) << app.log() << app.errors();
@@ -451,7 +361,7 @@ TEST(TrayE2ETest, EditorAutomationTogglesScreencastModeAroundARecording) {
     ASSERT_TRUE(app.choose("⏺ Start Recording")) << app.log();
     ASSERT_TRUE(app.waitForLog("🔧 VS Code automation: Enabled screencast mode")) << app.log();
     ASSERT_TRUE(app.waitForLog("Recording start completed. Current state: true", 30s)) << app.log();
-    ASSERT_TRUE(waitUntil([&] { return linesOf(readText(keyLog)).size() >= toggle.size(); }, 15s))
+    ASSERT_TRUE(eventually([&] { return linesOf(readText(keyLog)).size() >= toggle.size(); }, 15s))
         << app.log();
     EXPECT_EQ(linesOf(readText(keyLog)), toggle);
 
@@ -465,7 +375,7 @@ TEST(TrayE2ETest, EditorAutomationTogglesScreencastModeAroundARecording) {
 
     // Without the editor the recording goes ahead all the same.
     editor.reset();
-    ASSERT_TRUE(waitUntil([&] { return !desktop.hasWindowOfClass("^Code$", false); }, 10s));
+    ASSERT_TRUE(eventually([&] { return !desktop.hasWindowOfClass("^Code$", false); }, 10s));
     std::this_thread::sleep_for(1s);  // file names have one-second resolution
     ASSERT_TRUE(app.choose("⏺ Start Recording")) << app.log();
     ASSERT_TRUE(app.waitForLog("🔧 VS Code automation: VS Code not running")) << app.log();
@@ -489,10 +399,10 @@ TEST(TrayE2ETest, ChosenSaveFolderShowsInTheMenuAndSurvivesARestart) {
         ASSERT_TRUE(app.waitUntilReady()) << app.log() << app.errors();
         ASSERT_TRUE(app.choose("Choose Save Location...")) << app.log();
         ASSERT_TRUE(desktop.waitForWindow("Choose Save Location", 20s)) << app.log();
-        desktop.x({"xdotool", "type", "--delay", "10", casts});
-        desktop.x({"xdotool", "key", "Return"});
+        desktop.run({"xdotool", "type", "--delay", "10", casts});
+        desktop.run({"xdotool", "key", "Return"});
         ASSERT_TRUE(
-            waitUntil([&] { return desktop.windowsNamed("Choose Save Location").empty(); }, 10s));
+            eventually([&] { return desktop.windowsNamed("Choose Save Location").empty(); }, 10s));
 
         // The menu shows the folder from its next rebuild on; switching the overlay off and on
         // again brings two.
@@ -515,13 +425,13 @@ TEST(TrayE2ETest, ChosenSaveFolderShowsInTheMenuAndSurvivesARestart) {
         const auto about = desktop.windowsNamed("About Glimmerbox");
         ASSERT_EQ(about.size(), 1U);
         const auto geometry =
-            desktop.x({"xdotool", "getwindowgeometry", "--shell", about.front()}).value_or("");
-        EXPECT_NE(geometry.find("WIDTH=400\nHEIGHT=300"), std::string::npos) << geometry;
+            desktop.run({"xdotool", "getwindowgeometry", "--shell", about.front()}).value_or("");
+        EXPECT_THAT(geometry, HasSubstr("WIDTH=400\nHEIGHT=300"));
         ASSERT_TRUE(desktop.screenshot(artifactsDir() + "/about-window.png"));
-        desktop.x({"xdotool", "windowactivate", "--sync", about.front(), "key", "--clearmodifiers",
-                   "alt+F4"});
+        desktop.run({"xdotool", "windowactivate", "--sync", about.front(), "key",
+                     "--clearmodifiers", "alt+F4"});
         EXPECT_TRUE(
-            waitUntil([&] { return desktop.windowsNamed("About Glimmerbox").empty(); }, 5s));
+            eventually([&] { return desktop.windowsNamed("About Glimmerbox").empty(); }, 5s));
         EXPECT_TRUE(app.running());
 
         ASSERT_TRUE(app.choose("Quit Glimmerbox")) << app.log();
@@ -541,9 +451,8 @@ TEST(TrayE2ETest, SecondLaunchSaysSoAndExits) {
 
     Process second({binaryPath()}, desktop.env());
     EXPECT_EQ(second.wait(15s), 0);
-    EXPECT_NE(second.stdoutText().find("Glimmerbox is already running"), std::string::npos)
-        << second.stdoutText();
-    EXPECT_EQ(second.stdoutText().find("Menu update"), std::string::npos);
+    EXPECT_THAT(second.stdoutText(), HasSubstr("Glimmerbox is already running"));
+    EXPECT_THAT(second.stdoutText(), Not(HasSubstr("Menu update")));
     EXPECT_TRUE(first.running());
 }
 
@@ -558,7 +467,7 @@ TEST(TrayE2ETest, WithoutATrayHostTheProgramWaitsForOne) {
 
     ASSERT_TRUE(desktop.startTray());
     ASSERT_TRUE(app.waitForLog("Glimmerbox: system tray found; showing the status icon", 10s));
-    ASSERT_TRUE(waitUntil([&] { return app.trayIcon().has_value(); }, 10s));
+    ASSERT_TRUE(eventually([&] { return app.trayIcon().has_value(); }, 10s));
     EXPECT_TRUE(app.openMenu().contains("⏺ Start Recording")) << app.log();
     EXPECT_TRUE(app.closeMenu());
     EXPECT_TRUE(app.running());

@@ -73,8 +73,7 @@ public:
         std::lock_guard lock(mutex_);
         return queues_.emplace_back(std::make_shared<ManualQueue>(label));
     }
-    Sleeper& sleeper() override { return sleeper_; }
-    FakeSleeper& fakeSleeper() { return sleeper_; }
+    Sleeper& sleeper() override { return fakeSleeper; }
     // Drains every queue until all are empty.
     void runAll() {
         for (int ran = 1; ran != 0;) {
@@ -88,9 +87,9 @@ public:
 
     ManualQueue main{"main"};
     ManualQueue background{"background"};
+    FakeSleeper fakeSleeper;
 
 private:
-    FakeSleeper sleeper_;
     std::mutex mutex_;
     std::vector<std::shared_ptr<ManualQueue>> queues_;  // guarded by mutex_
 };

@@ -18,7 +18,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <type_traits>
+#include <variant>
 #include <vector>
 
 #include "capture/capture_session_manager.h"
@@ -40,19 +40,12 @@
 
 namespace gb::fakes {
 
-inline const char* typeName(MediaType type) { return type == MediaType::video ? "video" : "audio"; }
-
 // A main display of the given size in points (display identifier 1), or none.
 class FakeDisplayProvider final : public DisplayProvider {
 public:
     [[nodiscard]] std::optional<MainScreen> mainScreen() const override {
         std::lock_guard lock(mutex_);
         return screen_;
-    }
-    void setSize(double width, double height) {
-        MainScreen s{width, height, {}};
-        s.deviceDescription[kScreenNumberKey] = uint32_t{1};
-        setScreen(s);
     }
     void setScreen(std::optional<MainScreen> screen) {
         std::lock_guard lock(mutex_);
@@ -74,13 +67,10 @@ public:
         lock.unlock();
         if (!drop) completion(granted);
     }
-    void setAnswer(MediaType type, bool granted) {
-        std::lock_guard lock(mutex_);
-        answers[type] = granted;
-    }
+    // Set before use.
     std::map<MediaType, bool> answers{{MediaType::audio, true}, {MediaType::video, true}};
-    std::vector<MediaType> requests;
     bool dropAnswers = false;
+    std::vector<MediaType> requests;
 
 private:
     std::mutex mutex_;
@@ -175,8 +165,6 @@ public:
     std::vector<std::string> refuse;  // set before use
     std::atomic<int> starts{0}, changesOutsideTransaction{0}, outputsWithoutDelegate{0};
     std::atomic<bool> overlappingCallSeen{false};
-    CallLog* calls = nullptr;  // gets "<name>.startRunning" and "<name>.stopRunning"
-    std::string name;
 
 private:
     struct Scope {
@@ -186,7 +174,8 @@ private:
         bool overlap;
     };
     bool canAdd(const std::string& what, MediaType type) {
-        return std::find(refuse.begin(), refuse.end(), what + typeName(type)) == refuse.end();
+        const std::string name = what + (type == MediaType::video ? "video" : "audio");
+        return std::find(refuse.begin(), refuse.end(), name) == refuse.end();
     }
     template <class T>
     void change(std::vector<std::shared_ptr<T>>& list, const std::shared_ptr<T>& item, bool add) {
@@ -205,7 +194,6 @@ private:
         if (scope.overlap) overlappingCallSeen = true;
         running_ = start;
         starts += start;
-        if (calls) calls->add(name + (start ? ".startRunning" : ".stopRunning"));
     }
     std::atomic<int> inCall_{0}, open_{0};
     std::atomic<bool> running_{false};
@@ -214,13 +202,13 @@ private:
     std::vector<std::shared_ptr<CaptureOutput>> outputs_;  // guarded by mutex_
 };
 
-// A camera or microphone; keeps the format it was set to.
+// A 720p camera or a microphone; keeps the format it was set to.
 class FakeCaptureDevice final : public CaptureDevice {
 public:
-    FakeCaptureDevice(std::string name, std::string id, std::vector<CameraFormat> formats = {{1280, 720}},
-                      bool connected = true, bool suspended = false,
-                      MediaType type = MediaType::video)
-        : type_(type), info_{std::move(name), std::move(id), 0, connected, suspended, std::move(formats), 0} {}
+    explicit FakeCaptureDevice(MediaType type) : type_(type) {
+        if (type == MediaType::video)
+            info_ = {"USB Camera", "usb-1", 0, true, false, {{1280, 720}}, 0};
+    }
     [[nodiscard]] MediaType mediaType() const override { return type_; }
     [[nodiscard]] CameraDeviceInfo info() const override {
         std::lock_guard lock(mutex_);
@@ -270,11 +258,11 @@ public:
     }
 
     bool screenCaptureAllowed = true;
-    std::shared_ptr<FakeCaptureDevice> microphone = std::make_shared<FakeCaptureDevice>(
-        "Built-in Microphone", "mic-0", std::vector<CameraFormat>{}, true, false, MediaType::audio);
+    std::shared_ptr<FakeCaptureDevice> microphone =
+        std::make_shared<FakeCaptureDevice>(MediaType::audio);
     std::optional<PlatformError> microphoneError;
     std::vector<std::shared_ptr<FakeCaptureDevice>> cameras{
-        std::make_shared<FakeCaptureDevice>("USB Camera", "usb-1")};
+        std::make_shared<FakeCaptureDevice>(MediaType::video)};
     // Made so far (read them after the calls that make them, or through latest()).
     std::vector<std::shared_ptr<FakeCaptureSession>> sessions;
     std::vector<std::shared_ptr<FakeVideoDataOutput>> videoOutputs;
@@ -460,33 +448,35 @@ public:
     std::optional<std::string> documents = root / "Documents";
 };
 
-// Settings in memory; a value stored under a key with another type reads as absent.
+// Settings in memory; a value stored under a key with another type reads as absent. Texts and
+// folder URLs are both strings.
 class FakeDefaultsStore final : public DefaultsStore {
 public:
-    std::optional<bool> boolForKey(const std::string& key) const override { return get(bools_, key); }
-    void setBool(bool value, const std::string& key) override { set(bools_, urls_, key, value); }
-    std::optional<std::string> urlForKey(const std::string& key) const override { return get(urls_, key); }
-    void setURL(const std::string& path, const std::string& key) override { set(urls_, bools_, key, path); }
-    // Texts and folder URLs are both strings; one map holds them.
-    std::optional<std::string> stringForKey(const std::string& key) const override { return get(urls_, key); }
-    void setString(const std::string& value, const std::string& key) override { set(urls_, bools_, key, value); }
+    std::optional<bool> boolForKey(const std::string& key) const override { return get<bool>(key); }
+    void setBool(bool value, const std::string& key) override { set(key, value); }
+    std::optional<std::string> urlForKey(const std::string& key) const override {
+        return get<std::string>(key);
+    }
+    void setURL(const std::string& path, const std::string& key) override { set(key, path); }
+    std::optional<std::string> stringForKey(const std::string& key) const override {
+        return get<std::string>(key);
+    }
+    void setString(const std::string& value, const std::string& key) override { set(key, value); }
 
 private:
     template <class T>
-    std::optional<T> get(const std::map<std::string, T>& m, const std::string& key) const {
+    std::optional<T> get(const std::string& key) const {
         std::lock_guard lock(mutex_);
-        const auto it = m.find(key);
-        return it == m.end() ? std::nullopt : std::optional(it->second);
+        const auto it = values_.find(key);
+        if (it == values_.end() || !std::holds_alternative<T>(it->second)) return std::nullopt;
+        return std::get<T>(it->second);
     }
-    template <class T, class U>
-    void set(std::map<std::string, T>& m, std::map<std::string, U>& other, const std::string& key, T v) {
+    void set(const std::string& key, std::variant<bool, std::string> value) {
         std::lock_guard lock(mutex_);
-        m[key] = std::move(v);
-        other.erase(key);
+        values_[key] = std::move(value);
     }
     mutable std::mutex mutex_;
-    std::map<std::string, bool> bools_;        // guarded by mutex_
-    std::map<std::string, std::string> urls_;  // guarded by mutex_
+    std::map<std::string, std::variant<bool, std::string>> values_;  // guarded by mutex_
 };
 
 // now() is a fixed date that format() turns into a fixed text.
@@ -564,7 +554,7 @@ struct RecorderWorld {
         files = std::make_shared<RecordingFileManager>(fs, defaults, dates, writers, display, picker);
         auto r = ScreenRecorder::create(
             {std::make_shared<PermissionManager>(access), capture,
-             std::make_shared<VideoComposer>(compositor, pixelBuffers, sampleMaker), files},
+             std::make_shared<VideoComposer>(compositor, *pixelBuffers, sampleMaker), files},
             dispatch);
         r->setDelegate(delegate);
         return r;
@@ -583,8 +573,8 @@ struct RecorderWorld {
     FakeDateFormatter dates;
     FakeFolderPicker picker;
     CpuImageCompositor compositor;
-    std::shared_ptr<PooledPixelBufferFactory> poolHolder = std::make_shared<PooledPixelBufferFactory>();
-    PooledPixelBufferFactory& pixelBuffers = *poolHolder;
+    std::shared_ptr<PooledPixelBufferFactory> pixelBuffers =
+        std::make_shared<PooledPixelBufferFactory>();
     StandardSampleMaker sampleMaker;
     std::shared_ptr<FakeRecorderDelegate> delegate = std::make_shared<FakeRecorderDelegate>();
     std::shared_ptr<CaptureSessionManager> capture;

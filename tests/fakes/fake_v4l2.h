@@ -30,18 +30,9 @@
 
 namespace gb::fakes {
 
-struct FakeFrameSize {
-    uint32_t type = V4L2_FRMSIZE_TYPE_DISCRETE;
-    v4l2_frmsize_stepwise range{};  // discrete: width and height in the first two, as in the union
-
-    static FakeFrameSize discrete(uint32_t w, uint32_t h) {
-        return {V4L2_FRMSIZE_TYPE_DISCRETE, {w, h, 0, 0, 0, 0}};
-    }
-};
-
 struct FakePixelFormat {
     uint32_t fourcc;
-    std::vector<FakeFrameSize> sizes;
+    std::vector<v4l2_frmsize_discrete> sizes;
 };
 
 struct FakeV4l2Node {
@@ -175,8 +166,8 @@ public:
                 const auto f = std::find_if(c.formats.begin(), c.formats.end(),
                                             [&](auto& f) { return f.fourcc == s->pixel_format; });
                 if (f == c.formats.end() || s->index >= f->sizes.size()) return fail(EINVAL);
-                s->type = f->sizes[s->index].type;
-                s->stepwise = f->sizes[s->index].range;
+                s->type = V4L2_FRMSIZE_TYPE_DISCRETE;
+                s->discrete = f->sizes[s->index];
                 return 0;
             }
             case VIDIOC_G_FMT: {
@@ -317,12 +308,8 @@ private:
         pix.width = c.currentWidth;
         pix.height = c.currentHeight;
         pix.pixelformat = c.currentFourcc;
-        if (c.currentFourcc == V4L2_PIX_FMT_YUYV) {
-            pix.bytesperline = c.currentWidth * 2;
-            pix.sizeimage = pix.bytesperline * c.currentHeight;
-        } else {
-            pix.sizeimage = c.currentWidth * c.currentHeight * 2;
-        }
+        pix.bytesperline = c.currentFourcc == V4L2_PIX_FMT_YUYV ? c.currentWidth * 2 : 0;
+        pix.sizeimage = c.currentWidth * c.currentHeight * 2;
         return pix;
     }
     void stopStreaming(Node& node) {

@@ -1,13 +1,11 @@
-// What a capture source delivered: the count, the last sample (or every sample, as a consumer that
-// never lets go would); waits for arrivals. Also reaches the source
-// behind a capture input. Thread-safe.
+// What a capture source delivered: the count and the last sample; waits for arrivals. Also reaches
+// the source behind a capture input. Thread-safe.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <vector>
 
 #include "linux/capture/capture_source.h"
 #include "platform/media.h"
@@ -20,11 +18,9 @@ inline linuxp::CaptureSource& sourceOf(const std::shared_ptr<CaptureInput>& inpu
 
 class FrameCollector {
 public:
-    explicit FrameCollector(bool holdAll = false) : holdAll_(holdAll) {}
     std::function<void(const SampleBufferRef&)> deliver() {
         return [this](const SampleBufferRef& sample) {
             std::lock_guard lock(mutex_);
-            if (holdAll_) held_.push_back(sample);
             last_ = sample;
             ++count_;
             changed_.notify_all();
@@ -36,13 +32,6 @@ public:
     }
     [[nodiscard]] size_t count() const { return get(count_); }
     [[nodiscard]] SampleBufferRef last() const { return get(last_); }
-    [[nodiscard]] std::vector<SampleBufferRef> held() const { return get(held_); }
-    // Lets go of every sample (the last one too).
-    void release() {
-        std::lock_guard lock(mutex_);
-        held_.clear();
-        last_.reset();
-    }
 
 private:
     template <class T>
@@ -50,12 +39,10 @@ private:
         std::lock_guard lock(mutex_);
         return field;
     }
-    const bool holdAll_;
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     size_t count_ = 0;                     // guarded by mutex_
     SampleBufferRef last_;                 // guarded by mutex_
-    std::vector<SampleBufferRef> held_;    // guarded by mutex_
 };
 
 }  // namespace gb::fakes

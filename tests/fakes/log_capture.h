@@ -1,5 +1,4 @@
-// LogCapture collects the diagnostic lines while it lives; CallLog collects the calls that fakes
-// report to it. Both are thread-safe.
+// LogCapture collects the diagnostic lines while it lives. Thread-safe.
 #pragma once
 
 #include <algorithm>
@@ -14,33 +13,13 @@
 
 namespace gb::fakes {
 
-class CallLog {
-public:
-    void add(std::string call) {
-        std::lock_guard lock(mutex_);
-        calls_.push_back(std::move(call));
-    }
-    [[nodiscard]] std::vector<std::string> calls() const {
-        std::lock_guard lock(mutex_);
-        return calls_;
-    }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        calls_.clear();
-    }
-
-protected:
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> calls_;  // guarded by mutex_
-};
-
 // Installs a log sink for its lifetime and restores the previous one afterwards.
-class LogCapture : public CallLog {
+class LogCapture {
 public:
     LogCapture() {
         previous_ = setLogSink([this](std::string_view line) {
-            add(std::string(line));
+            std::lock_guard lock(mutex_);
+            lines_.emplace_back(line);
             changed_.notify_all();
         });
     }
@@ -48,7 +27,14 @@ public:
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    [[nodiscard]] std::vector<std::string> lines() const { return calls(); }
+    [[nodiscard]] std::vector<std::string> lines() const {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
+    void clear() {
+        std::lock_guard lock(mutex_);
+        lines_.clear();
+    }
     [[nodiscard]] size_t count(const std::string& line) const {
         const auto all = lines();
         return static_cast<size_t>(std::count(all.begin(), all.end(), line));
@@ -64,12 +50,15 @@ public:
                            std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] {
-            return std::any_of(calls_.begin(), calls_.end(),
+            return std::any_of(lines_.begin(), lines_.end(),
                                [&](auto& l) { return l.find(text) != std::string::npos; });
         });
     }
 
 private:
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::string> lines_;  // guarded by mutex_
     LogSink previous_;
 };
 

@@ -1,7 +1,5 @@
 #include "fakes/xvfb_server.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -15,11 +13,11 @@
 #include <thread>
 #include <vector>
 
-#include "fakes/test_environment.h"
+#include "fakes/processes.h"
 
 namespace gb::fakes {
 
-XvfbServer::XvfbServer(std::unique_ptr<ChildProcess> process, std::string displayName)
+XvfbServer::XvfbServer(std::unique_ptr<Process> process, std::string displayName)
     : process_(std::move(process)), displayName_(std::move(displayName)) {}
 
 XvfbServer::~XvfbServer() {
@@ -33,38 +31,19 @@ XvfbServer::~XvfbServer() {
 }
 
 std::unique_ptr<XvfbServer> XvfbServer::start(const Options& options) {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) return nullptr;
     const std::string screen = std::to_string(options.width) + "x" +
                                std::to_string(options.height) + "x" + std::to_string(options.depth);
-    std::vector<std::string> args = {"Xvfb",      "-displayfd", std::to_string(fds[1]),
-                                     "-screen",   "0",          screen,
-                                     "-nolisten", "tcp",        "-noreset",
-                                     "+extension", "RANDR"};
-    ChildProcess::Options childOptions;
-    childOptions.keepFd = fds[1];  // Xvfb writes the display number here
-    auto process = std::make_unique<ChildProcess>(std::move(args), childOptions);
-    close(fds[1]);
-
-    // Xvfb writes "N\n" once it accepts connections; EOF means it gave up.
-    std::string number;
-    bool complete = false;
-    pollfd pfd{fds[0], POLLIN, 0};
-    while (!complete && poll(&pfd, 1, 20'000) > 0) {
-        char buffer[16];
-        const ssize_t n = read(fds[0], buffer, sizeof buffer);
-        if (n <= 0) break;
-        for (ssize_t i = 0; i < n; ++i) {
-            if (buffer[i] == '\n') complete = true;
-            if (buffer[i] >= '0' && buffer[i] <= '9') number.push_back(buffer[i]);
-        }
-    }
-    close(fds[0]);
-    if (!complete || number.empty()) {
+    // Xvfb prints its display number ("N\n") once it accepts connections.
+    auto process = std::make_unique<Process>(
+        std::vector<std::string>{"Xvfb", "-displayfd", "1", "-screen", "0", screen, "-nolisten",
+                                 "tcp", "-noreset", "+extension", "RANDR"});
+    if (!process->waitForOutput("\n", std::chrono::seconds(20))) {
         std::fprintf(stderr, "Xvfb did not start (is it installed?)\n");
         return nullptr;  // the process handle ends the child
     }
-    return std::unique_ptr<XvfbServer>(new XvfbServer(std::move(process), ":" + number));
+    const std::string number = process->stdoutText();
+    return std::unique_ptr<XvfbServer>(
+        new XvfbServer(std::move(process), ":" + number.substr(0, number.find('\n'))));
 }
 
 pid_t XvfbServer::pid() const {
@@ -92,7 +71,7 @@ bool XvfbServer::killKeepingTheDisplayNumber() {
     while (!(ok = bound()) && errno == EADDRINUSE && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::yield();
     }
-    process_->stop(SIGKILL);  // reaps it
+    process_->wait(std::chrono::seconds(5));  // reaps it
     // Still in use once the server is gone: another server has the number now.
     if (!ok) ok = bound();
     if (!ok) {

@@ -10,7 +10,7 @@
 
 namespace gb::fakes {
 
-class ChildProcess;
+class Process;
 
 class XvfbServer {
 public:
@@ -37,8 +37,8 @@ public:
     [[nodiscard]] bool killKeepingTheDisplayNumber();
 
 private:
-    XvfbServer(std::unique_ptr<ChildProcess> process, std::string displayName);
-    std::unique_ptr<ChildProcess> process_;
+    XvfbServer(std::unique_ptr<Process> process, std::string displayName);
+    std::unique_ptr<Process> process_;
     std::string displayName_;
     int reservation_ = -1;  // a socket bound to the display's abstract address
 };

@@ -11,7 +11,6 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <memory>
 #include <sstream>
@@ -21,10 +20,10 @@
 
 #include "fakes/log_capture.h"
 #include "fakes/pixel_buffers.h"
-#include "fakes/test_environment.h"
+#include "fakes/processes.h"
+#include "linux/capture/monotonic_clock.h"
 #include "linux/ffmpeg/ffmpeg_asset_writer.h"
 #include "linux/ffmpeg/ffmpeg_movie_remuxer.h"
-#include "linux/capture/monotonic_clock.h"
 
 namespace gb::linuxp {
 namespace {
@@ -34,29 +33,20 @@ using namespace std::chrono_literals;
 
 constexpr int64_t kFrameNs = 33'333'333;
 
-// Exit code and output (with errors) of a shell command.
-std::pair<int, std::string> run(const std::string& command) {
-    std::string output;
-    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) return {-1, output};
-    for (int c = 0; (c = std::fgetc(pipe)) != EOF;) output.push_back(static_cast<char>(c));
-    const int status = ::pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
-
 // Decodes the whole file; `quiet`: without a single complaint.
 void expectPlays(const std::string& path, bool quiet = true) {
-    const auto [exitCode, output] = run("ffmpeg -v error -i '" + path + "' -f null -");
-    EXPECT_EQ(exitCode, 0) << output;
-    EXPECT_TRUE(!quiet || output.empty()) << output;
+    const auto run =
+        fakes::runToEnd({"ffmpeg", "-v", "error", "-i", path, "-f", "null", "-"}, {}, 60s);
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_TRUE(!quiet || run.err.empty()) << run.err;
 }
 
 // The end (pts + duration) of the last video packet, in seconds.
 double videoEnd(const std::string& path) {
-    std::istringstream lines(run("ffprobe -v error -select_streams v -show_entries "
-                                 "packet=pts_time,duration_time -of csv=p=0 '" +
-                                 path + "'")
-                                 .second);
+    std::istringstream lines(
+        fakes::runCommand({"ffprobe", "-v", "error", "-select_streams", "v", "-show_entries",
+                           "packet=pts_time,duration_time", "-of", "csv=p=0", path})
+            .value_or(""));
     double end = 0;
     for (std::string line; std::getline(lines, line);) {
         double pts = 0, duration = 0;
@@ -92,9 +82,6 @@ bool waitUntilReady(const AssetWriterInput& input, std::chrono::milliseconds lim
 VideoOutputSettingsForWriter videoSettings(int width, int height) {
     return {"avc1", width, height, {2'000'000, "H264_Main_AutoLevel", "CAVLC"}};
 }
-AudioOutputSettingsForWriter audioSettings() {
-    return {0x61616320, 2, 44100.0, 128'000};
-}
 
 // Waits for `writer`'s completion and gives how often it was called (a second call would show
 // up within the short wait after the first).
@@ -126,7 +113,8 @@ struct Recording {
         if (!made.ok()) return r;
         r.writer = made.value();
         r.video = factory.makeInput(MediaType::video, videoSettings(width, height));
-        r.audio = factory.makeInput(MediaType::audio, audioSettings());
+        r.audio = factory.makeInput(MediaType::audio,
+                                    AudioOutputSettingsForWriter{0x61616320, 2, 44100.0, 128'000});
         r.writer->addInput(r.video);
         r.writer->addInput(r.audio);
         EXPECT_TRUE(r.writer->startWriting());
@@ -186,8 +174,9 @@ TEST_F(FfmpegAssetWriterTest, LetterboxesFourByThreeWithPaddedRowsAndFollowsASiz
     expectPlays(file);
     EXPECT_NEAR(videoEnd(file), 1.0, 0.05);  // no frame lost at the size change
     // The picture spans x 160..1119 at full height; black bars left and right.
-    const std::string frame =
-        run("ffmpeg -v error -i '" + file + "' -frames:v 1 -f rawvideo -pix_fmt gray -").second;
+    const std::string frame = fakes::runCommand({"ffmpeg", "-v", "error", "-i", file, "-frames:v",
+                                                 "1", "-f", "rawvideo", "-pix_fmt", "gray", "-"})
+                                  .value_or("");
     ASSERT_EQ(frame.size(), 1280u * 720u);
     int wrong = 0;
     for (size_t i = 0; i < frame.size(); ++i) {

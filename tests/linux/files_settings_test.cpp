@@ -1,17 +1,14 @@
 // Guards against: a damaged or unwritable settings file that loses settings silently or stops the program, and file-name stamps in the wrong time zone.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include "fakes/log_capture.h"
-#include "fakes/test_environment.h"
+#include "fakes/processes.h"
 #include "linux/files/xdg_files.h"
 
 namespace gb::linuxp {
@@ -24,11 +21,6 @@ using ::testing::Not;
 void writeFile(const std::string& path, const std::string& content) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // A temporary home with no XDG variables set.
@@ -62,8 +54,8 @@ TEST_F(TemporaryHomeTest, ADamagedSettingsFileIsKeptAsideAndAnUnwritableOneRepor
                                     " cannot be read (the file is damaged); using the defaults",
                                 "⚠️ Settings file " + file + " was damaged; kept it as " +
                                     file + ".broken and started a new one"}));  // each said once
-    EXPECT_EQ(readFile(file + ".broken"), damaged);
-    EXPECT_THAT(readFile(file), Not(HasSubstr("other")));
+    EXPECT_EQ(fakes::readText(file + ".broken"), damaged);
+    EXPECT_THAT(fakes::readText(file), Not(HasSubstr("other")));
     EXPECT_EQ(QSettingsDefaultsStore().boolForKey("vsCodeAutomationEnabled"), true);
 
     std::filesystem::remove(file);

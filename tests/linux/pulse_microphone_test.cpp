@@ -2,76 +2,38 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <fstream>
-#include <iterator>
-#include <memory>
+#include <cstdlib>
 #include <mutex>
+#include <thread>
 
 #include "fakes/frame_collector.h"
 #include "fakes/log_capture.h"
-#include "fakes/test_environment.h"
+#include "fakes/processes.h"
 #include "linux/pulse/pulse_microphone.h"
 
 namespace gb::linuxp {
 namespace {
 
 using namespace std::chrono_literals;
-using fakes::ChildProcess;
-
-// A PulseAudio server of the test's own (a null sink whose monitor is the default source). While
-// it lives, this process's libpulse talks to it and sees a temporary home, never the user's.
-class PrivatePulseServer {
-public:
-    PrivatePulseServer() {
-        const std::string socket = dir_ / "native";
-        env_ = {{"HOME", dir_.path()},
-                {"XDG_RUNTIME_DIR", dir_.path()},
-                {"PULSE_RUNTIME_PATH", dir_.path()},
-                {"XDG_CONFIG_HOME", dir_ / ".config"},
-                {"PULSE_SERVER", "unix:" + socket}};
-        for (const auto& [name, value] : env_) environment_.set(name, value);
-        environment_.unset("PULSE_COOKIE");
-        environment_.unset("DISPLAY");
-        env_.insert(env_.end(), {{"PATH", std::getenv("PATH")}, {"LANG", "C"}});
-        server_ = std::make_unique<ChildProcess>(
-            std::vector<std::string>{
-                "pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--disallow-exit", "--use-pid-file=no",
-                "--system=no", "--realtime=no", "--log-target=stderr", "-L",
-                "module-native-protocol-unix socket=" + socket + " auth-anonymous=1", "-L",
-                "module-null-sink sink_name=gbtest"},
-            ChildProcess::Options{env_, false, dir_ / "pulseaudio.log"});
-        ready_ = fakes::eventually([&] { return pactl({"info"}) == 0; }, 10s) &&
-                 pactl({"set-default-source", "gbtest.monitor"}) == 0;
-    }
-    [[nodiscard]] bool ready() const { return ready_; }
-    [[nodiscard]] std::string log() const {
-        std::ifstream in(dir_ / "pulseaudio.log");
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
-    int pactl(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), "pactl");
-        return ChildProcess(arguments, {env_, false, dir_ / "clients.log"}).wait(5s);
-    }
-    void kill(int signal) { server_->stop(signal); }
-
-private:
-    fakes::TempDirectory dir_;
-    std::vector<std::pair<std::string, std::string>> env_;
-    std::unique_ptr<ChildProcess> server_;  // killed before the folder goes
-    fakes::ScopedEnvironment environment_;
-    bool ready_ = false;
-};
 
 TEST(PulseMicrophoneTest, RecordsInTimeStopsPromptlyAndSurvivesTheServerDying) {
     if (std::system("command -v pulseaudio pactl >/dev/null") != 0)
         GTEST_SKIP() << "pulseaudio and pactl are not installed";
-    PrivatePulseServer server;
-    ASSERT_TRUE(server.ready()) << server.log();
+    fakes::VirtualMicrophone server;
+    ASSERT_TRUE(server.ok()) << server.log();
+    // This process's libpulse talks to the test's server and sees a temporary home.
+    fakes::TempDirectory home;
+    fakes::ScopedEnvironment env;
+    for (const char* name : {"HOME", "XDG_RUNTIME_DIR", "PULSE_RUNTIME_PATH", "XDG_CONFIG_HOME"})
+        env.set(name, home.path());
+    env.set("PULSE_SERVER", server.server());
+    env.unset("PULSE_COOKIE");
+    env.unset("DISPLAY");
     const CaptureDeviceRef device = defaultPulseMicrophone();
     ASSERT_NE(device, nullptr) << server.log();
-    EXPECT_EQ(device->info().uniqueID, "gbtest.monitor");
+    EXPECT_EQ(device->info().uniqueID, "e2e.monitor");
     // The stream opens with the input, so a source the server refuses fails the set-up.
-    EXPECT_FALSE(PulseMicrophoneDevice({"gbtest.no-such-source", "Gone", 44100, 2}).makeInput().ok());
+    EXPECT_FALSE(PulseMicrophoneDevice({"e2e.no-such-source", "Gone", 44100, 2}).makeInput().ok());
     auto made = dynamic_cast<InputMakingDevice&>(*device).makeInput();
     ASSERT_TRUE(made.ok());
     CaptureSource& source = fakes::sourceOf(made.value());
@@ -109,7 +71,7 @@ TEST(PulseMicrophoneTest, RecordsInTimeStopsPromptlyAndSurvivesTheServerDying) {
     fakes::FrameCollector again;
     ASSERT_TRUE(source.start(again.deliver()).ok());
     ASSERT_TRUE(again.waitForCount(10, 5s));
-    server.kill(SIGKILL);
+    server.kill();
     EXPECT_TRUE(logs.waitForContaining("⚠️ Microphone stream ended: ", 5s));
     stop();
     EXPECT_EQ(logs.countPrefix("⚠️ Microphone stream ended: Connection terminated"), 1u);

@@ -4,10 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -18,9 +16,9 @@
 #include "fakes/frame_collector.h"
 #include "fakes/log_capture.h"
 #include "fakes/pixel_buffers.h"
-#include "fakes/test_environment.h"
-#include "linux/v4l2/camera_common.h"
+#include "fakes/processes.h"
 #include "linux/capture/monotonic_clock.h"
+#include "linux/v4l2/camera_common.h"
 
 namespace gb::linuxp {
 namespace {
@@ -41,14 +39,13 @@ constexpr Rgb kMagenta{255, 0, 255};
 
 // A 64x48 Motion JPEG frame (4:2:2, as webcams send), left half green, right half magenta.
 std::vector<uint8_t> greenMagentaJpeg() {
-    FILE* pipe = ::popen(
-        "ffmpeg -v error -f lavfi -i 'color=0x00ff00:s=32x48[l];color=0xff00ff:s=32x48[r];"
-        "[l][r]hstack[out0]' -frames:v 1 -pix_fmt yuvj422p -q:v 2 -f mjpeg -",
-        "r");
-    std::vector<uint8_t> jpeg;
-    if (pipe == nullptr) return jpeg;
-    for (int c = 0; (c = std::fgetc(pipe)) != EOF;) jpeg.push_back(static_cast<uint8_t>(c));
-    return ::pclose(pipe) == 0 ? jpeg : std::vector<uint8_t>{};
+    const std::string jpeg =
+        fakes::runCommand({"ffmpeg", "-v", "error", "-f", "lavfi", "-i",
+                           "color=0x00ff00:s=32x48[l];color=0xff00ff:s=32x48[r];[l][r]hstack[out0]",
+                           "-frames:v", "1", "-pix_fmt", "yuvj422p", "-q:v", "2", "-f", "mjpeg",
+                           "-"})
+            .value_or("");
+    return {jpeg.begin(), jpeg.end()};
 }
 
 // The left half of `image` is `left` and the right half `right`, give or take `tolerance`.
@@ -71,7 +68,7 @@ FakeV4l2Node smallCamera(uint32_t fourcc, uint32_t width, uint32_t height,
     FakeV4l2Node node;
     node.path = std::move(path);
     node.card = "Small Cam";
-    node.formats = {{fourcc, {fakes::FakeFrameSize::discrete(width, height)}}};
+    node.formats = {{fourcc, {{width, height}}}};
     node.currentFourcc = fourcc;
     node.currentWidth = width;
     node.currentHeight = height;

@@ -81,65 +81,48 @@ int main(int argc, char** argv) {
     GC gc = XCreateGC(dpy, win, 0, nullptr);
     XSync(dpy, False);
 
-    if (flat >= 0) {
-        XClearWindow(dpy, win);
-        XSync(dpy, False);
-        while (!gStop) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        XCloseDisplay(dpy);
-        return 0;
-    }
-
-    auto next = std::chrono::steady_clock::now();
-    if (typing) {
-        XClearWindow(dpy, win);
-        for (long n = 0; !gStop; ++n) {
-            const std::string text = codeLine(n / 60);
-            const char c = static_cast<size_t>(n % 60) < text.size() ? text[n % 60] : '.';
-            XDrawString(dpy, win, gc, 20 + static_cast<int>(n % 60) * 6,
-                        30 + static_cast<int>(n / 60 % 50) * 18, &c, 1);
-            XSync(dpy, False);
-            next += std::chrono::milliseconds(100);
-            std::this_thread::sleep_until(next);
-        }
-        XCloseDisplay(dpy);
-        return 0;
-    }
     Pixmap back = XCreatePixmap(dpy, win, w, h, DefaultDepth(dpy, screen));
-    long frame = 0;
+    XClearWindow(dpy, win);
+    auto next = std::chrono::steady_clock::now();
     int bx = 100, by = 100, dx = 9, dy = 7;
     const int bars = 16;
-    while (!gStop && scroll) {
-        drawScrollFrame(dpy, back, gc, w, h, only >= 0 ? only : frame);
-        XCopyArea(dpy, back, win, gc, 0, 0, w, h, 0, 0);
-        XSync(dpy, False);
-        ++frame;
-        if (only >= 0) {
-            while (!gStop) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    for (long frame = 0; !gStop; ++frame) {
+        if (flat >= 0 || (only >= 0 && frame > 0)) {  // a still picture
+            XSync(dpy, False);
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            continue;
         }
-        next += std::chrono::milliseconds(33);
-        std::this_thread::sleep_until(next);
-    }
-    while (!gStop) {
-        const int barW = w / bars + 1;
-        for (int i = 0; i < bars; ++i) {
-            const int hue = static_cast<int>((i * 16 + frame * 3) % 256);
-            XSetForeground(dpy, gc, rgb(hue, 255 - hue, (hue * 7) % 256));
-            XFillRectangle(dpy, back, gc, static_cast<int>((i * barW + frame * 4) % (w + barW)) - barW,
-                           0, barW, h);
+        if (typing) {
+            const std::string text = codeLine(frame / 60);
+            const char c = static_cast<size_t>(frame % 60) < text.size() ? text[frame % 60] : '.';
+            XDrawString(dpy, win, gc, 20 + static_cast<int>(frame % 60) * 6,
+                        30 + static_cast<int>(frame / 60 % 50) * 18, &c, 1);
+        } else if (scroll) {
+            drawScrollFrame(dpy, back, gc, w, h, only >= 0 ? only : frame);
+            XCopyArea(dpy, back, win, gc, 0, 0, w, h, 0, 0);
+        } else {
+            const int barW = w / bars + 1;
+            for (int i = 0; i < bars; ++i) {
+                const int hue = static_cast<int>((i * 16 + frame * 3) % 256);
+                XSetForeground(dpy, gc, rgb(hue, 255 - hue, (hue * 7) % 256));
+                XFillRectangle(dpy, back, gc,
+                               static_cast<int>((i * barW + frame * 4) % (w + barW)) - barW, 0,
+                               barW, h);
+            }
+            bx += dx;
+            by += dy;
+            if (bx < 0 || bx > w - 200) dx = -dx;
+            if (by < 0 || by > h - 200) dy = -dy;
+            XSetForeground(dpy, gc, rgb(255, 255, 255));
+            XFillRectangle(dpy, back, gc, bx, by, 200, 200);
+            XSetForeground(dpy, gc, rgb(0, 0, 0));
+            const std::string label = "Glimmerbox demo frame " + std::to_string(frame);
+            XDrawString(dpy, back, gc, bx + 10, by + 100, label.c_str(),
+                        static_cast<int>(label.size()));
+            XCopyArea(dpy, back, win, gc, 0, 0, w, h, 0, 0);
         }
-        bx += dx;
-        by += dy;
-        if (bx < 0 || bx > w - 200) dx = -dx;
-        if (by < 0 || by > h - 200) dy = -dy;
-        XSetForeground(dpy, gc, rgb(255, 255, 255));
-        XFillRectangle(dpy, back, gc, bx, by, 200, 200);
-        XSetForeground(dpy, gc, rgb(0, 0, 0));
-        const std::string label = "Glimmerbox demo frame " + std::to_string(frame);
-        XDrawString(dpy, back, gc, bx + 10, by + 100, label.c_str(), static_cast<int>(label.size()));
-        XCopyArea(dpy, back, win, gc, 0, 0, w, h, 0, 0);
         XSync(dpy, False);
-        ++frame;
-        next += std::chrono::milliseconds(20);
+        next += std::chrono::milliseconds(typing ? 100 : scroll ? 33 : 20);
         std::this_thread::sleep_until(next);
     }
     XFreePixmap(dpy, back);

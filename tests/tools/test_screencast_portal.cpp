@@ -11,20 +11,18 @@
 #include <X11/Xutil.h>
 #include <dbus/dbus.h>
 #include <pipewire/pipewire.h>
-#include <pulse/simple.h>
 #include <spa/buffer/meta.h>
 #include <spa/param/video/format-utils.h>
 
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
+
+#include "beeps.h"
 
 namespace {
 using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC, the clock of the stream's stamps
@@ -177,33 +175,15 @@ void pace() {
 
 // The beep: its first sample's playing time, known from the sink's latency, is the flash's.
 void beacon() {
-    pa_sample_spec format{PA_SAMPLE_S16LE, 44100, 2};
-    pa_buffer_attr attr{static_cast<uint32_t>(-1), 44100 * 4 / 50, static_cast<uint32_t>(-1), static_cast<uint32_t>(-1), static_cast<uint32_t>(-1)};
-    int err = 0;
-    pa_simple* pa = pa_simple_new(nullptr, "beacon", PA_STREAM_PLAYBACK, nullptr, "beacon", &format, nullptr, &attr, &err);
-    if (pa == nullptr) return;
-    const long chunk = 220, interval = 88200, beep = 4410;
-    std::vector<int16_t> samples(chunk * 2);
-    for (long frame = 0; !gStop; frame += chunk) {
-        const long nextBeep = (frame + interval - 1) / interval * interval;
-        for (long i = 0; i < chunk; ++i) {
-            const long p = (frame + i) % interval;
-            samples[i * 2] = samples[i * 2 + 1] = frame + i >= interval && p < beep ? static_cast<int16_t>(12000 * std::sin(2 * M_PI * 1000.0 * p / 44100)) : 0;
+    playBeeps(gStop, 1e9, [](Clock::time_point flash) {
+        gFlashUntilNs = std::chrono::nanoseconds(flash.time_since_epoch()).count() + 300'000'000;
+        pw_thread_loop_lock(gLoop);
+        if (flash > Clock::now() && flash < gNext) {
+            gNext = flash;
+            arm();
         }
-        pa_simple_write(pa, samples.data(), samples.size() * 2, &err);
-        if (nextBeep >= interval && nextBeep < frame + chunk) {
-            const int64_t at = nowNs() + static_cast<int64_t>(pa_simple_get_latency(pa, &err)) * 1000 - (frame + chunk - nextBeep) * 1'000'000'000 / 44100;
-            gFlashUntilNs = at + 300'000'000;
-            pw_thread_loop_lock(gLoop);
-            const auto flash = Clock::time_point(std::chrono::nanoseconds(at));
-            if (flash > Clock::now() && flash < gNext) {
-                gNext = flash;
-                arm();
-            }
-            pw_thread_loop_unlock(gLoop);
-        }
-    }
-    pa_simple_free(pa);
+        pw_thread_loop_unlock(gLoop);
+    });
 }
 
 // ---- D-Bus -----------------------------------------------------------------------------------

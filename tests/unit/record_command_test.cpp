@@ -31,7 +31,7 @@ TEST(RecordCommandTest, BadValuesAreRefusedWithTheReason) {
 TEST(VideoQualityTest, ScreenResolutionTruncatesAndStaysDefinedOnNonsense) {
     fakes::FakeDisplayProvider display;
     const auto size = [&](double w, double h) {
-        display.setSize(w, h);
+        display.setScreen(MainScreen{w, h, {{kScreenNumberKey, uint32_t{1}}}});
         return resolution(VideoQuality::screenResolution, display);
     };
     EXPECT_EQ(size(10240.9, 4320.2), (Resolution{10240, 4320}));

@@ -38,14 +38,6 @@ protected:
         dispatch->runAll();
     }
     std::string folder() const { return *fs.documents + "/Glimmerbox Recordings"; }
-    void expectOneFailure(const std::string& description) {
-        const auto reports = delegate->reports();
-        ASSERT_EQ(reports.size(), 1u);
-        EXPECT_EQ(reports[0].description, description);
-        EXPECT_EQ(reports[0].errorKind, EK::permissionDenied);
-        EXPECT_FALSE(recorder->isRecording());
-        EXPECT_TRUE(session(0).inputs().empty());
-    }
     LogCapture log;
     std::unique_ptr<FakeDispatch> dispatch;
     std::shared_ptr<ScreenRecorder> recorder;
@@ -88,47 +80,42 @@ TEST_F(RecorderTest, WholeRecordingComposesTheCameraOverTheScreen) {
     EXPECT_EQ(writers.lastInput(MediaType::video)->appendsAfterFinish, 0);
 }
 
-TEST_F(RecorderTest, PermissionRefusalsEndTheStartBeforeAnythingIsSetUp) {
-    const struct {
-        bool microphone, camera;
-        std::string text;
-    } cases[] = {{false, true, "Permission denied: Microphone access required"},
-                 {true, false, "Permission denied: Camera access required"},
-                 {false, false, "Permission denied: Microphone And Camera access required"}};
-    for (const auto& c : cases) {
-        fresh();
-        access.setAnswer(MediaType::audio, c.microphone);
-        access.setAnswer(MediaType::video, c.camera);
-        start();
-        expectOneFailure(c.text);
-    }
-    access.dropAnswers = true;  // a request that is never answered counts as refused
-    fresh();
-    start();
-    expectOneFailure("Permission denied: Microphone And Camera access required");
-}
-
 // Whatever fails while setting up, the user reads the error's text and nothing stays set up.
-// (Each capture error text is here once.)
+// (Each permission and capture error text is here once.)
 TEST(RecorderSetupTest, FailuresReportTheirTextAndCleanUp) {
     const PlatformError noRoom{"Files", 28, "No room"};
     const auto refuse = [](size_t session, std::string what) {
         return [=](RecorderWorld& w) { w.session(session).refuse = {what}; };
     };
+    const auto deny = [](bool microphone, bool camera) {
+        return [=](RecorderWorld& w) {
+            w.access.answers = {{MediaType::audio, microphone}, {MediaType::video, camera}};
+        };
+    };
+    const std::string both = "Permission denied: Microphone And Camera access required";
     const struct {
         std::function<void(RecorderWorld&)> fault;
-        std::string text;  // after "Setup failed: "; empty: "Failed to create video writer"
+        std::string text;  // without "Setup failed: " (not a refusal); empty: the writer failed
     } cases[] = {
-        {[](RecorderWorld& w) { w.display.setScreen({}); }, "No display found for screen recording"},
+        {deny(false, true), "Permission denied: Microphone access required"},
+        {deny(true, false), "Permission denied: Camera access required"},
+        {deny(false, false), both},
+        // A request that is never answered counts as refused.
+        {[](RecorderWorld& w) { w.access.dropAnswers = true; }, both},
+        {[](RecorderWorld& w) { w.display.setScreen({}); },
+         "No display found for screen recording"},
         {[](RecorderWorld& w) { w.factory.screenCaptureAllowed = false; },
          "Screen capture is unavailable. Please grant screen recording permission."},
         {refuse(0, "input video"), "Cannot add screen input to capture session"},
         {[](RecorderWorld& w) { w.factory.microphone = nullptr; }, "No microphone found"},
-        {[](RecorderWorld& w) { w.factory.microphoneError = PlatformError{"C", 1, "Cannot Record"}; },
+        {[](RecorderWorld& w) {
+             w.factory.microphoneError = PlatformError{"C", 1, "Cannot Record"};
+         },
          "Microphone setup failed: Cannot Record"},
         {refuse(0, "output video"), "Cannot add video output to capture session"},
         {refuse(0, "output audio"), "Cannot add audio output to capture session"},
-        {refuse(1, "input video"), "Camera setup failed: Cannot add camera input to capture session"},
+        {refuse(1, "input video"),
+         "Camera setup failed: Cannot add camera input to capture session"},
         {[&](RecorderWorld& w) { w.writers.makeWriterError = noRoom; }, ""},
         {[](RecorderWorld& w) { w.writers.setConfig({.canAddAudioInput = false}); }, ""},
         {[&](RecorderWorld& w) { w.writers.setConfig({.startError = noRoom}); }, ""},
@@ -145,10 +132,13 @@ TEST(RecorderSetupTest, FailuresReportTheirTextAndCleanUp) {
         dispatch.background.runPending();
         const auto reports = w.delegate->reports();
         ASSERT_EQ(reports.size(), 1u);
-        EXPECT_EQ(reports[0].description,
-                  c.text.empty() ? "Failed to create video writer" : "Setup failed: " + c.text);
-        EXPECT_EQ(reports[0].errorKind,
-                  c.text.empty() ? EK::writerCreationFailed : EK::setupFailed);
+        const bool denied = c.text.starts_with("Permission denied");
+        EXPECT_EQ(reports[0].description, c.text.empty() ? "Failed to create video writer"
+                                          : denied       ? c.text
+                                                         : "Setup failed: " + c.text);
+        EXPECT_EQ(reports[0].errorKind, c.text.empty() ? EK::writerCreationFailed
+                                        : denied       ? EK::permissionDenied
+                                                       : EK::setupFailed);
         EXPECT_FALSE(recorder->isRecording());
         EXPECT_EQ(w.session(0).starts, 0);
         EXPECT_TRUE(w.session(0).inputs().empty() && w.session(0).outputs().empty());  // cleaned up
@@ -182,12 +172,12 @@ TEST_F(RecorderTest, StopDuringTheStartsPauseFinishesTheFileAsTheOnlyOutcome) {
     for (const bool cancelled : {false, true}) {
         fresh();
         CancellationToken token;
-        dispatch->fakeSleeper().onSleep = [&] {
+        dispatch->fakeSleeper.onSleep = [&] {
             if (cancelled) token.cancel();  // as the menu's stop cancels the start's task
             recorder->stopRecording();
         };
         start(token);
-        dispatch->fakeSleeper().onSleep = nullptr;
+        dispatch->fakeSleeper.onSleep = nullptr;
         dispatch->runAll();
         EXPECT_EQ(delegate->kinds(), Strings{"stop " + folder() + "/" + kFile}) << cancelled;
         EXPECT_FALSE(recorder->hasUnfinishedRecording());
