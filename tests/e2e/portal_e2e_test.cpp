@@ -229,7 +229,7 @@ TEST(PortalE2ETest, FlashAndBeepOfTheSameInstantLandWithinOneFrame) {
     const Onsets o = findOnsets(lastLine(run.out));
     ASSERT_GE(o.audio.size(), 2u);
     ASSERT_GE(o.video.size(), 2u);
-    expectInSync(o, [](double) { return true; });
+    expectInSync(o, [](double t) { return t < 6.0; });  // a last-second beep may lack its flash
 }
 
 }  // namespace

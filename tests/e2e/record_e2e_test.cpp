@@ -222,9 +222,11 @@ TEST_F(RecordE2ETest, AudioAndVideoStayInSyncAtTheStartAndAfterTenMinutes) {
     Onsets o = findOnsets(path);
     ASSERT_GE(o.audio.size(), 3u);
     ASSERT_GE(o.video.size(), 3u);
-    // Early flashes and the flashes after the ten minutes.
+    // Early flashes and the flashes after the ten minutes; a beep in the last second may have
+    // no frame of its flash left in the file.
     expectInSync(o, [](double t) { return t < 10.0; });
-    EXPECT_GE(expectInSync(o, [&](double t) { return t > minutes * 60 - 1; }), 1);
+    EXPECT_GE(expectInSync(o, [&](double t) { return t > minutes * 60 - 1 && t < seconds - 1; }),
+              1);
 }
 
 TEST_F(RecordE2ETest, AudioAndVideoStayInSyncAfterTheProcessWasStopped) {
@@ -244,7 +246,7 @@ TEST_F(RecordE2ETest, AudioAndVideoStayInSyncAfterTheProcessWasStopped) {
     const Onsets o = findOnsets(lastLine(p->stdoutText()));
     // The picture stands still while the process is stopped (from 3 s to about 8.5 s).
     expectInSync(o, [](double t) { return t <= 2.5; });
-    EXPECT_GE(expectInSync(o, [](double t) { return t >= 9.0; }), 2)
+    EXPECT_GE(expectInSync(o, [](double t) { return t >= 9.0 && t < 15.0; }), 2)
         << "too few beeps after the stop";
 }
 
