@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "linux/capture/cursor_image.h"
 #include "linux/capture/frame_pool.h"
 #include "linux/capture/monotonic_clock.h"
 #include "recording/log.h"
@@ -45,14 +46,15 @@ inline uint32_t toBGRA(uint32_t p, bool swapRedBlue) {
     return p | 0xff000000u;
 }
 
-// A cursor bitmap kept as straight-alpha BGRA.
-struct CursorImage {
-    int width = 0;
-    int height = 0;
-    int hotX = 0;
-    int hotY = 0;
-    std::vector<uint32_t> pixels;
-};
+// Cursor bitmaps come with straight alpha; they are drawn premultiplied.
+uint32_t premultiplied(uint32_t p) {
+    const uint32_t a = p >> 24;
+    uint32_t out = p & 0xff000000u;
+    for (int shift = 0; shift <= 16; shift += 8) {
+        out |= (((p >> shift) & 0xff) * a + 127) / 255 << shift;
+    }
+    return out;
+}
 
 }  // namespace
 
@@ -256,7 +258,7 @@ struct PipeWireScreenSource::Stream {
                     for (int x = 0; x < w; ++x) {
                         uint32_t p = row[x];
                         if (rgba) p = (p & 0xff00ff00u) | ((p & 0xffu) << 16) | ((p >> 16) & 0xffu);
-                        cursor.pixels[static_cast<size_t>(y) * w + x] = p;
+                        cursor.pixels[static_cast<size_t>(y) * w + x] = premultiplied(p);
                     }
                 }
             }
@@ -264,29 +266,6 @@ struct PipeWireScreenSource::Stream {
         cursor.hotX = meta->hotspot.x;
         cursor.hotY = meta->hotspot.y;
         position = meta->position;
-    }
-
-    void drawCursor(uint8_t* frame, size_t bytesPerRow, int width, int height, int left, int top) {
-        for (int y = 0; y < cursor.height; ++y) {
-            const int fy = top + y;
-            if (fy < 0 || fy >= height) continue;
-            auto* dst = reinterpret_cast<uint32_t*>(frame + static_cast<size_t>(fy) * bytesPerRow);
-            for (int x = 0; x < cursor.width; ++x) {
-                const int fx = left + x;
-                if (fx < 0 || fx >= width) continue;
-                const uint32_t s = cursor.pixels[static_cast<size_t>(y) * cursor.width + x];
-                const uint32_t a = s >> 24;
-                if (a == 0) continue;
-                const uint32_t d = dst[fx];
-                uint32_t out = 0xff000000u;
-                for (int shift = 0; shift <= 16; shift += 8) {
-                    const uint32_t c = (((s >> shift) & 0xff) * a +
-                                        ((d >> shift) & 0xff) * (255 - a) + 127) / 255;
-                    out |= c << shift;
-                }
-                dst[fx] = out;
-            }
-        }
     }
 
     // Adds `area`, clipped to the cropped frame, unless nothing of it is left.
@@ -391,8 +370,8 @@ struct PipeWireScreenSource::Stream {
             for (int x = 0; x < width; ++x) dst[x] = toBGRA(src[x], swap);
         }
         if (cursorAt && !cursor.pixels.empty()) {
-            drawCursor(out, bytesPerRow, width, height, cursorAt->x - cursor.hotX - left,
-                       cursorAt->y - cursor.hotY - top);
+            cursor.drawInto(out, bytesPerRow, width, height, cursorAt->x - cursor.hotX - left,
+                            cursorAt->y - cursor.hotY - top);
         }
         SampleTiming timing{MediaTime::fromNanoseconds(kFrameNs), MediaTime::fromNanoseconds(stamp),
                             MediaTime::invalid()};

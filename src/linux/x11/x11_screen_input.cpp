@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "linux/capture/cursor_image.h"
 #include "linux/capture/frame_pool.h"
 #include "linux/capture/monotonic_clock.h"
 #include "linux/x11/x11_display.h"
@@ -188,13 +189,16 @@ public:
         } else if (!queryPointer(display, x, y)) {
             return std::nullopt;
         }
-        located_ = PixelArea{x - xhot_ - area.x, y - yhot_ - area.y, width_, height_};
+        located_ = PixelArea{x - image_.hotX - area.x, y - image_.hotY - area.y, image_.width,
+                             image_.height};
         return located_;
     }
 
     // Draws the cursor where locate() last found it.
     void draw(uint8_t* frame, size_t bytesPerRow, int frameWidth, int frameHeight) const {
-        if (located_) blend(frame, bytesPerRow, frameWidth, frameHeight, located_->x, located_->y);
+        if (located_) {
+            image_.drawInto(frame, bytesPerRow, frameWidth, frameHeight, located_->x, located_->y);
+        }
     }
 
 private:
@@ -202,14 +206,14 @@ private:
         std::unique_ptr<XFixesCursorImage, decltype(&freeImage)> image(
             XFixesGetCursorImage(display), &freeImage);
         if (!image) return false;
-        width_ = image->width;
-        height_ = image->height;
-        xhot_ = image->xhot;
-        yhot_ = image->yhot;
-        pixels_.resize(static_cast<size_t>(width_) * height_);
+        image_.width = image->width;
+        image_.height = image->height;
+        image_.hotX = image->xhot;
+        image_.hotY = image->yhot;
+        image_.pixels.resize(static_cast<size_t>(image_.width) * image_.height);
         // Xlib hands out 32-bit pixels in longs; ARGB in a little-endian word is BGRA in memory.
-        for (size_t i = 0; i < pixels_.size(); ++i) {
-            pixels_[i] = static_cast<uint32_t>(image->pixels[i]);
+        for (size_t i = 0; i < image_.pixels.size(); ++i) {
+            image_.pixels[i] = static_cast<uint32_t>(image->pixels[i]);
         }
         x = image->x;
         y = image->y;
@@ -229,48 +233,11 @@ private:
 
     static int freeImage(XFixesCursorImage* image) { return XFree(image); }
 
-    // Premultiplied source-over; the frame stays opaque.
-    void blend(uint8_t* frame, size_t bytesPerRow, int frameWidth, int frameHeight, int left,
-               int top) const {
-        const int firstRow = std::max(0, -top);
-        const int lastRow = std::min(height_, frameHeight - top);
-        const int firstCol = std::max(0, -left);
-        const int lastCol = std::min(width_, frameWidth - left);
-        for (int row = firstRow; row < lastRow; ++row) {
-            auto* dst =
-                reinterpret_cast<uint32_t*>(frame + static_cast<size_t>(top + row) * bytesPerRow) +
-                left;
-            const uint32_t* src = pixels_.data() + static_cast<size_t>(row) * width_;
-            for (int col = firstCol; col < lastCol; ++col) {
-                const uint32_t s = src[col];
-                const uint32_t alpha = s >> 24;
-                if (alpha == 0) continue;
-                if (alpha == 255) {
-                    dst[col] = s;
-                    continue;
-                }
-                const uint32_t d = dst[col];
-                const uint32_t keep = 255 - alpha;
-                uint32_t out = 0xff000000u;
-                for (int shift = 0; shift <= 16; shift += 8) {
-                    const uint32_t channel =
-                        ((s >> shift) & 0xff) + (((d >> shift) & 0xff) * keep + 127) / 255;
-                    out |= std::min<uint32_t>(channel, 255) << shift;
-                }
-                dst[col] = out;
-            }
-        }
-    }
-
     bool available_ = false;
     int eventBase_ = 0;
     bool stale_ = true;
     std::optional<PixelArea> located_;
-    int width_ = 0;
-    int height_ = 0;
-    int xhot_ = 0;
-    int yhot_ = 0;
-    std::vector<uint32_t> pixels_;
+    CursorImage image_;
 };
 
 }  // namespace
