@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -63,6 +64,10 @@ int main(int argc, char** argv) {
     // Frames are megabytes each. A fixed mmap threshold hands freed frames straight back to the
     // system instead of letting glibc's adaptive threshold keep them in the heap.
     mallopt(M_MMAP_THRESHOLD, 1 << 20);
+    // Nor should the kernel back them with huge pages: it zeroes 2 MB at the first touch of any
+    // byte, and the encoder's padded pictures and a still screen's rows are touched sparsely.
+    // Measured: a twentieth of a CPU-second less at every recording's start, for no loss after.
+    prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0);
     gb::installPlatformErrorHandlers();
     const std::vector<std::string> args(argv + 1, argv + argc);
     if (args.empty()) return gb::runTray(argc, argv);

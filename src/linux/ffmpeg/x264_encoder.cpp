@@ -1,5 +1,6 @@
 #include "linux/ffmpeg/x264_encoder.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -27,8 +28,15 @@ std::unique_ptr<X264Encoder> X264Encoder::open(const Settings& s) {
     p.b_vfr_input = 1;
     p.i_timebase_num = static_cast<uint32_t>(s.timeBase.num);
     p.i_timebase_den = static_cast<uint32_t>(s.timeBase.den);
-    p.rc.i_rc_method = X264_RC_ABR;
-    p.rc.i_bitrate = static_cast<int>(s.bitRate / 1000);
+    // The quantizer of each picture comes from our own average bit-rate control: x264's would
+    // first measure every picture on a half-size copy, the larger part of the cost of a picture
+    // that barely changed.
+    p.rc.i_rc_method = X264_RC_CQP;
+    // x264 holds a given quantizer within the span of its own constant ones for I, P and B
+    // pictures, which these factors (its extremes) stretch beyond 0-51.
+    p.rc.i_qp_constant = 26;
+    p.rc.f_ip_factor = 0.01F;
+    p.rc.f_pb_factor = 0.01F;
     p.b_cabac = s.cabac ? 1 : 0;
     // Weighted prediction would stop x264 from skipping unchanged macroblocks unanalysed.
     p.analyse.i_weighted_pred = X264_WEIGHTP_NONE;
@@ -49,6 +57,8 @@ std::unique_ptr<X264Encoder> X264Encoder::open(const Settings& s) {
     if (e->encoder_ == nullptr || e->packet_ == nullptr) return nullptr;
     e->width_ = s.width;
     e->height_ = s.height;
+    e->timeBase_ = s.timeBase;
+    e->rate_.emplace(s.bitRate, e->macroblocksAcross() * e->macroblocksDown());
     x264_nal_t* nals = nullptr;
     int count = 0;
     if (x264_encoder_headers(e->encoder_, &nals, &count) < 0) return nullptr;
@@ -89,7 +99,14 @@ int X264Encoder::encode(const AVFrame* frame, bool keyFrame, const std::vector<u
     in.i_pts = frame->pts;
     in.i_type = keyFrame ? X264_TYPE_IDR : X264_TYPE_AUTO;
     const size_t macroblocks = static_cast<size_t>(macroblocksAcross()) * macroblocksDown();
-    if (unchanged.size() == macroblocks) {
+    const bool marked = unchanged.size() == macroblocks;
+    const auto changed = marked ? std::count(unchanged.begin(), unchanged.end(), uint8_t{0})
+                                : static_cast<std::ptrdiff_t>(macroblocks);
+    if (firstPts_ == AV_NOPTS_VALUE) firstPts_ = frame->pts;
+    const double seconds = static_cast<double>(frame->pts - firstPts_) * av_q2d(timeBase_);
+    pending_.push_back(rate_->plan(seconds, static_cast<int>(changed), keyFrame));
+    in.i_qpplus1 = pending_.back().quantizer + 1;
+    if (marked) {
         // x264 may keep it past this call; it frees its own copy.
         auto* info = static_cast<uint8_t*>(std::malloc(macroblocks));
         if (info != nullptr) {
@@ -107,6 +124,12 @@ int X264Encoder::encode(const AVFrame* frame, bool keyFrame, const std::vector<u
 int X264Encoder::emit(int bytes, void* nalList, int count, const void* picture,
                       const Output& output) {
     if (bytes == 0) return 0;
+    // Pictures come out in the order they went in, one call late (x264 waits for the next one's
+    // time to know how long each lasts).
+    if (!pending_.empty()) {
+        rate_->encoded(pending_.front(), int64_t{bytes} * 8);
+        pending_.pop_front();
+    }
     const auto* nals = static_cast<const x264_nal_t*>(nalList);
     const auto* pic = static_cast<const x264_picture_t*>(picture);
     const int extra = static_cast<int>(sei_.size());

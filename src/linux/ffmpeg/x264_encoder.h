@@ -1,12 +1,15 @@
-// H.264 through libx264 itself, for the one thing FFmpeg's wrapper cannot pass on: which
-// macroblocks are the same as in the frame before, so that x264 skips them without analysis.
+// H.264 through libx264 itself, for what FFmpeg's wrapper cannot pass on: which macroblocks are
+// the same as in the frame before, so that x264 skips them without analysis, and the quantizer
+// of each picture from our own average bit-rate control, which needs no half-size analysis.
 //
 // Threads: one caller at a time (the writer's encoding thread). Owns its x264 encoder; the
 // pictures passed in stay the caller's.
 #pragma once
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +18,8 @@ extern "C" {
 #include <libavutil/frame.h>
 #include <libavutil/rational.h>
 }
+
+#include "portable/average_bit_rate.h"
 
 struct x264_t;
 
@@ -63,6 +68,10 @@ private:
     std::vector<uint8_t> headers_;
     std::vector<uint8_t> sei_;  // x264's own SEI, sent with the first picture
     AVPacket* packet_ = nullptr;
+    AVRational timeBase_{1, 90000};
+    int64_t firstPts_ = AV_NOPTS_VALUE;
+    std::optional<AverageBitRate> rate_;
+    std::deque<AverageBitRate::Plan> pending_;  // pictures in x264, oldest first
 };
 
 }  // namespace gb::linuxp

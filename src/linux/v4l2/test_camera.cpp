@@ -175,6 +175,7 @@ private:
         const int height;
         CameraFramePool pool;
         std::vector<uint8_t> background;
+        std::vector<const uint8_t*> drawn;  // slots already holding a whole picture
         // Written only by the capture thread while it runs; read after it has been joined.
         CameraFrameTotals totals;
     };
@@ -200,7 +201,17 @@ private:
                 if (stop.stop_requested()) break;
                 const MediaTime stamp = monotonicNow();
                 if (auto lease = c.pool.acquire()) {
-                    std::memcpy(lease->data(), c.background.data(), c.background.size());
+                    // A slot keeps its picture: once drawn whole, only the band with the moving
+                    // parts needs the background again.
+                    size_t from = 0;
+                    if (std::find(c.drawn.begin(), c.drawn.end(), lease->data()) == c.drawn.end()) {
+                        c.drawn.push_back(lease->data());
+                    } else {
+                        from = static_cast<size_t>(Layout(c.width, c.height).barsBottom) *
+                               lease->bytesPerRow();
+                    }
+                    std::memcpy(lease->data() + from, c.background.data() + from,
+                                c.background.size() - from);
                     drawMovingParts(lease->data(), c.width, c.height, lease->bytesPerRow(), frame);
                     ++c.totals.delivered;
                     deliver(

@@ -440,13 +440,12 @@ private:
         std::optional<PixelArea> cursor;  // where the cursor was drawn into it
     };
 
-    // One grab into each buffer: the first touch of a page is slow on both sides.
+    // One grab before the recording starts proves the screen can be read and touches the buffer
+    // the first frame goes into. The other buffers are touched when first used: a still screen
+    // never needs most of them.
     int warmUp() {
-        for (int i = 0; i < pool_->size(); ++i) {
-            int64_t stamp = 0;
-            if (int error = grab(i, stamp); error != 0) return error;
-        }
-        return 0;
+        int64_t stamp = 0;
+        return grab(0, stamp);
     }
 
     // Asks the server for damage reports on the root window, one event per drawn rectangle. Without
