@@ -27,8 +27,7 @@ double encode(AverageBitRate& control, double& clock, double seconds, double rat
         EXPECT_GE(plan.quantizer, AverageBitRate::kLowest);
         EXPECT_LE(plan.quantizer, AverageBitRate::kHighest);
         const int coded = key ? kMacroblocks : changed;
-        const double bits =
-            200 + coded * bitsAtTwentySix * std::exp2(-(plan.quantizer - 26) / 6.0);
+        const double bits = 200 + coded * bitsAtTwentySix * std::exp2(-(plan.quantizer - 26) / 6.0);
         inFlight.emplace_back(plan, bits);
         if (inFlight.size() > 1) {
             control.encoded(inFlight.front().first, static_cast<int64_t>(inFlight.front().second));

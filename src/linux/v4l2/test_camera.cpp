@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "linux/v4l2/camera_common.h"
 #include "linux/capture/monotonic_clock.h"
+#include "linux/v4l2/camera_common.h"
 #include "recording/log.h"
 
 namespace gb::linuxp {
