@@ -22,7 +22,6 @@ constexpr std::chrono::seconds kCorrectionLogSpacing{60};
 constexpr int64_t kKeyFrameTicks = 10 * 90'000;
 // Changed pictures are converted in bands of rows; a whole number of chroma rows.
 constexpr int kBandRows = 16;
-constexpr int kBandColumns = 64;
 
 int64_t ticksFromNanoseconds(int64_t ns, AVRational timeBase) {
     return av_rescale_q_rnd(ns, AVRational{1, 1'000'000'000}, timeBase,
@@ -107,7 +106,8 @@ Result<void> MovieEncoder::openVideo(const VideoOutputSettingsForWriter& setting
     x264.timeBase = kVideoTimeBase;
     x264.preset = x264Preset_;
     x264.profile = profile;
-    x264.cabac = settings.compression.entropyMode == "CABAC" && std::strcmp(profile, "baseline") != 0;
+    x264.cabac =
+        settings.compression.entropyMode == "CABAC" && std::strcmp(profile, "baseline") != 0;
     video_ = X264Encoder::open(x264);
     if (!video_) {
         return writerError(WriterErrorCode::encoderUnavailable,
@@ -135,8 +135,8 @@ Result<void> MovieEncoder::openVideo(const VideoOutputSettingsForWriter& setting
     par->color_space = AVCOL_SPC_BT709;
     par->color_primaries = AVCOL_PRI_BT709;
     par->color_trc = AVCOL_TRC_BT709;
-    par->extradata = static_cast<uint8_t*>(
-        av_mallocz(videoHeaders_.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    par->extradata =
+        static_cast<uint8_t*>(av_mallocz(videoHeaders_.size() + AV_INPUT_BUFFER_PADDING_SIZE));
     if (par->extradata == nullptr) {
         return fileOrCodecError(AVERROR(ENOMEM), "The video track couldn't be created");
     }
@@ -236,25 +236,28 @@ PlatformError MovieEncoder::fileOrCodecError(int averror, const char* what) cons
 
 Result<void> MovieEncoder::convertPicture(const PixelBuffer& picture) {
     AVFrame* frame = videoFrame_.get();
-    if (picture.width() != sourceWidth_ || picture.height() != sourceHeight_ || !scaler_) {
+    if (picture.width() != sourceWidth_ || picture.height() != sourceHeight_) {
         sourceWidth_ = picture.width();
         sourceHeight_ = picture.height();
         picture_ = letterboxRect(sourceWidth_, sourceHeight_, frame->width, frame->height);
-        const bool sameSize = picture_.width == sourceWidth_ && picture_.height == sourceHeight_;
-        scaler_.reset(sws_getContext(
-            sourceWidth_, sourceHeight_, AV_PIX_FMT_BGRA, picture_.width, picture_.height,
-            AV_PIX_FMT_YUV420P, sameSize ? SWS_POINT : SWS_BILINEAR, nullptr, nullptr, nullptr));
-        if (!scaler_) {
-            return writerError(WriterErrorCode::encodeFailed,
-                               "Frames of " + std::to_string(sourceWidth_) + "x" +
-                                   std::to_string(sourceHeight_) + " can't be converted.");
+        unscaled_ = picture_.width == sourceWidth_ && picture_.height == sourceHeight_ &&
+                    picture_.width == frame->width && picture_.height == frame->height;
+        scaler_.reset();
+        if (!unscaled_) {
+            scaler_.reset(sws_getContext(sourceWidth_, sourceHeight_, AV_PIX_FMT_BGRA,
+                                         picture_.width, picture_.height, AV_PIX_FMT_YUV420P,
+                                         SWS_BILINEAR, nullptr, nullptr, nullptr));
+            if (!scaler_) {
+                return writerError(WriterErrorCode::encodeFailed,
+                                   "Frames of " + std::to_string(sourceWidth_) + "x" +
+                                       std::to_string(sourceHeight_) + " can't be converted.");
+            }
+            // Full-range RGB in, BT.709 limited-range video out (as the stream is tagged).
+            const int* rgb = sws_getCoefficients(SWS_CS_DEFAULT);
+            const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
+            sws_setColorspaceDetails(scaler_.get(), rgb, 1, bt709, 0, 0, 1 << 16, 1 << 16);
         }
-        // Full-range RGB in, BT.709 limited-range video out (as the stream is tagged).
-        const int* rgb = sws_getCoefficients(SWS_CS_DEFAULT);
-        const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
-        sws_setColorspaceDetails(scaler_.get(), rgb, 1, bt709, 0, 0, 1 << 16, 1 << 16);
         convertedPicture_ = 0;
-        bandScalers_.clear();
         if (picture_.width != frame->width || picture_.height != frame->height) {
             logLine("Writer: letterboxing " + std::to_string(sourceWidth_) + "x" +
                     std::to_string(sourceHeight_) + " frames into " + std::to_string(frame->width) +
@@ -266,32 +269,34 @@ Result<void> MovieEncoder::convertPicture(const PixelBuffer& picture) {
     }
     // The frame still holds the last picture converted: redo only what changed since.
     const PictureChanges& changes = picture.changes();
-    const bool unscaled = picture_.width == sourceWidth_ && picture_.height == sourceHeight_ &&
-                          picture_.width == frame->width && picture_.height == frame->height;
-    if (unscaled && convertedPicture_ != 0 &&
+    if (unscaled_ && convertedPicture_ != 0 &&
         (changes.picture == convertedPicture_ || changes.relativeTo(convertedPicture_))) {
         const bool same = changes.picture == convertedPicture_;
-        const Result<void> converted = same ? Result<void>{} : convertChanges(picture);
-        convertedPicture_ = converted ? changes.picture : 0;
+        if (!same) convertChanges(picture);
+        convertedPicture_ = changes.picture;
         // x264 skips the macroblocks that no change touched without looking at them.
-        unchangedMacroblocks_.assign(static_cast<size_t>(video_->macroblocksAcross()) *
-                                         video_->macroblocksDown(),
-                                     converted ? 1 : 0);
+        const int across = video_->macroblocksAcross();
+        const int down = video_->macroblocksDown();
+        unchangedMacroblocks_.assign(static_cast<size_t>(across) * down, 1);
         for (const PixelArea& area : same ? std::vector<PixelArea>{} : changes.areas) {
-            const int across = video_->macroblocksAcross();
             const int x0 = std::clamp(area.x / 16, 0, across);
             const int x1 = std::clamp((area.x + area.width + 15) / 16, 0, across);
-            const int y0 = std::clamp(area.y / 16, 0, video_->macroblocksDown());
-            const int y1 = std::clamp((area.y + area.height + 15) / 16, 0, video_->macroblocksDown());
+            const int y0 = std::clamp(area.y / 16, 0, down);
+            const int y1 = std::clamp((area.y + area.height + 15) / 16, 0, down);
             for (int y = y0; y < y1; ++y) {
                 std::fill_n(unchangedMacroblocks_.begin() + static_cast<ptrdiff_t>(y) * across + x0,
                             std::max(0, x1 - x0), 0);
             }
         }
-        return converted;
+        return {};
     }
     unchangedMacroblocks_.clear();
     convertedPicture_ = changes.picture;
+    if (unscaled_) {
+        convertBgraToI420(picture.baseAddress(), picture.bytesPerRow(), sourceWidth_, sourceHeight_,
+                          planesAt(0, 0));
+        return {};
+    }
     if (picture_.width != frame->width || picture_.height != frame->height) {
         for (int plane = 0; plane < 3; ++plane) {
             const int rows = plane == 0 ? frame->height : (frame->height + 1) / 2;
@@ -299,71 +304,47 @@ Result<void> MovieEncoder::convertPicture(const PixelBuffer& picture) {
                         static_cast<size_t>(frame->linesize[plane]) * rows);
         }
     }
-    uint8_t* destination[4] = {
-        frame->data[0] + static_cast<ptrdiff_t>(picture_.y) * frame->linesize[0] + picture_.x,
-        frame->data[1] + static_cast<ptrdiff_t>(picture_.y / 2) * frame->linesize[1] +
-            picture_.x / 2,
-        frame->data[2] + static_cast<ptrdiff_t>(picture_.y / 2) * frame->linesize[2] +
-            picture_.x / 2,
-        nullptr};
+    const I420Planes at = planesAt(picture_.x, picture_.y);
+    uint8_t* destination[4] = {at.y, at.u, at.v, nullptr};
     const uint8_t* source[4] = {picture.baseAddress(), nullptr, nullptr, nullptr};
     const int sourceStride[4] = {static_cast<int>(picture.bytesPerRow()), 0, 0, 0};
     sws_scale(scaler_.get(), source, sourceStride, 0, sourceHeight_, destination, frame->linesize);
     return {};
 }
 
-Result<void> MovieEncoder::convertChanges(const PixelBuffer& picture) {
+I420Planes MovieEncoder::planesAt(int x, int y) const {
+    const AVFrame* frame = videoFrame_.get();
+    const auto stride = [frame](int plane) { return static_cast<size_t>(frame->linesize[plane]); };
+    return {frame->data[0] + static_cast<size_t>(y) * stride(0) + x,         stride(0),
+            frame->data[1] + static_cast<size_t>(y / 2) * stride(1) + x / 2, stride(1),
+            frame->data[2] + static_cast<size_t>(y / 2) * stride(2) + x / 2, stride(2)};
+}
+
+void MovieEncoder::convertChanges(const PixelBuffer& picture) {
     const int bands = (sourceHeight_ + kBandRows - 1) / kBandRows;
     // Per band of rows, the columns that changed: [left, right), empty when left >= right.
     changedBands_.assign(static_cast<size_t>(bands), {sourceWidth_, 0});
     for (const PixelArea& area : picture.changes().areas) {
         const int first = std::clamp(area.y / kBandRows, 0, bands);
         const int last = std::clamp((area.y + area.height + kBandRows - 1) / kBandRows, 0, bands);
-        // Whole blocks of columns: fewer scaler sizes, and even ones for the halved chroma.
-        const int left = std::clamp(area.x / kBandColumns * kBandColumns, 0, sourceWidth_);
-        const int right = std::clamp((area.x + area.width + kBandColumns - 1) / kBandColumns *
-                                         kBandColumns, 0, sourceWidth_);
+        // Even columns, so that chroma covers the same pixel pairs as a whole conversion.
+        const int left = std::clamp(area.x / 2 * 2, 0, sourceWidth_);
+        const int right = std::clamp((area.x + area.width + 1) / 2 * 2, 0, sourceWidth_);
         for (int band = first; band < last; ++band) {
             auto& [from, to] = changedBands_[static_cast<size_t>(band)];
             from = std::min(from, left);
             to = std::max(to, right);
         }
     }
-    AVFrame* frame = videoFrame_.get();
-    const int* rgb = sws_getCoefficients(SWS_CS_DEFAULT);
-    const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
     for (int band = 0; band < bands; ++band) {
         const auto [left, right] = changedBands_[static_cast<size_t>(band)];
         if (left >= right) continue;
         const int top = band * kBandRows;
-        const int rows = std::min(kBandRows, sourceHeight_ - top);
-        const int columns = right - left;
-        // A context a size: each call is a picture of its own, as the scaler takes slices only in
-        // order from the top.
-        SwsPtr& scaler = bandScalers_[{columns, rows}];
-        if (!scaler) {
-            scaler.reset(sws_getContext(columns, rows, AV_PIX_FMT_BGRA, columns, rows,
-                                        AV_PIX_FMT_YUV420P, SWS_POINT, nullptr, nullptr, nullptr));
-            if (!scaler) {
-                return writerError(WriterErrorCode::encodeFailed,
-                                   "Areas of " + std::to_string(columns) + "x" +
-                                       std::to_string(rows) + " can't be converted.");
-            }
-            sws_setColorspaceDetails(scaler.get(), rgb, 1, bt709, 0, 0, 1 << 16, 1 << 16);
-        }
-        uint8_t* destination[4] = {
-            frame->data[0] + static_cast<ptrdiff_t>(top) * frame->linesize[0] + left,
-            frame->data[1] + static_cast<ptrdiff_t>(top / 2) * frame->linesize[1] + left / 2,
-            frame->data[2] + static_cast<ptrdiff_t>(top / 2) * frame->linesize[2] + left / 2,
-            nullptr};
-        const uint8_t* source[4] = {picture.baseAddress() +
-                                        static_cast<size_t>(top) * picture.bytesPerRow() +
-                                        static_cast<size_t>(left) * 4,
-                                    nullptr, nullptr, nullptr};
-        const int sourceStride[4] = {static_cast<int>(picture.bytesPerRow()), 0, 0, 0};
-        sws_scale(scaler.get(), source, sourceStride, 0, rows, destination, frame->linesize);
+        convertBgraToI420(picture.baseAddress() + static_cast<size_t>(top) * picture.bytesPerRow() +
+                              static_cast<size_t>(left) * 4,
+                          picture.bytesPerRow(), right - left,
+                          std::min(kBandRows, sourceHeight_ - top), planesAt(left, top));
     }
-    return {};
 }
 
 Result<void> MovieEncoder::encodeVideo(SampleBufferRef sample, MediaTime sessionStart) {

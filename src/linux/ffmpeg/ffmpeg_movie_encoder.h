@@ -17,7 +17,6 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,11 +25,12 @@
 
 #include "linux/ffmpeg/ffmpeg_handles.h"
 #include "linux/ffmpeg/x264_encoder.h"
-#include "portable/audio_sync_corrector.h"
-#include "portable/letterbox.h"
 #include "platform/asset_writer.h"
 #include "platform/media.h"
 #include "platform/result.h"
+#include "portable/audio_sync_corrector.h"
+#include "portable/bgra_to_i420.h"
+#include "portable/letterbox.h"
 
 namespace gb::linuxp {
 
@@ -99,7 +99,9 @@ private:
 
     Result<void> convertPicture(const PixelBuffer& picture);
     // Converts the bands of rows that the picture's changes touch into the frame.
-    Result<void> convertChanges(const PixelBuffer& picture);
+    void convertChanges(const PixelBuffer& picture);
+    // The frame's planes from pixel (x, y) on; x and y even.
+    [[nodiscard]] I420Planes planesAt(int x, int y) const;
     Result<void> showLastPictureUntilAudioEnds();
     Result<void> ensureResampler(const AudioBuffer& audio);
     Result<void> writeSilence(int64_t frames);
@@ -134,7 +136,8 @@ private:
     std::vector<uint8_t> unchangedMacroblocks_;
     AVStream* videoStream_ = nullptr;
     FramePtr videoFrame_;
-    SwsPtr scaler_;
+    SwsPtr scaler_;          // only for pictures of another size than the movie's
+    bool unscaled_ = false;  // pictures of the movie's size: converted by our own loop
     int sourceWidth_ = 0;
     int sourceHeight_ = 0;
     LetterboxRect picture_;
@@ -143,8 +146,7 @@ private:
     int64_t lastKeyPts_ = -1;
     // The number of the picture the frame holds (0: none known), for converting only changes.
     uint64_t convertedPicture_ = 0;
-    std::map<std::pair<int, int>, SwsPtr> bandScalers_;  // by columns and rows converted
-    std::vector<std::pair<int, int>> changedBands_;      // columns [first, second) per band
+    std::vector<std::pair<int, int>> changedBands_;  // columns [first, second) per band
     // (pts, duration) of the frames in flight: the encoder hands packets back without durations.
     std::array<std::pair<int64_t, int64_t>, 8> videoDurations_{};
     size_t videoDurationNext_ = 0;
