@@ -180,9 +180,16 @@ Result<void> MovieEncoder::openAudio(const AudioOutputSettingsForWriter& setting
     c->profile = FF_PROFILE_AAC_LOW;
     c->time_base = AVRational{1, rate};
     c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    if (const int rc = avcodec_open2(c, codec, nullptr); rc < 0) {
-        return fileOrCodecError(rc, "The AAC encoder couldn't be started");
-    }
+    // FFmpeg's default AAC search costs a still screen's recording half its CPU; its fast coder
+    // takes half that and is clean at 128 kbit/s. Noise substitution and intensity stereo are
+    // for lower rates.
+    AVDictionary* aacOptions = nullptr;
+    av_dict_set(&aacOptions, "aac_coder", "fast", 0);
+    av_dict_set(&aacOptions, "aac_pns", "0", 0);
+    av_dict_set(&aacOptions, "aac_is", "0", 0);
+    const int opened = avcodec_open2(c, codec, &aacOptions);
+    av_dict_free(&aacOptions);
+    if (opened < 0) return fileOrCodecError(opened, "The AAC encoder couldn't be started");
     audioStream_ = avformat_new_stream(muxer_.get(), nullptr);
     if (audioStream_ == nullptr) {
         return fileOrCodecError(AVERROR(ENOMEM), "The audio track couldn't be created");
