@@ -13,9 +13,9 @@
 #include <thread>
 
 #include "linux/capture/monotonic_clock.h"
+#include "linux/pulse/pulse_connection.h"
 #include "portable/audio_buffer_pool.h"
 #include "portable/audio_timeline.h"
-#include "linux/pulse/pulse_connection.h"
 #include "recording/log.h"
 
 namespace gb::linuxp {
@@ -26,13 +26,14 @@ using Clock = PulseConnection::Clock;
 constexpr const char* kClientName = "Glimmerbox";
 // Opening the recording stream: connecting, then the server setting the stream up.
 constexpr std::chrono::milliseconds kStartTimeout{2000};
-// What the server is asked to hand over at a time; also bounds how late a chunk is.
-constexpr pa_usec_t kFragmentMicroseconds = 20'000;
+// What the server is asked to hand over at a time: each chunk wakes three threads, which on a
+// still screen is most of what a recording costs. Also bounds how late a chunk is.
+constexpr pa_usec_t kFragmentMicroseconds = 40'000;
 // Audio captured longer ago than this is a backlog (the process was stopped or starved).
 constexpr int64_t kBacklogNanoseconds = 200'000'000;
 // A delivered buffer holds at most this much; larger reads are split.
 constexpr int kMaxChunkMilliseconds = 100;
-// About a second and a half of 20 ms chunks may be in the hands of the consumers at once.
+// About three seconds of 40 ms chunks may be in the hands of the consumers at once.
 constexpr size_t kPoolBuffers = 72;
 
 // Anything beyond this is not a believable capture latency.
@@ -146,8 +147,8 @@ PulseRecording::PulseRecording(const PulseSourceDescription& source, Deliver del
             static_cast<uint8_t>(source.channels)},
       frameBytes_(kBytesPerSample * static_cast<size_t>(source.channels)),
       maxChunkFrames_(std::max(1, source.sampleRate * kMaxChunkMilliseconds / 1000)),
-      fragmentFrames_(static_cast<int64_t>(pa_usec_to_bytes(kFragmentMicroseconds, &spec_) /
-                                           frameBytes_)),
+      fragmentFrames_(
+          static_cast<int64_t>(pa_usec_to_bytes(kFragmentMicroseconds, &spec_) / frameBytes_)),
       timeline_(source.sampleRate),
       pool_(AudioBufferPool::make(kPoolBuffers,
                                   static_cast<size_t>(maxChunkFrames_) * frameBytes_)) {}
@@ -334,8 +335,8 @@ std::optional<int64_t> PulseRecording::serverFirstFrameNanoseconds() const {
     const int64_t ageOfNewest = std::clamp<int64_t>(static_cast<int64_t>(timing->source_usec), 0,
                                                     kMaxSourceLatencyMicroseconds) *
                                 1000;
-    const int64_t aheadNanoseconds = ahead >= 0 ? timeline_.durationNanoseconds(ahead)
-                                                : -timeline_.durationNanoseconds(-ahead);
+    const int64_t aheadNanoseconds =
+        ahead >= 0 ? timeline_.durationNanoseconds(ahead) : -timeline_.durationNanoseconds(-ahead);
     return monotonicNow - reportAge - ageOfNewest - aheadNanoseconds;
 }
 
@@ -486,10 +487,10 @@ private:
     const PulseSourceDescription source_;
     std::mutex mutex_;
     std::unique_ptr<PulseRecording> recording_;  // guarded by mutex_
-    bool started_ = false;                        // guarded by mutex_
-    std::mutex targetMutex_;                      // taken by the capture thread per delivery
-    Deliver deliver_;                             // guarded by targetMutex_
-    Interrupted interrupted_;                     // guarded by targetMutex_
+    bool started_ = false;                       // guarded by mutex_
+    std::mutex targetMutex_;                     // taken by the capture thread per delivery
+    Deliver deliver_;                            // guarded by targetMutex_
+    Interrupted interrupted_;                    // guarded by targetMutex_
 };
 
 PulseMicrophoneInput::PulseMicrophoneInput(PulseSourceDescription source)
