@@ -55,11 +55,16 @@ struct Layout {
           innerTop(border),
           innerRight(even(width - border)),
           innerBottom(even(height - border)),
-          barsBottom(even(innerTop + (innerBottom - innerTop) * 2 / 3)) {}
+          barsBottom(even(innerTop + (innerBottom - innerTop) * 2 / 3)),
+          margin(std::max(2, even((innerBottom - barsBottom) / 10))),
+          sweepTop(barsBottom + margin),
+          sweepBottom(even(barsBottom + (innerBottom - barsBottom) / 2)) {}
 
     int border;
     int innerLeft, innerTop, innerRight, innerBottom;
-    int barsBottom;  // the colour bars above, the band with the moving parts below
+    int barsBottom;             // the colour bars above, the band with the moving parts below
+    int margin;                 // around the moving parts
+    int sweepTop, sweepBottom;  // the rows the sweeping block moves in
 };
 
 void fill(uint8_t* pixels, size_t bytesPerRow, int left, int top, int right, int bottom,
@@ -95,13 +100,12 @@ void drawBackground(uint8_t* pixels, int width, int height, size_t bytesPerRow) 
 void drawMovingParts(uint8_t* pixels, int width, int height, size_t bytesPerRow,
                      uint64_t frameNumber) {
     const Layout l(width, height);
-    const int bandHeight = l.innerBottom - l.barsBottom;
-    const int margin = std::max(2, even(bandHeight / 10));
+    const int margin = l.margin;
     const int innerWidth = l.innerRight - l.innerLeft;
 
     // Upper half of the band: a block sweeping left to right.
-    const int sweepTop = l.barsBottom + margin;
-    const int sweepBottom = even(l.barsBottom + bandHeight / 2);
+    const int sweepTop = l.sweepTop;
+    const int sweepBottom = l.sweepBottom;
     const int blockWidth = even(innerWidth / 8);
     const int travel = innerWidth - blockWidth;
     const int x =
@@ -201,17 +205,23 @@ private:
                 if (stop.stop_requested()) break;
                 const MediaTime stamp = monotonicNow();
                 if (auto lease = c.pool.acquire()) {
-                    // A slot keeps its picture: once drawn whole, only the band with the moving
-                    // parts needs the background again.
-                    size_t from = 0;
+                    // A slot keeps its picture: once drawn whole, only the rows the block
+                    // sweeps need the background again (the counter's cells are all redrawn).
+                    int top = 0;
+                    int bottom = c.height;
                     if (std::find(c.drawn.begin(), c.drawn.end(), lease->data()) == c.drawn.end()) {
                         c.drawn.push_back(lease->data());
                     } else {
-                        from = static_cast<size_t>(Layout(c.width, c.height).barsBottom) *
-                               lease->bytesPerRow();
+                        const Layout l(c.width, c.height);
+                        top = l.sweepTop;
+                        bottom = l.sweepBottom;
                     }
-                    std::memcpy(lease->data() + from, c.background.data() + from,
-                                c.background.size() - from);
+                    const size_t rowBytes = static_cast<size_t>(c.width) * 4;
+                    for (int y = top; y < bottom; ++y) {
+                        std::memcpy(lease->data() + static_cast<size_t>(y) * lease->bytesPerRow(),
+                                    c.background.data() + static_cast<size_t>(y) * rowBytes,
+                                    rowBytes);
+                    }
                     drawMovingParts(lease->data(), c.width, c.height, lease->bytesPerRow(), frame);
                     ++c.totals.delivered;
                     deliver(
