@@ -181,8 +181,8 @@ Result<void> MovieEncoder::openAudio(const AudioOutputSettingsForWriter& setting
     c->time_base = AVRational{1, rate};
     c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     // FFmpeg's default AAC search costs a still screen's recording half its CPU; its fast coder
-    // takes half that and is clean at 128 kbit/s. Noise substitution and intensity stereo are
-    // for lower rates.
+    // takes half that, and FFmpeg documents it as worse only below 64 kbit/s. Noise substitution
+    // and intensity stereo are for lower rates.
     AVDictionary* aacOptions = nullptr;
     av_dict_set(&aacOptions, "aac_coder", "fast", 0);
     av_dict_set(&aacOptions, "aac_pns", "0", 0);
