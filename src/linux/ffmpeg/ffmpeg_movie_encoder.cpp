@@ -255,6 +255,7 @@ Result<void> MovieEncoder::convertPicture(const PixelBuffer& picture) {
                                          picture_.width, picture_.height, AV_PIX_FMT_YUV420P,
                                          SWS_BILINEAR, nullptr, nullptr, nullptr));
             if (!scaler_) {
+                sourceWidth_ = sourceHeight_ = 0;  // the next picture tries again, never unscaled
                 return writerError(WriterErrorCode::encodeFailed,
                                    "Frames of " + std::to_string(sourceWidth_) + "x" +
                                        std::to_string(sourceHeight_) + " can't be converted.");
